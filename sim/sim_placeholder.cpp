@@ -1,0 +1,4 @@
+// The emulator library; its parts live beside this file.
+namespace trovsim {
+int LinkAnchor() { return 0; }
+}

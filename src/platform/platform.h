@@ -1,0 +1,150 @@
+// The one seam between the provider's logic and the operating system.
+//
+// Everything the logic needs of its host goes through Platform: the settings store, the
+// directories where the proxy configuration is looked for, the local heartbeat channel, event
+// reports, the debugger sink, the clock, named recursive mutexes, GUIDs, task-memory blocks and
+// the host's version. Platform::Default() is the Linux implementation; tests derive from
+// PlatformWrapper to replace one facility and install it with Platform::Set().
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "platform/wintypes.h"
+
+// A named recursive mutex of the process-wide table. A null handle means "run unlocked".
+struct NamedMutex;
+using MutexHandle = NamedMutex*;
+
+// Event types of the event reports.
+enum EventType : uint16_t {
+    EVENTLOG_ERROR_TYPE = 1,
+    EVENTLOG_WARNING_TYPE = 2,
+    EVENTLOG_INFORMATION_TYPE = 4,
+};
+
+// Registry root of the provider's service key, and the two keys beneath it.
+#define TROV_SERVICE_KEY "SYSTEM\\CurrentControlSet\\Services\\TroviSCSIVDSProvider"
+#define TROV_PARAMETERS_KEY TROV_SERVICE_KEY "\\Parameters"
+#define TROV_DEBUG_KEY TROV_SERVICE_KEY "\\Debug"
+#define KELVANE_PARAMETERS_KEY "SYSTEM\\CurrentControlSet\\Services\\kelvane\\Parameters"
+
+// Server side of the local heartbeat channel: accept one client at a time, read, write, disconnect.
+// Error codes are positive platform numbers; 0 is success.
+class LocalChannel {
+public:
+    virtual ~LocalChannel() = default;
+    // Blocks until a client connects. Returns 0, or an error (also when Shutdown() woke it).
+    virtual uint32_t Accept() = 0;
+    // One blocking read of up to len bytes from the connected client. Returns 0 and sets *got
+    // (0 at the client's end of stream), or an error.
+    virtual uint32_t Read(void* buf, uint32_t len, uint32_t* got) = 0;
+    virtual uint32_t Write(const void* buf, uint32_t len, uint32_t* written) = 0;
+    virtual uint32_t Flush() = 0;
+    // Ends the connection with the present client; the channel stays open for the next.
+    virtual uint32_t Disconnect() = 0;
+    // Wakes a blocked Accept() or Read() for good: they return an error from now on.
+    virtual void Shutdown() = 0;
+};
+
+class Platform {
+public:
+    virtual ~Platform() = default;
+
+    // The Linux implementation; never null, lives for the process.
+    static Platform* Default();
+    // The platform the logic uses now (Default() unless a test installed another).
+    static Platform* Get();
+    // Installs p (null restores Default()). The caller keeps ownership.
+    static void Set(Platform* p);
+
+    // --- Settings store (the registry of the original, as a file in its export format) ---
+    // Each reads value `name` of key `keyPath` under HKEY_LOCAL_MACHINE. A value that is absent
+    // or of another type counts as missing: the call returns false and leaves *out alone.
+    virtual bool KeyExists(const std::string& keyPath) = 0;
+    virtual bool ReadStringValue(const std::string& keyPath, const std::string& name, std::u16string* out) = 0;
+    virtual bool ReadDwordValue(const std::string& keyPath, const std::string& name, uint32_t* out) = 0;
+
+    // --- Directories where kelvane.conf is looked for (first and last of the three places) ---
+    virtual std::string SystemDirectory() = 0;        // "/etc"
+    virtual std::string SecondSystemDirectory() = 0;  // "/usr/local/etc"
+
+    // --- Local heartbeat channel in the abstract namespace ---
+    // Creates the listening end named `name` (without the leading '@'). Null and *err set on failure.
+    virtual std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, uint32_t* err) = 0;
+
+    // --- Event reports (syslog with ident TroviSCSIVDSProvider) and the debugger sink ---
+    // Returns false when the source cannot be registered (the event is dropped).
+    virtual bool ReportEvent(EventType type, uint32_t eventId, const char* text) = 0;
+    virtual void DebuggerOutput(const char* text) = 0;
+
+    // --- Clock ---
+    virtual uint32_t TickCount() = 0;                 // milliseconds, wraps
+    virtual void Sleep(uint32_t milliseconds) = 0;
+    virtual struct tm LocalTime() = 0;
+
+    // --- Named recursive mutexes (process-wide table; the same name gives the same mutex) ---
+    virtual MutexHandle CreateNamedMutex(const char* name) = 0;
+    virtual MutexHandle OpenNamedMutex(const char* name) = 0;
+    virtual void CloseNamedMutex(MutexHandle h) = 0;
+    // 0 on a clean acquisition; no time-out.
+    virtual uint32_t WaitMutex(MutexHandle h) = 0;
+    virtual void ReleaseMutex(MutexHandle h) = 0;
+
+    // --- Identity and memory ---
+    virtual HRESULT CreateGuid(GUID* out) = 0;
+    virtual void* TaskMemAlloc(size_t bytes) = 0;     // null when exhausted
+    virtual void TaskMemFree(void* p) = 0;
+
+    // --- Host facts ---
+    virtual void HostVersion(uint32_t* major, uint32_t* minor) = 0;
+    virtual uint32_t ProcessId() = 0;
+    virtual uint32_t ThreadId() = 0;
+};
+
+// Forwards every call to a target; tests derive from it and override what they replace.
+class PlatformWrapper : public Platform {
+public:
+    explicit PlatformWrapper(Platform* target) : target_(target) {}
+    Platform* target() const { return target_; }
+
+    bool KeyExists(const std::string& k) override { return target_->KeyExists(k); }
+    bool ReadStringValue(const std::string& k, const std::string& n, std::u16string* o) override {
+        return target_->ReadStringValue(k, n, o);
+    }
+    bool ReadDwordValue(const std::string& k, const std::string& n, uint32_t* o) override {
+        return target_->ReadDwordValue(k, n, o);
+    }
+    std::string SystemDirectory() override { return target_->SystemDirectory(); }
+    std::string SecondSystemDirectory() override { return target_->SecondSystemDirectory(); }
+    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& n, uint32_t* e) override {
+        return target_->CreateLocalChannel(n, e);
+    }
+    bool ReportEvent(EventType t, uint32_t id, const char* text) override { return target_->ReportEvent(t, id, text); }
+    void DebuggerOutput(const char* text) override { target_->DebuggerOutput(text); }
+    uint32_t TickCount() override { return target_->TickCount(); }
+    void Sleep(uint32_t ms) override { target_->Sleep(ms); }
+    struct tm LocalTime() override { return target_->LocalTime(); }
+    MutexHandle CreateNamedMutex(const char* n) override { return target_->CreateNamedMutex(n); }
+    MutexHandle OpenNamedMutex(const char* n) override { return target_->OpenNamedMutex(n); }
+    void CloseNamedMutex(MutexHandle h) override { target_->CloseNamedMutex(h); }
+    uint32_t WaitMutex(MutexHandle h) override { return target_->WaitMutex(h); }
+    void ReleaseMutex(MutexHandle h) override { target_->ReleaseMutex(h); }
+    HRESULT CreateGuid(GUID* g) override { return target_->CreateGuid(g); }
+    void* TaskMemAlloc(size_t n) override { return target_->TaskMemAlloc(n); }
+    void TaskMemFree(void* p) override { target_->TaskMemFree(p); }
+    void HostVersion(uint32_t* ma, uint32_t* mi) override { target_->HostVersion(ma, mi); }
+    uint32_t ProcessId() override { return target_->ProcessId(); }
+    uint32_t ThreadId() override { return target_->ThreadId(); }
+
+private:
+    Platform* target_;
+};
+
+// Shorthands used throughout the logic.
+inline Platform* Plat() { return Platform::Get(); }
+inline void* CoTaskMemAlloc(size_t n) { return Plat()->TaskMemAlloc(n); }
+inline void CoTaskMemFree(void* p) { Plat()->TaskMemFree(p); }
+inline HRESULT CoCreateGuid(GUID* g) { return Plat()->CreateGuid(g); }

@@ -1,0 +1,233 @@
+// The Linux implementation of the Platform.
+#include <errno.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "platform/named_mutex.h"
+#include "platform/platform.h"
+#include "platform/settings.h"
+
+namespace {
+
+// Abstract-namespace stream socket: one client at a time, as a named pipe with one instance.
+class AbstractSocketChannel : public LocalChannel {
+public:
+    explicit AbstractSocketChannel(int listenFd) : listen_(listenFd) {}
+    ~AbstractSocketChannel() override {
+        Shutdown();
+        int c = client_.exchange(-1);
+        if (c >= 0) ::close(c);
+        int l = listen_.exchange(-1);
+        if (l >= 0) ::close(l);
+    }
+    uint32_t Accept() override {
+        if (client_.load() >= 0) return 0;  // still connected: the caller goes on with the same client
+        if (down_.load()) return EPIPE;
+        int fd = ::accept4(listen_.load(), nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) return static_cast<uint32_t>(errno ? errno : EPIPE);
+        if (down_.load()) {
+            ::close(fd);
+            return EPIPE;
+        }
+        client_.store(fd);
+        return 0;
+    }
+    uint32_t Read(void* buf, uint32_t len, uint32_t* got) override {
+        *got = 0;
+        int fd = client_.load();
+        if (fd < 0) return ENOTCONN;
+        ssize_t n;
+        do { n = ::recv(fd, buf, len, 0); } while (n < 0 && errno == EINTR);
+        if (n < 0) return static_cast<uint32_t>(errno);
+        *got = static_cast<uint32_t>(n);
+        return 0;
+    }
+    uint32_t Write(const void* buf, uint32_t len, uint32_t* written) override {
+        *written = 0;
+        int fd = client_.load();
+        if (fd < 0) return ENOTCONN;
+        ssize_t n = ::send(fd, buf, len, MSG_NOSIGNAL);
+        if (n < 0) return static_cast<uint32_t>(errno);
+        *written = static_cast<uint32_t>(n);
+        return 0;
+    }
+    uint32_t Flush() override { return client_.load() >= 0 ? 0 : ENOTCONN; }
+    uint32_t Disconnect() override {
+        int fd = client_.exchange(-1);
+        if (fd < 0) return ENOTCONN;
+        ::close(fd);
+        return 0;
+    }
+    void Shutdown() override {
+        down_.store(true);
+        int l = listen_.load();
+        if (l >= 0) ::shutdown(l, SHUT_RDWR);
+        int c = client_.load();
+        if (c >= 0) ::shutdown(c, SHUT_RDWR);
+    }
+
+private:
+    std::atomic<int> listen_;
+    std::atomic<int> client_{-1};
+    std::atomic<bool> down_{false};
+};
+
+class LinuxPlatform : public Platform {
+public:
+    bool KeyExists(const std::string& k) override {
+        std::lock_guard<std::mutex> g(mu_);
+        Reload();
+        return store_.KeyExists(k);
+    }
+    bool ReadStringValue(const std::string& k, const std::string& n, std::u16string* out) override {
+        std::lock_guard<std::mutex> g(mu_);
+        Reload();
+        const SettingsStore::Value* v = store_.Find(k, n);
+        if (!v || v->type != SettingsStore::Type::String) return false;
+        *out = Utf8ToUtf16(v->text);
+        return true;
+    }
+    bool ReadDwordValue(const std::string& k, const std::string& n, uint32_t* out) override {
+        std::lock_guard<std::mutex> g(mu_);
+        Reload();
+        const SettingsStore::Value* v = store_.Find(k, n);
+        if (!v || v->type != SettingsStore::Type::Dword) return false;
+        *out = v->dword;
+        return true;
+    }
+    std::string SystemDirectory() override { return "/etc"; }
+    std::string SecondSystemDirectory() override { return "/usr/local/etc"; }
+
+    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, uint32_t* err) override {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            *err = static_cast<uint32_t>(errno);
+            return nullptr;
+        }
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        size_t n = std::min(name.size(), sizeof(addr.sun_path) - 1);
+        std::memcpy(addr.sun_path + 1, name.data(), n);  // leading NUL: abstract namespace
+        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) < 0 || ::listen(fd, 2) < 0) {
+            *err = static_cast<uint32_t>(errno);
+            ::close(fd);
+            return nullptr;
+        }
+        *err = 0;
+        return std::make_unique<AbstractSocketChannel>(fd);
+    }
+
+    bool ReportEvent(EventType type, uint32_t eventId, const char* text) override {
+        int prio = type == EVENTLOG_ERROR_TYPE ? LOG_ERR : type == EVENTLOG_WARNING_TYPE ? LOG_WARNING : LOG_INFO;
+        openlog("TroviSCSIVDSProvider", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+        syslog(prio, "%s", text);
+        closelog();
+        return true;
+    }
+    void DebuggerOutput(const char* text) override { std::fputs(text, stderr); }
+
+    uint32_t TickCount() override {
+        timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return static_cast<uint32_t>(ts.tv_sec * 1000ull + ts.tv_nsec / 1000000);
+    }
+    void Sleep(uint32_t ms) override {
+        timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+        while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+        }
+    }
+    struct tm LocalTime() override {
+        time_t t = time(nullptr);
+        struct tm r;
+        localtime_r(&t, &r);
+        return r;
+    }
+
+    MutexHandle CreateNamedMutex(const char* name) override { return NamedMutexTable::Instance().Create(name); }
+    MutexHandle OpenNamedMutex(const char* name) override { return NamedMutexTable::Instance().Open(name); }
+    void CloseNamedMutex(MutexHandle h) override { NamedMutexTable::Instance().Close(h); }
+    uint32_t WaitMutex(MutexHandle h) override { return NamedMutexTable::Wait(h); }
+    void ReleaseMutex(MutexHandle h) override { NamedMutexTable::Release(h); }
+
+    HRESULT CreateGuid(GUID* out) override {
+        uuid_t u;
+        uuid_generate_random(u);
+        out->Data1 = uint32_t(u[0]) << 24 | uint32_t(u[1]) << 16 | uint32_t(u[2]) << 8 | u[3];
+        out->Data2 = static_cast<uint16_t>(u[4] << 8 | u[5]);
+        out->Data3 = static_cast<uint16_t>(u[6] << 8 | u[7]);
+        std::memcpy(out->Data4, u + 8, 8);
+        return 0;
+    }
+    void* TaskMemAlloc(size_t n) override { return std::malloc(n ? n : 1); }
+    void TaskMemFree(void* p) override { std::free(p); }
+
+    void HostVersion(uint32_t* major, uint32_t* minor) override {
+        *major = 6;
+        *minor = 2;
+    }
+    uint32_t ProcessId() override { return static_cast<uint32_t>(getpid()); }
+    uint32_t ThreadId() override { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+private:
+    // Re-reads the settings file when it changed; an absent file means no keys.
+    void Reload() {
+        const char* env = std::getenv("TROVHWIPRV_SETTINGS");
+        std::string path = env && *env ? env : "/etc/trovhwiprv/settings.reg";
+        struct stat st;
+        if (::stat(path.c_str(), &st) != 0) {
+            store_.Clear();
+            loadedPath_.clear();
+            return;
+        }
+        if (path == loadedPath_ && st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec &&
+            st.st_size == size_ && st.st_ino == ino_)
+            return;
+        std::ifstream f(path, std::ios::binary);
+        std::stringstream ss;
+        ss << f.rdbuf();
+        store_.Clear();
+        store_.Parse(ss.str());
+        loadedPath_ = path;
+        mtime_ = st.st_mtim;
+        size_ = st.st_size;
+        ino_ = st.st_ino;
+    }
+
+    std::mutex mu_;
+    SettingsStore store_;
+    std::string loadedPath_;
+    timespec mtime_{};
+    off_t size_ = 0;
+    ino_t ino_ = 0;
+};
+
+std::atomic<Platform*> g_current{nullptr};
+
+}  // namespace
+
+Platform* Platform::Default() {
+    static LinuxPlatform* p = new LinuxPlatform();  // lives for the process: threads may outlast main
+    return p;
+}
+
+Platform* Platform::Get() {
+    Platform* p = g_current.load(std::memory_order_acquire);
+    return p ? p : Default();
+}
+
+void Platform::Set(Platform* p) { g_current.store(p, std::memory_order_release); }

@@ -1,0 +1,120 @@
+// Byte-level helpers and the packet header shared by the client and the emulator.
+//
+// A packet is a 36-byte header followed by DataLen bytes of payload; every integer of the header
+// is big-endian. The same header travels on the TCP connection and on the heartbeat channel.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace wire {
+
+inline uint32_t LoadBe32(const void* p) {
+    const uint8_t* b = static_cast<const uint8_t*>(p);
+    return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+}
+inline uint16_t LoadBe16(const void* p) {
+    const uint8_t* b = static_cast<const uint8_t*>(p);
+    return static_cast<uint16_t>(b[0] << 8 | b[1]);
+}
+inline void StoreBe32(void* p, uint32_t v) {
+    uint8_t* b = static_cast<uint8_t*>(p);
+    b[0] = static_cast<uint8_t>(v >> 24);
+    b[1] = static_cast<uint8_t>(v >> 16);
+    b[2] = static_cast<uint8_t>(v >> 8);
+    b[3] = static_cast<uint8_t>(v);
+}
+inline void StoreBe16(void* p, uint16_t v) {
+    uint8_t* b = static_cast<uint8_t*>(p);
+    b[0] = static_cast<uint8_t>(v >> 8);
+    b[1] = static_cast<uint8_t>(v);
+}
+// Host-order (little-endian) access at any alignment.
+inline uint32_t LoadLe32(const void* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+inline uint16_t LoadLe16(const void* p) {
+    uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+inline uint64_t LoadLe64(const void* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+inline void StoreLe32(void* p, uint32_t v) { std::memcpy(p, &v, 4); }
+inline void StoreLe16(void* p, uint16_t v) { std::memcpy(p, &v, 2); }
+inline void StoreLe64(void* p, uint64_t v) { std::memcpy(p, &v, 8); }
+
+// Swaps a 16- or 32-bit field in place at any alignment.
+inline void Swap32(void* p) {
+    uint8_t* b = static_cast<uint8_t*>(p);
+    uint8_t t0 = b[0], t1 = b[1];
+    b[0] = b[3];
+    b[1] = b[2];
+    b[2] = t1;
+    b[3] = t0;
+}
+inline void Swap16(void* p) {
+    uint8_t* b = static_cast<uint8_t*>(p);
+    uint8_t t = b[0];
+    b[0] = b[1];
+    b[1] = t;
+}
+
+// Packet header.
+constexpr size_t kHeaderSize = 36;
+constexpr size_t kMagicOffset = 0;
+constexpr size_t kSeqNumOffset = 12;
+constexpr size_t kCheckValueOffset = 16;
+constexpr size_t kDataTypeOffset = 20;
+constexpr size_t kOpCodeOffset = 24;
+constexpr size_t kDataLenOffset = 32;
+// Common opening of a command payload, by packet offset.
+constexpr size_t kErrorCodeOffset = 40;
+constexpr size_t kHandleOffset = 44;
+constexpr size_t kBodyOffset = 48;
+
+constexpr char kMagic[] = "ORBITVALE";
+// The largest packet either side handles, and the size of the one packet buffer.
+constexpr size_t kPacketBufferSize = 3145728;
+
+enum DataType : uint32_t {
+    RSREQUEST = 1,
+    RSREPLY = 2,
+    RSSESSION = 3,
+    RSHEARTBEAT = 5,
+};
+
+// The check value's table: the 64 numbers of the DES initial permutation, in the standard's order.
+extern const uint8_t kCheckTable[64];
+
+inline uint32_t CheckValue(uint32_t seq, uint32_t sessionKey) { return kCheckTable[seq & 63] + sessionKey + seq; }
+
+inline uint32_t DataTypeOf(const uint8_t* pkt) { return LoadBe32(pkt + kDataTypeOffset); }
+inline uint32_t OpCodeOf(const uint8_t* pkt) { return LoadBe32(pkt + kOpCodeOffset); }
+inline uint32_t DataLenOf(const uint8_t* pkt) { return LoadBe32(pkt + kDataLenOffset); }
+inline uint32_t SeqNumOf(const uint8_t* pkt) { return LoadBe32(pkt + kSeqNumOffset); }
+inline uint32_t CheckValueOf(const uint8_t* pkt) { return LoadBe32(pkt + kCheckValueOffset); }
+inline bool MagicOk(const uint8_t* pkt) {
+    static const uint8_t m[12] = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
+    return std::memcmp(pkt, m, 12) == 0;
+}
+
+// Fills a header without touching any shared counter (used by the emulator and by tests).
+inline void FillHeader(uint8_t* pkt, uint32_t seq, uint32_t sessionKey, uint32_t dataType, uint32_t opCode,
+                       uint32_t dataLen) {
+    std::memset(pkt, 0, kHeaderSize);
+    std::memcpy(pkt, kMagic, 9);
+    StoreBe32(pkt + kSeqNumOffset, seq);
+    StoreBe32(pkt + kCheckValueOffset, CheckValue(seq, sessionKey));
+    StoreBe32(pkt + kDataTypeOffset, dataType);
+    StoreBe32(pkt + kOpCodeOffset, opCode);
+    StoreBe32(pkt + kDataLenOffset, dataLen);
+}
+
+}  // namespace wire
