@@ -118,3 +118,12 @@ inline void FillHeader(uint8_t* pkt, uint32_t seq, uint32_t sessionKey, uint32_t
 }
 
 }  // namespace wire
+
+// One array behind two controllers, as the subsystem list carries it (40 bytes; the handles are
+// in host order once the entry has been converted).
+struct SubsystemEntry {
+    char UniqueSN[32];
+    uint32_t controllerA;  // 0 = absent
+    uint32_t controllerB;  // 0 = absent
+};
+static_assert(sizeof(SubsystemEntry) == 40);
