@@ -1,4 +1,0 @@
-// The emulator library; its parts live beside this file.
-namespace trovsim {
-int LinkAnchor() { return 0; }
-}
