@@ -1,0 +1,101 @@
+#include "provider_host.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "core/provider_ids.h"
+
+class ProviderHost::Sink final : public IVdsAdviseSink {
+public:
+    explicit Sink(NotifyFn fn) : fn_(std::move(fn)) {}
+    HRESULT QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        if (riid == IID_IUnknown || riid == IID_IVdsAdviseSink) {
+            *ppv = static_cast<IVdsAdviseSink*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG AddRef() override { return static_cast<ULONG>(++ref_); }
+    ULONG Release() override {
+        long n = --ref_;
+        if (n == 0) delete this;
+        return static_cast<ULONG>(n);
+    }
+    HRESULT OnNotify(LONG lNumberOfNotifications, VDS_NOTIFICATION* pNotificationArray) override {
+        if (!pNotificationArray) return E_POINTER;
+        for (LONG i = 0; i < lNumberOfNotifications; ++i)
+            if (fn_) fn_(pNotificationArray[i]);
+        return S_OK;
+    }
+
+private:
+    ~Sink() = default;
+    NotifyFn fn_;
+    std::atomic<long> ref_{1};
+};
+
+ProviderHost::ProviderHost() = default;
+
+ProviderHost::~ProviderHost() {
+    if (provider_) Unload();
+    // The module stays mapped: a provider's threads may outlive their last reference by a moment.
+}
+
+std::string DefaultModulePath() {
+    const char* env = std::getenv("TROVCTL_MODULE");
+    if (env && *env) return env;
+    return std::string(TROV_MODULE_DIR) + "/libtrovhwiprv.so";
+}
+
+bool ProviderHost::Open(const std::string& path, std::string* err) {
+    module_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    if (!module_) {
+        *err = dlerror();
+        return false;
+    }
+    getClassObject_ = reinterpret_cast<HRESULT (*)(REFCLSID, REFIID, void**)>(dlsym(module_, "DllGetClassObject"));
+    if (!getClassObject_) {
+        *err = "the module has no DllGetClassObject";
+        return false;
+    }
+    return true;
+}
+
+HRESULT ProviderHost::Load(NotifyFn onNotify) {
+    if (!getClassObject_) return E_UNEXPECTED;
+    IClassFactory* factory = nullptr;
+    HRESULT hr = getClassObject_(CLSID_TrovHwProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory));
+    if (FAILED(hr)) return hr;
+    hr = factory->CreateInstance(nullptr, IID_IVdsProvider, reinterpret_cast<void**>(&provider_));
+    factory->Release();
+    if (FAILED(hr)) return hr;
+    IVdsProviderPrivate* priv = Query<IVdsProviderPrivate>(IID_IVdsProviderPrivate);
+    if (!priv) return E_NOINTERFACE;
+    sink_ = new Sink(std::move(onNotify));
+    hr = priv->OnLoad(nullptr, sink_);
+    priv->Release();
+    return hr;
+}
+
+HRESULT ProviderHost::Unload() {
+    HRESULT hr = S_OK;
+    if (provider_) {
+        IVdsProviderPrivate* priv = Query<IVdsProviderPrivate>(IID_IVdsProviderPrivate);
+        if (priv) {
+            hr = priv->OnUnload(TRUE);
+            priv->Release();
+        }
+        provider_->Release();
+        provider_ = nullptr;
+    }
+    if (sink_) {
+        sink_->Release();
+        sink_ = nullptr;
+    }
+    return hr;
+}

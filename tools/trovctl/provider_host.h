@@ -1,0 +1,45 @@
+// The host side of trovctl: opens the provider module, creates the provider through the module's
+// class factory, loads it with an advise sink, and unloads it - the way a management host does.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/com.h"
+#include "platform/vds.h"
+#include "platform/vds_interfaces.h"
+
+class ProviderHost {
+public:
+    // Called for every notification the provider sends (from the provider's monitor threads).
+    using NotifyFn = std::function<void(const VDS_NOTIFICATION&)>;
+
+    ProviderHost();
+    ~ProviderHost();
+
+    // Opens the module at `path` and finds its entry points. False with *err on failure.
+    bool Open(const std::string& path, std::string* err);
+    // Creates the provider and calls OnLoad with the host's advise sink.
+    HRESULT Load(NotifyFn onNotify);
+    // Calls OnUnload and drops the provider.
+    HRESULT Unload();
+
+    IVdsProvider* provider() const { return provider_; }
+    // Asks the provider for another of its interfaces (a new reference, or null).
+    template <class T>
+    T* Query(REFIID iid) const {
+        void* p = nullptr;
+        if (!provider_ || FAILED(provider_->QueryInterface(iid, &p))) return nullptr;
+        return static_cast<T*>(p);
+    }
+
+private:
+    class Sink;
+    void* module_ = nullptr;
+    HRESULT (*getClassObject_)(REFCLSID, REFIID, void**) = nullptr;
+    IVdsProvider* provider_ = nullptr;
+    Sink* sink_ = nullptr;
+};
+
+// The module's path: beside the trovctl binary's build, unless TROVCTL_MODULE says otherwise.
+std::string DefaultModulePath();
