@@ -39,11 +39,18 @@ void PrintUnmaskList(const WCHAR* list);
 // The live configuration record (read by code that depends on DebugLevel).
 const DebugConfig& CurrentDebugConfig();
 
+// Reads DWORD "DisabeSepcialLun" of the Debug key afresh on each call and logs it; true unless
+// the value is present and non-zero.
+bool IsSupportSpecialLun();
+
 // The formatter behind every log call: printf's conversions plus %S/%ls (UTF-16) and %I64.
 // Writes at most size-1 characters and a terminator; returns the length written.
 int TrovVFormat(char* buf, size_t size, const char* format, va_list ap);
 int TrovFormat(char* buf, size_t size, const char* format, ...);
 std::string TrovFormatString(const char* format, ...);
+
+// Number of DebugWrite calls so far (the count behind the re-read every 100 calls).
+uint32_t DebugCallCount();
 
 // Returns the log to its state at process start (tests only).
 void DebugLogResetForTest();
