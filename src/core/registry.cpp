@@ -1,0 +1,56 @@
+#include "core/registry.h"
+
+#include <cstdio>
+
+#include "support/debuglog.h"
+
+std::string LogGuid(const GUID& g) {
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g.Data1, g.Data2, g.Data3,
+                  g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    return buf;
+}
+
+ObjectRegistry::~ObjectRegistry() {
+    for (auto& [id, ident] : identities_)
+        if (ident.object) ident.object->Release();
+}
+
+bool ObjectRegistry::AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) {
+    bool added = objects_.emplace(id, entry).second;
+    DebugTrace("CProvider::AddObject VDS_OBJECT_TYPE %d guid %s%s\n", static_cast<int>(entry.type),
+               LogGuid(id).c_str(), added ? "" : " (ALREADY EXISTS--NOT ADDED)");
+    return added;
+}
+
+void ObjectRegistry::RemoveObject(const VDS_OBJECT_ID& id, bool refreshing) {
+    if (refreshing) return;
+    objects_.erase(id);
+}
+
+const ObjectEntry* ObjectRegistry::Find(const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE type) const {
+    auto it = objects_.find(id);
+    if (it == objects_.end()) return nullptr;
+    if (type != VDS_OT_UNKNOWN && it->second.type != type) return nullptr;
+    return &it->second;
+}
+
+bool ObjectRegistry::RememberObject(const VDS_OBJECT_ID& id, const std::u16string& key, VDS_OBJECT_TYPE type,
+                                    IUnknown* object, CVdsBase* base) {
+    DebugTrace("Adding VDS object \"%S\" with ", key.c_str());
+    DebugTrace("%s\n", LogGuid(id).c_str());
+    if (identities_.count(id)) return false;
+    if (object) object->AddRef();
+    identities_.emplace(id, Identity{key, type, object, base});
+    byKey_[KindKey{type, key}].insert(id);
+    return true;
+}
+
+const ObjectRegistry::Identity* ObjectRegistry::FindIdentity(VDS_OBJECT_TYPE type, const std::u16string& key,
+                                                             VDS_OBJECT_ID* id) const {
+    auto it = byKey_.find(KindKey{type, key});
+    if (it == byKey_.end() || it->second.empty()) return nullptr;
+    const VDS_OBJECT_ID& first = *it->second.begin();
+    if (id) *id = first;
+    return &identities_.at(first);
+}
