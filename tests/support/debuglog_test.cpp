@@ -2,7 +2,9 @@
 // truncation, the hex dump, the unmask list and the event reports.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/fake_platform.h"
@@ -17,10 +19,14 @@ const char* const kStamp = "Mar 07, 2026 09:05:04: ";  // the fake platform's fi
 class PieceRecorder : public TestPlatform {
 public:
     void DebuggerOutput(const char* text) override {
-        pieces.push_back(text);
+        {
+            std::lock_guard<std::mutex> g(piecesMu);
+            pieces.push_back(text);
+        }
         TestPlatform::DebuggerOutput(text);
     }
-    std::vector<std::string> pieces;
+    std::mutex piecesMu;
+    std::vector<std::string> pieces;  // read by the test once the logging threads are done
 };
 
 class DebugLogTest : public ::testing::Test {
@@ -445,6 +451,28 @@ TEST_F(DebugLogTest, SpecialLunSwitchIsReadEachCall) {
                                      p + "IsSupportSpecialLun(): DisabeSepcialLun = 0\n",
                                      p + "IsSupportSpecialLun(): DisabeSepcialLun = 0\n"};
     EXPECT_EQ(tp_.pieces, want);
+}
+
+TEST_F(DebugLogTest, ThreadsLogAtOnceWithoutLosingPieces) {
+    UseFile();
+    SetDword("ToDebugger", 1);
+    tp_.SetRecordDebugger(false);
+    DebugOpen(nullptr);
+    constexpr int kThreads = 4, kLines = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; ++i) DebugTrace("thread %d line %d\n", t, i);
+        });
+    for (auto& th : threads) th.join();
+    DebugClose();
+    std::string text = LogText();
+    for (int t = 0; t < kThreads; ++t)
+        for (int i = 0; i < kLines; ++i) {
+            std::string piece = TrovFormatString("thread %d line %d\n", t, i);
+            ASSERT_NE(text.find(piece), std::string::npos) << piece;
+        }
+    EXPECT_GE(DebugCallCount(), static_cast<uint32_t>(kThreads * kLines));
 }
 
 TEST_F(DebugLogTest, PrintDebugConfigGoesThroughTheLog) {
