@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "proxy/records.h"
 #include "proxy/wire.h"
 #include "sim/encode.h"
 
@@ -179,7 +180,7 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         return;
     }
     if (op == 125) {
-        enc_.AdapterRecord(o + 44);
+        enc_.AdapterRecord(o + rec::kPktHbaInfoList);
         r.note = std::to_string(m_.adapters().size()) + " adapter(s)";
         return;
     }
@@ -241,8 +242,8 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         std::memset(o + kHdr, 0, size);
         std::memcpy(o + kHdr, pkt + kHdr, std::min<size_t>(payload, 32));
         StoreBe32(o + 40, 0);
-        StoreBe32(o + 56, static_cast<uint32_t>(n));
-        for (size_t i = 0; i < n; ++i) enc_.EventRecordAt(*list[i], o + 68 + i * Encoder::EventSize());
+        StoreBe32(o + rec::kPktEventCount, static_cast<uint32_t>(n));
+        for (size_t i = 0; i < n; ++i) enc_.EventRecordAt(*list[i], o + rec::kPktEventData + i * Encoder::EventSize());
         r.length = kHdr + size;
         r.note += ", " + std::to_string(n) + " event(s)";
         return;
@@ -256,7 +257,7 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         PartRef p;
         uint32_t e = m_.AddPartition(c, SerialAt(pkt + 68), blocks, TextAt(pkt + 164, 32), type, backing, &p);
         if (e) return fail(e);
-        enc_.PartitionRecord(s, *p.vd, *p.p(), o + 196);
+        enc_.PartitionRecord(s, *p.vd, *p.p(), o + rec::kPktPartitionData);
         r.note += ", volume " + p.p()->name;
         return;
     }
@@ -278,13 +279,15 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         Vdisk* v = nullptr;
         uint32_t e = m_.CreateArray(c, a, &v);
         if (e) return fail(e);
-        enc_.ArrayRecord(s, *v, o + 2980);
+        enc_.ArrayRecord(s, *v, o + rec::kPktArrayData);
         r.note += ", vdisk " + v->name;
         return;
     }
     case 17: {
-        const uint8_t* q = pkt + 52;
-        return fail(m_.ExpandPartition(c, SerialAt(q + 49), SerialAt(q + 81), Load64(q + 8)));
+        ExpandPartRequest q;
+        std::memcpy(&q, pkt + rec::kPktExpandPartRequest, sizeof q);
+        ConvertExpandPartRequest(0, &q);
+        return fail(m_.ExpandPartition(c, SerialAt(q.vdiskSerial), SerialAt(q.partitionSerial), q.newSizeBlocks));
     }
     case 18: {
         uint32_t n = LoadBe32(pkt + 48);
@@ -344,14 +347,12 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         uint32_t n = 0;
         for (Vdisk* v : m_.VdisksOf(s, index))
             for (const Partition& p : v->parts) {
-                if (p.type != 1 || n >= kMaxBackingStoreEntries) continue;
-                uint8_t* e = o + 60 + 80 * n++;
-                std::memcpy(e, p.serial.data(), 16);
-                std::memcpy(e + 16, v->serial.data(), 16);
-                PutText(e + 32, p.name, 32);
-                Store64(e + 64, p.blocks);
+                if (p.type != 1 || n >= rec::kMaxBackingStores) continue;
+                auto* e = reinterpret_cast<BackingStoreEntry*>(o + rec::kPktBackingStoreEntries) + n++;
+                std::memcpy(e->id, p.serial.data(), 16);
+                std::memcpy(e->vdiskSerial, v->serial.data(), 16);
             }
-        StoreBe32(o + 52, n);
+        StoreBe32(o + rec::kPktBackingStoreCount, n);
         r.note += ", " + std::to_string(n) + " backing store(s)";
         return;
     }
@@ -361,7 +362,7 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         Serial key = SerialAt(pkt + 52);
         bool keyed = key != Serial{};
         bool snaps = op == 57;
-        uint32_t limit = snaps ? kMaxSnapshotEntries : kMaxMasterEntries;
+        uint32_t limit = snaps ? rec::kMaxSnapshots : rec::kMaxMasterVolumes;
         int index = id == 1 ? 0 : id == 0 ? 1 : c.index;
         uint32_t n = 0;
         for (Vdisk& v : s.vdisks)
@@ -374,14 +375,11 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
                 } else if (!s.ulp && (v.owner == 1 ? 0 : 1) != index) {
                     continue;
                 }
-                uint8_t* e = o + 92 + 88 * n++;
-                std::memcpy(e, p.serial.data(), 16);
-                std::memcpy(e + 16, v.serial.data(), 16);
-                PutText(e + 32, p.name, 32);
-                std::memcpy(e + 64, (snaps ? p.master : p.backingStore).data(), 16);
-                Store64(e + 80, p.blocks);
+                auto* e = reinterpret_cast<VolumeEntry*>(o + rec::kPktVolumeListEntries) + n++;
+                std::memcpy(e->id, p.serial.data(), 16);
+                std::memcpy(e->vdiskSerial, v.serial.data(), 16);
             }
-        StoreBe32(o + 84, n);
+        StoreBe32(o + rec::kPktVolumeListCount, n);
         r.note += ", " + std::to_string(n) + (snaps ? " snapshot(s)" : " master volume(s)");
         return;
     }
@@ -393,7 +391,7 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
     case 70: {
         PartRef p = m_.FindPartition(s, SerialAt(pkt + 52));
         if (!p) return fail(kErrNotFound);
-        enc_.ViewRecord(*p.p(), o + 84);
+        enc_.ViewRecord(*p.p(), o + rec::kPktPartitionView);
         return;
     }
     case 71: {  // a table of view entries, the controller named in each
@@ -439,17 +437,17 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         return fail(m_.RescanBus(c));
     case 109: {
         Bytes u = enc_.UnifiedData(c);
-        std::memcpy(o + 48, u->data(), std::min<size_t>(u->size(), replyLen - 12));
+        std::memcpy(o + rec::kPktUnifiedControllerData, u->data(), std::min<size_t>(u->size(), replyLen - 12));
         return;
     }
     case 113: {
-        const ChapRecord* rec = m_.FindSecret(s, TextAt(pkt + 52, 224));
-        if (!rec) return fail(kErrNotFound);
-        PutText(o + 52, rec->name, 224);
-        PutText(o + 284, rec->secondName, 224);
-        PutText(o + 508, rec->secret, 17);
-        PutText(o + 525, rec->secondText, 224);
-        PutText(o + 749, rec->thirdText, 224);
+        const ChapRecord* found = m_.FindSecret(s, TextAt(pkt + 52, 224));
+        if (!found) return fail(kErrNotFound);
+        PutText(o + 52, found->name, 224);
+        PutText(o + 284, found->secondName, 224);
+        PutText(o + 508, found->secret, 17);
+        PutText(o + 525, found->secondText, 224);
+        PutText(o + 749, found->thirdText, 224);
         return;
     }
     case 115:
@@ -461,7 +459,7 @@ void Commands::Handle(const uint8_t* pkt, uint32_t len, CommandReply& r) {
         return fail(m_.SetSecret(c, op, rec));
     }
     case 119:
-        enc_.KnownHostsRecord(s, o + 52);
+        enc_.KnownHostsRecord(s, o + rec::kPktKnownHostList);
         return;
     default:
         Refuse(op, kErrUnknownCommand, r);
