@@ -3,6 +3,9 @@
 // Every record is a packed struct whose members sit at the exact wire offsets (checked below with
 // static_assert), so code reads and writes fields by name and never by raw offset. The structs
 // have alignment 1: they may be laid over any byte pointer, e.g. a reply inside the packet buffer.
+// Reading a member by value is right at any address. 16- and 32-bit members sit at offsets of
+// their own alignment, so they may be bound to references when the record starts at a multiple
+// of 4 (as every record the service sends does); 64-bit members are RecU64, safe anywhere.
 //
 // Byte order. On the wire every 16- and 32-bit integer is big-endian and a 64-bit value travels as
 // two big-endian words, low word first. A record is converted in place, once, by the converter of
@@ -205,6 +208,27 @@ inline void SetRecordText(uint8_t (&field)[N], std::string_view text) {
     std::memset(field, 0, N);
     std::memcpy(field, text.data(), n);
 }
+
+// A 64-bit value inside a record, in host order once converted. Records place these at offsets
+// that are not multiples of 8 (every PartitionData in ControllerData, every other ArrayData), so
+// a plain uint64_t member there could not be bound to a reference (std::min, EXPECT_EQ) without
+// undefined behaviour. This type has alignment 1 and reads and assigns like a uint64_t; pass
+// value() to printf-style calls.
+struct RecU64 {
+    uint8_t bytes[8];
+
+    uint64_t value() const {
+        uint64_t v;
+        std::memcpy(&v, bytes, 8);
+        return v;
+    }
+    operator uint64_t() const { return value(); }
+    RecU64& operator=(uint64_t v) {
+        std::memcpy(bytes, &v, 8);
+        return *this;
+    }
+};
+static_assert(sizeof(RecU64) == 8 && alignof(RecU64) == 1);
 
 #pragma pack(push, 1)
 
@@ -559,7 +583,7 @@ struct ArrayMember {
 
 // ArrayData, the vdisk record (1,604 bytes).
 struct ArrayData {
-    uint64_t blockCapacity;  // 0, blocks
+    RecU64 blockCapacity;  // 0, blocks
     uint32_t unread8;
     uint32_t numDrives;       // 12, member drives; see memberCount()
     uint32_t numSpares;       // 16
@@ -580,11 +604,11 @@ struct ArrayData {
     uint8_t reserved1566;
     uint8_t numArrayPartitions;  // 1567, partitions in use in this array's row; see partitionCount()
     uint32_t unread1568;
-    uint64_t remainingBlocks;            // 1572
+    RecU64 remainingBlocks;              // 1572
     uint8_t numDrivesPerLowLevelArray;   // 1580
     uint8_t reserved1581[2];
     uint8_t numFreeArrayPartitionSegments;  // 1583
-    uint64_t largestFreeSegment;            // 1584, blocks
+    RecU64 largestFreeSegment;              // 1584, blocks
     uint8_t driveType;                      // 1592, TROV_DRIVE_*
     uint8_t reserved1593[3];
     uint32_t noFreeSegment;  // 1596, read as a flag
@@ -601,8 +625,8 @@ struct ArrayData {
 // ---------------------------------------------------------------------------------------------
 // PartitionData, a volume (568 bytes).
 struct PartitionData {
-    uint64_t startBlock;  // 0
-    uint64_t blockCount;  // 8
+    RecU64 startBlock;  // 0
+    RecU64 blockCount;  // 8
     uint32_t lunNumber;   // 16
     char name[64];        // 20, empty = slot not in use
     uint8_t PartSn[32];   // 84, the partition's key
@@ -826,7 +850,7 @@ struct HbaInfoList {
 // named here is sent as zero.
 struct ExpandPartRequest {
     uint8_t reserved0[8];
-    uint64_t newSizeBlocks;  // 8, the partition's new total size in blocks (two-word form)
+    RecU64 newSizeBlocks;  // 8, the partition's new total size in blocks (two-word form)
     uint8_t reserved16[33];
     uint8_t vdiskSerial[32];      // 49, or zeros
     uint8_t partitionSerial[32];  // 81
