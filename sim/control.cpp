@@ -120,8 +120,40 @@ std::string RunControl(Server& s, const std::string& line) {
         return Result(s.SetControllerOffline(static_cast<uint32_t>(a), w[2] == "offline", static_cast<uint8_t>(state)));
     }
     if (verb == "drive") {
+        // drive SERIAL offline|online, or drive SERIAL state HOWUSED [DOWNREASON]
+        if (w.size() >= 4 && w[2] == "state") {
+            uint64_t reason = 0;
+            if (!Number(w[3], &a) || a > 255 || (w.size() > 4 && (!Number(w[4], &reason) || reason > 255)))
+                return Err("drive SERIAL state HOWUSED [DOWNREASON]");
+            return Result(s.WithModel([&](Model& m) -> uint32_t {
+                for (Subsystem& sub : m.subsystems())
+                    if (Drive* d = m.FindDrive(sub, w[1])) {
+                        d->howUsed = static_cast<uint8_t>(a);
+                        d->downReason = static_cast<uint8_t>(reason);
+                        m.Touch(sub);
+                        return kOk;
+                    }
+                return kErrNotFound;
+            }));
+        }
         if (w.size() != 3 || (w[2] != "offline" && w[2] != "online")) return Err("drive SERIAL offline|online");
         return Result(s.SetDriveOffline(w[1], w[2] == "offline"));
+    }
+    if (verb == "vdisk") {
+        // vdisk NAME health N: the array's judgement of the vdisk, set by hand
+        if (w.size() != 4 || w[2] != "health" || !Number(w[3], &a) || a > 255) return Err("vdisk NAME health N");
+        return Result(s.WithModel([&](Model& m) -> uint32_t {
+            for (Subsystem& sub : m.subsystems())
+                for (Vdisk& v : sub.vdisks)
+                    if (v.name == w[1]) {
+                        v.health = static_cast<uint8_t>(a);
+                        m.Log(sub, v.owner == 1 ? 0 : 1, a == 0 ? kEvVdiskHealthy : a <= 2 ? kEvVdiskCritical : kEvVdiskOffline,
+                              static_cast<uint32_t>(a), "Vdisk " + v.name + " health set by hand", nullptr, &v.serial);
+                        m.Touch(sub);
+                        return kOk;
+                    }
+            return kErrNotFound;
+        }));
     }
     if (verb == "utility") {
         // utility VDISK-NAME verify|scan|rebuild
@@ -160,7 +192,7 @@ std::string RunControl(Server& s, const std::string& line) {
         return out.str();
     }
     if (verb == "help")
-        return "event, controller, drive, utility, fault, refuse, advance, restart, heartbeat, stats, quit";
+        return "event, controller, drive, vdisk, utility, fault, refuse, advance, restart, heartbeat, stats, quit";
     return Err("unknown command " + verb);
 }
 

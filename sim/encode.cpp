@@ -191,9 +191,11 @@ Bytes Encoder::ControllerData(CtrlRef c) {
 
     auto buf = std::make_shared<std::vector<uint8_t>>(rec::kControllerDataSize, 0);
     ::ControllerData& cd = *reinterpret_cast<::ControllerData*>(buf->data());
+    // A controller whose record holds no usable configuration (state 2 or 3) lists nothing.
+    bool usable = ctl.state < TROV_CTRL_STATE_NO_CONFIG2;
     std::vector<const Drive*> listed;
     for (const Drive& d : s.drives)
-        if (!d.offline && listed.size() < rec::kMaxDrives) listed.push_back(&d);
+        if (usable && !d.offline && listed.size() < rec::kMaxDrives) listed.push_back(&d);
     FillSection(s, ctl, static_cast<uint32_t>(listed.size()), cd.controller);
     SetRecordText(cd.advNet.systemName, s.systemName);
     cd.enclosureCount = std::min<uint32_t>(s.enclosures, rec::kMaxEnclosures);
@@ -202,7 +204,8 @@ Bytes Encoder::ControllerData(CtrlRef c) {
     cd.numDrives = static_cast<uint32_t>(listed.size());
     for (size_t i = 0; i < listed.size(); ++i)
         FillDrive(s, *listed[i], c.index, static_cast<uint8_t>(i), m_, cd.drives[i]);
-    std::vector<Vdisk*> vds = m_.VdisksOf(s, c.index);
+    std::vector<Vdisk*> vds;
+    if (usable) vds = m_.VdisksOf(s, c.index);
     cd.numArrays = static_cast<uint32_t>(std::min<size_t>(vds.size(), rec::kMaxArrays));
     uint32_t parts = 0;
     for (uint32_t i = 0; i < cd.numArrays; ++i) {

@@ -505,6 +505,14 @@ TEST_F(CommandsTest, OfflineControllerAnswersItsStateOnly) {
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrControllerDown));
     ASSERT_TRUE(cl.Command(105, 16, [&](uint8_t* p) { wire::StoreBe32(p + 44, 0x1234); }, &r));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrBadHandle));
+    // A record without a usable configuration lists nothing; back online, B has its vdisk again.
+    ASSERT_EQ(sim->SetControllerOffline(kB, true, 2), 0u);
+    EXPECT_EQ(Cd(Controller(kB)).driveCount(), 0u);
+    ASSERT_EQ(sim->SetControllerOffline(kB, false), 0u);
+    auto back = Controller(kB);
+    EXPECT_EQ(Cd(back).controllerState, TROV_CTRL_STATE_NORMAL);
+    EXPECT_EQ(Cd(back).arrayCount(), 1u);
+    EXPECT_EQ(NewestEvent(kB).eventCode, uint32_t(kEvControllerUp));
 }
 
 TEST_F(CommandsTest, MaxConfigurationFillsTheRecords) {

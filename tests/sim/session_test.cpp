@@ -385,6 +385,10 @@ TEST_F(SimFixture, ControlLines) {
         {"controller 16777473 online", true},
         {"drive 3SJ01206K offline", true},
         {"drive NOPE offline", false},
+        {"drive 9WM03304Z state 5 3", true},
+        {"drive 9WM03304Z state 300", false},
+        {"vdisk VD-SATA-R1 health 3", true},
+        {"vdisk NOPE health 3", false},
         {"fault delay ADD_ARRAY_PART 500", true},
         {"fault fail 14 78 0", true},
         {"fault bogus 1", false},
@@ -401,6 +405,11 @@ TEST_F(SimFixture, ControlLines) {
         const EventRecord* e = m.NewestEvent(m.FindController(16777472));
         ASSERT_NE(e, nullptr);
         EXPECT_EQ(e->code, kEvVerifyDone);  // the verify ran its minute
+        Subsystem& s = m.subsystems()[0];
+        EXPECT_EQ(m.FindDrive(s, "9WM03304Z")->howUsed, kLeftover);
+        EXPECT_EQ(m.FindDrive(s, "9WM03304Z")->downReason, 3);
+        EXPECT_EQ(s.vdisks[1].health, 3);
+        EXPECT_EQ(m.NewestEvent(m.FindController(16777473))->code, kEvVdiskOffline);
     });
 }
 
