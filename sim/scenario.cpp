@@ -234,7 +234,7 @@ bool Model::Load(const json& doc, std::string* error) {
         s.snapshotsPerMaster = Get<uint32_t>(lim, "snapshotsPerMaster", s.snapshotsPerMaster);
         s.snapshotLimit = Get<uint32_t>(lim, "snapshots", s.snapshotLimit);
         s.masterLimit = Get<uint32_t>(lim, "masterVolumes", s.masterLimit);
-        if (js.contains("knownHosts")) s.knownHosts = js["knownHosts"].get<std::vector<std::string>>();
+        s.knownHosts = Get<std::vector<std::string>>(js, "knownHosts", {});
         if (s.knownHosts.size() > kMaxKnownHosts) r.Fail("more than 64 known hosts");
         s.targetSecret = Get<std::string>(js, "targetSecret", "");
         if (js.contains("chap"))
@@ -254,7 +254,7 @@ bool Model::Load(const json& doc, std::string* error) {
             c.handle = Get<uint32_t>(*jc, "handle", 0x01000100u + static_cast<uint32_t>(si) * 0x10 + static_cast<uint32_t>(ci));
             if (c.handle == 0) r.Fail("controller handle 0");
             c.ident = Get<std::string>(*jc, "ident", s.uniqueSn + "." + letter).substr(0, 35);
-            c.serial = Get<std::string>(*jc, "serial", std::string("3CL0") + letter + s.uniqueSn.substr(6)).substr(0, 79);
+            c.serial = Get<std::string>(*jc, "serial", std::string("3CL0") + letter + s.uniqueSn.substr(std::min<size_t>(6, s.uniqueSn.size()))).substr(0, 79);
             c.firmware = Get<std::string>(*jc, "firmware", "J210P22").substr(0, 19);
             std::string ip = Get<std::string>(*jc, "ip", std::string("10.0.0.") + (ci == 0 ? "2" : "3"));
             if (!ParseIpv4(ip, c.ip)) r.Fail("bad controller ip " + ip);
@@ -486,6 +486,12 @@ bool Model::Load(const json& doc, std::string* error) {
         ++si;
     }
     for (size_t a = 0; a < subs.size(); ++a)
+        for (size_t b = a + 1; b < subs.size(); ++b) {
+            // Serials are made from the prefix: two subsystems must not share one.
+            if (std::memcmp(subs[a].prefix, subs[b].prefix, 3) == 0) r.Fail("two subsystems share a serial prefix");
+            if (subs[a].uniqueSn == subs[b].uniqueSn) r.Fail("two subsystems share a uniqueSN");
+        }
+    for (size_t a = 0; a < subs.size(); ++a)
         for (size_t b = 0; b < subs.size(); ++b)
             for (int x = 0; x < 2 && a != b; ++x)
                 for (int y = 0; y < 2; ++y)
@@ -632,7 +638,8 @@ bool Model::SaveFile(const std::string& path, std::string* error) const {
             if (error) *error = "cannot write " + tmp;
             return false;
         }
-        out << Save().dump(1) << "\n";
+        // Names come from the wire and need not be UTF-8: such bytes are replaced, never thrown at.
+        out << Save().dump(1, ' ', false, json::error_handler_t::replace) << "\n";
         if (!out) {
             if (error) *error = "cannot write " + tmp;
             return false;

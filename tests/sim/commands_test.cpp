@@ -362,7 +362,8 @@ TEST_F(CommandsTest, ExpansionProgressAndPartitionGrowth) {
     EXPECT_EQ(percent(), 50u);
     sim->AdvanceTime(60000);
     EXPECT_EQ(percent(), 100u);
-    const ArrayData& a = Cd(Controller(kA)).array(0);
+    auto after = Controller(kA);
+    const ArrayData& a = Cd(after).array(0);
     EXPECT_EQ(a.utilityRunning, TROV_UTILITY_NONE);
     EXPECT_EQ(a.memberCount(), 5u);
 

@@ -2,6 +2,9 @@
 // utilities and the scenario form.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <functional>
 
 #include <nlohmann/json.hpp>
@@ -460,6 +463,7 @@ TEST(ModelScenario, MalformedDocumentsAreRefused) {
         R"({"subsystems": [{"vdisks": [{"members": ["nope"]}]}]})",
         R"({"subsystems": [{"controllers": [{"handle": 5}, {"handle": 5}]}]})",
         R"({"subsystems": [{"drives": [{"serial": "a", "sizeGiB": 1, "type": "TAPE"}]}]})",
+        R"({"subsystems": [{"uniqueSN": "X1", "serialPrefix": "010203"}, {"uniqueSN": "X2", "serialPrefix": "010203"}]})",
     };
     for (const char* text : bad) {
         Model m;
@@ -467,6 +471,48 @@ TEST(ModelScenario, MalformedDocumentsAreRefused) {
         EXPECT_FALSE(m.Load(json::parse(text), &err)) << text;
         EXPECT_FALSE(err.empty());
     }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ModelScenario, SeveralSubsystemsKeepApart) {
+    json doc = json::parse(R"({"subsystems": [
+        {"uniqueSN": "SUB-ONE", "drives": [{"serial": "d1", "sizeGiB": 10}, {"serial": "d2", "sizeGiB": 10}],
+         "vdisks": [{"name": "v", "raid": 1, "members": ["d1", "d2"]}]},
+        {"uniqueSN": "SUB-TWO", "drives": [{"serial": "d1", "sizeGiB": 10}, {"serial": "d2", "sizeGiB": 10}],
+         "vdisks": [{"name": "v", "raid": 1, "members": ["d1", "d2"]}]}]})");
+    Model m;
+    std::string err;
+    ASSERT_TRUE(m.Load(doc, &err)) << err;
+    ASSERT_EQ(m.subsystems().size(), 2u);
+    Subsystem& one = m.subsystems()[0];
+    Subsystem& two = m.subsystems()[1];
+    EXPECT_NE(one.ctrl[0].handle, two.ctrl[0].handle);
+    EXPECT_EQ(m.FindController(two.ctrl[1].handle).sub, &two);
+    // The same names and ids, yet different serials and keys.
+    EXPECT_NE(one.vdisks[0].serial, two.vdisks[0].serial);
+    EXPECT_NE(Model::ArrayKey(one.vdisks[0].serial), Model::ArrayKey(two.vdisks[0].serial));
+    EXPECT_EQ(m.FindSubsystem("SUB-TWO"), &two);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ModelTest, NamesFromTheWireThatAreNotUtf8AreSaved) {
+    Vdisk* v = Make(a, kRaid0, {"SAS0", "SAS1"}, "stripe");
+    AddPart(a, v, 1, "bad\xff\xfe");
+    char path[] = "/tmp/trovsim-utf8-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    std::string err;
+    EXPECT_TRUE(m.SaveFile(path, &err)) << err;
+    Model again;
+    EXPECT_TRUE(again.LoadFile(path, &err)) << err;
+    std::remove(path);
 }
 
 }  // namespace
