@@ -134,7 +134,7 @@ bool Server::LoadScenario(const std::string& nameOrFile, std::string* error) {
     }
     if (!ok) return false;
     encoder_->Clear();
-    modelBase_ = model_.now() - std::min(model_.now(), clock_.NowMs());
+    modelOffset_ = static_cast<int64_t>(model_.now()) - static_cast<int64_t>(clock_.NowMs());
     savedChanges_ = 0;  // the first change, or an explicit save, writes the state file
     if (!opt_.stateFile.empty()) {
         std::string err;
@@ -144,7 +144,10 @@ bool Server::LoadScenario(const std::string& nameOrFile, std::string* error) {
     return true;
 }
 
-void Server::SyncTimeLocked() { model_.AdvanceTo(modelBase_ + clock_.NowMs()); }
+void Server::SyncTimeLocked() {
+    int64_t t = static_cast<int64_t>(clock_.NowMs()) + modelOffset_;
+    model_.AdvanceTo(t > 0 ? static_cast<uint64_t>(t) : 0);
+}
 
 void Server::AfterChangeLocked() {
     if (opt_.stateFile.empty() || model_.changes() == savedChanges_) return;

@@ -168,7 +168,7 @@ private:
     Model model_;
     std::unique_ptr<Encoder> encoder_;
     std::unique_ptr<Commands> commands_;
-    uint64_t modelBase_ = 0;      // model time at the clock's zero
+    int64_t modelOffset_ = 0;     // model time less the clock's time
     uint64_t savedChanges_ = 0;   // model changes written to the state file
 
     std::atomic<bool> running_{false}, stopping_{false}, refusing_{false};
