@@ -1,0 +1,255 @@
+#include "core/provider.h"
+
+#include "core/lock_guard.h"
+#include "objects/enumerator.h"
+#include "platform/wstr.h"
+#include "proxy/kelvane.h"
+#include "proxy/session.h"
+#include "support/debuglog.h"
+#include "support/lang.h"
+
+namespace {
+
+// The load delay of the Options word is done once per process; a refresh isn't delayed again.
+std::atomic<bool> g_loadDelayDone{false};
+
+const char* HostGenerationText() {
+    if (HostIsWin7()) return "win7";
+    if (HostIsWin2008()) return "win2008";
+    return "win2003";
+}
+
+}  // namespace
+
+void ResetLoadDelayForTest() { g_loadDelayDone = false; }
+
+CProvider::CProvider() : CVdsBase(VDS_OT_PROVIDER) {
+    m_pSink = nullptr;
+    isRefreshing = 0;
+    m_bNeedRefresh = false;
+    NumOperation = 0;
+}
+
+CProvider::~CProvider() {
+    for (auto& [id, e] : m_mapPools)
+        if (e.pObject) e.pObject->Release();
+    for (auto& [id, e] : m_mapSubSystems)
+        if (e.pObject) e.pObject->Release();
+    // The object map holds no reference of its own, so nothing is released through it; the
+    // identity map releases what it holds when m_registry dies.
+    if (m_pSink) {
+        m_pSink->Release();
+        m_pSink = nullptr;
+    }
+    CProvider* self = this;
+    g_pProvider.compare_exchange_strong(self, nullptr);
+    DebugTrace("CProvider::~CProvider out\n");
+}
+
+HRESULT CProvider::InternalQueryInterface(REFIID riid, void** ppv) {
+    if (riid == IID_IUnknown || riid == IID_IVdsProvider)
+        *ppv = static_cast<IVdsProvider*>(this);
+    else if (riid == IID_IVdsHwProvider)
+        *ppv = static_cast<IVdsHwProvider*>(this);
+    else if (riid == IID_IVdsProviderPrivate)
+        *ppv = static_cast<IVdsProviderPrivate*>(this);
+    else if (riid == IID_IVdsHwProviderPrivate)
+        *ppv = static_cast<IVdsHwProviderPrivate*>(this);
+    else if (riid == IID_IVdsHwProviderType)
+        *ppv = static_cast<IVdsHwProviderType*>(this);
+    else if (riid == IID_IVdsProviderSupport)
+        *ppv = static_cast<IVdsProviderSupport*>(this);
+    else if (riid == IID_IVdsHwProviderStoragePools)
+        *ppv = static_cast<IVdsHwProviderStoragePools*>(this);
+    else
+        return E_NOINTERFACE;
+    return S_OK;
+}
+
+HRESULT CProvider::GetProperties(VDS_PROVIDER_PROP* pProviderProp) {
+    DebugTrace("%s()\n", "CProvider::GetProperties");
+    if (!pProviderProp) {
+        DebugTrace("OOP!!! CProvider::GetProperties pProviderProp is NULL, return E_POINTER, line %d\n", __LINE__);
+        return E_POINTER;
+    }
+    std::memset(pProviderProp, 0, sizeof *pProviderProp);
+    pProviderProp->id = TROV_PROVIDER_ID;
+    pProviderProp->guidVersionId = TROV_PROVIDER_VERSION_ID;
+    // The host frees both blocks; their sizes are those the host has always been given.
+    auto* name = static_cast<WCHAR*>(CoTaskMemAlloc(768));
+    if (!name) {
+        DebugTrace("OOP!!! CProvider::GetProperties CoTaskMemAlloc failed, return E_OUTOFMEMORY, line %d\n", __LINE__);
+        return E_OUTOFMEMORY;
+    }
+    auto* version = static_cast<WCHAR*>(CoTaskMemAlloc(128));
+    if (!version) {
+        CoTaskMemFree(name);
+        DebugTrace("OOP!!! CProvider::GetProperties CoTaskMemAlloc failed, return E_OUTOFMEMORY, line %d\n", __LINE__);
+        return E_OUTOFMEMORY;
+    }
+    WStrNCpy(name, 768 / sizeof(WCHAR), g_ProviderName);
+    WStrNCpy(version, 128 / sizeof(WCHAR), g_ProviderVersion);
+    pProviderProp->pwszName = name;
+    pProviderProp->pwszVersion = version;
+    pProviderProp->type = VDS_PT_HARDWARE;
+    pProviderProp->ulFlags = 2;
+    pProviderProp->ulStripeSizeFlags = 0x1C000;
+    pProviderProp->sRebuildPriority = 0;
+    DebugTrace("%s() out\n", "CProvider::GetProperties");
+    return S_OK;
+}
+
+HRESULT CProvider::GetProviderType(VDS_HWPROVIDER_TYPE* pType) {
+    DebugTrace("%s()\n", "CProvider::GetProviderType");
+    if (!pType) {
+        // Deliberately E_FAIL rather than E_POINTER: that is what hosts have always seen here.
+        DebugTrace("OOP!!! CProvider::GetProviderType pType is NULL, return E_FAIL, line %d\n", __LINE__);
+        return E_FAIL;
+    }
+    *pType = VDS_HWT_ISCSI;
+    DebugTrace("%s() out\n", "CProvider::GetProviderType");
+    return S_OK;
+}
+
+HRESULT CProvider::GetVersionSupport(ULONG* ulVersionSupport) {
+    DebugTrace("%s()\n", "CProvider::GetVersionSupport");
+    if (!ulVersionSupport) {
+        DebugTrace("OOP!!! CProvider::GetVersionSupport ulVersionSupport is NULL, return E_POINTER, line %d\n",
+                   __LINE__);
+        return E_POINTER;
+    }
+    ULONG v = 3;
+    if (HostIsWin7()) v |= 28;
+    *ulVersionSupport = v;
+    DebugTrace("%s() out\n", "CProvider::GetVersionSupport");
+    return S_OK;
+}
+
+bool GetProviderNameAndVersion() {
+    bool bRtn = false;
+    if (!Plat()->KeyExists(TROV_PARAMETERS_KEY)) {
+        DebugTrace("CProvider::GetProviderNameAndVersion RegOpenKeyEx error.");
+    } else {
+        std::u16string name, version;
+        // Each value is read into a 640-byte buffer: longer text doesn't fit and counts as unread.
+        bool okName = Plat()->ReadStringValue(TROV_PARAMETERS_KEY, "Name", &name) && name.size() * 2 + 2 <= 640;
+        bool okVersion =
+            Plat()->ReadStringValue(TROV_PARAMETERS_KEY, "Version", &version) && version.size() * 2 + 2 <= 640;
+        if (okName && okVersion) {
+            WStrNCpy(g_ProviderName, kProviderNameChars, name.c_str());
+            WStrNCpy(g_ProviderVersion, kProviderVersionChars, version.c_str());
+            DebugTrace("    Name=%ls\n    Version=%ls\n", g_ProviderName, g_ProviderVersion);
+            bRtn = true;
+        }
+    }
+    DebugTrace("GetProviderNameAndVersion bRtn=%d out\n", bRtn ? 1 : 0);
+    return bRtn;
+}
+
+void CProvider::ReadProviderSettings() {
+    uint32_t v;
+    if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "StartingLUN", &v)) StartingLUN = v;
+    if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "DebugLogging", &v)) DebugLogging = v;
+    if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "Options", &v)) Options = v;
+    int delay = static_cast<int>(Options.load() & kOptionLoadDelayMask) * 15;
+    if (delay >= 1 && !g_loadDelayDone.exchange(true)) {
+        DebugTrace("Sleeping %d seconds; PID=%d\n", delay, static_cast<int>(Plat()->ProcessId()));
+        Plat()->Sleep(static_cast<uint32_t>(delay) * 1000);
+    }
+}
+
+void CProvider::initWmi() {
+    // The host's multipath and adapter facts are gathered by the host-discovery layer; until it
+    // exists the vectors stay empty, which every reader already treats as "no such host facts".
+    DebugTrace("CProvider::initWmi() out\n");
+}
+
+HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
+    DebugOpen(nullptr);
+    DebugTrace("CProvider::OnLoad() g_pProvider %p this %p pCallbackObject %p online %d %s\n",
+               static_cast<void*>(g_pProvider.load()), static_cast<void*>(this), static_cast<void*>(pCallbackObject),
+               isProviderOnline.load(), HostGenerationText());
+    if (pCallbackObject) {
+        IVdsAdviseSink* sink = nullptr;
+        if (SUCCEEDED(pCallbackObject->QueryInterface(IID_IVdsAdviseSink, reinterpret_cast<void**>(&sink))) && sink) {
+            if (m_pSink) m_pSink->Release();
+            m_pSink = sink;
+        }
+    }
+    g_pProvider = this;
+    GetProviderNameAndVersion();
+    ReadProviderSettings();
+    DebugTrace("OnLoad: StartingLUN %d Options 0x%x\n", StartingLUN.load(), Options.load());
+
+    if (isRefreshing) {
+        if (Options & kOptionReconnectAtRefresh) ProxyReconnect();
+    } else if (ProxyConnect() != 0) {
+        // An empty provider rather than a failed load: the host keeps working without the array.
+        return S_OK;
+    }
+
+    std::vector<SubsystemEntry> list;
+    if (Kelvane::get_subsystems(list) != 0) {
+        DebugTrace("OOP!!! CProvider::OnLoad() get_subsystems(VecSub) failed!, line = %d\n", __LINE__);
+        return VDS_E_INITIALIZED_FAILED;
+    }
+    m_subsystems = list;
+    DebugTrace("nSubSystem = %d\n", static_cast<int>(list.size()));
+    initWmi();
+    LangInit();
+    DebugTrace("OnLoad: Enumerating subsystems\n");
+    for (const SubsystemEntry& e : list) {
+        char sn[33];
+        std::memcpy(sn, e.UniqueSN, 32);
+        sn[32] = 0;
+        DebugTrace("OnLoad: subsystem UniqueSN = %s, controllerA = %d, controllerB = %d\n", sn, e.controllerA,
+                   e.controllerB);
+    }
+    DebugTrace("Setting provider online\n");
+    isProviderOnline = 1;
+    DebugTrace("CProvider::OnLoad() out\n");
+    return S_OK;
+}
+
+HRESULT CProvider::OnUnload(BOOL bForceUnload) {
+    DebugTrace("CProvider::OnUnload enter\n");
+    isProviderOnline = 0;
+    ProxyUnInit();
+    DebugTrace("CProvider::OnUnload exit\n");
+    DebugClose();
+    return S_OK;
+}
+
+HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
+    CLockGuard lock("CProvider::QuerySubSystems", hNotificationMutex);
+    DebugTrace("%s()\n", "CProvider::QuerySubSystems");
+    if (!ppEnum) return E_POINTER;
+    *ppEnum = nullptr;
+    CComObject<CEnumerator>* e = CEnumerator::Create();
+    if (!e) {
+        DebugTrace("OOP!!! CProvider::QuerySubSystems out of memory, return E_OUTOFMEMORY, line %d\n", __LINE__);
+        return E_OUTOFMEMORY;
+    }
+    for (auto& [id, entry] : m_mapSubSystems) {
+        HRESULT hr = e->Append(entry.pObject);
+        if (FAILED(hr)) {
+            e->Release();
+            return hr;
+        }
+    }
+    e->Reset();
+    *ppEnum = e;
+    DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
+    return S_OK;
+}
+HRESULT CProvider::Reenumerate() { return E_NOTIMPL; }
+HRESULT CProvider::Refresh() { return E_NOTIMPL; }
+HRESULT CProvider::GetObject(VDS_OBJECT_ID, VDS_OBJECT_TYPE, IUnknown**) { return E_NOTIMPL; }
+HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) { return E_NOTIMPL; }
+HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject**) { return E_NOTIMPL; }
+HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) {
+    return E_NOTIMPL;
+}
+HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) {
+    return E_NOTIMPL;
+}

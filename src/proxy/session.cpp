@@ -1,0 +1,282 @@
+#include "proxy/session.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "platform/platform.h"
+#include "platform/wstr.h"
+#include "proxy/cipher.h"
+#include "proxy/heartbeat.h"
+#include "proxy/iasocket.h"
+#include "proxy/kelvane_conf.h"
+#include "proxy/wire.h"
+#include "support/debuglog.h"
+#include "support/lang.h"
+
+SessionState g_session;
+
+namespace {
+
+constexpr uint32_t kHandshakeOp = 1, kHandshakeAnswerOp = 2, kLoginOp = 3, kLoginAnswerOp = 4;
+constexpr uint32_t kListenPortOp = 7, kListenPortAnswerOp = 8, kGoodbyeOp = 14;
+constexpr int kVersionMismatch = 29;
+constexpr uint32_t kLoginRecordSize = 344;
+constexpr int kConnectTries = 10;
+
+std::mutex g_threadsMu;
+std::condition_variable g_threadsCv;
+
+const char* kLostText = "The VDS Provider has lost its connection to the TROV Proxy service.";
+const char* kRestoredText = "The VDS Provider has restored its connection to the TROV Proxy service.";
+
+// Reads a session answer's payload when the header came whole and announces one. Returns the
+// count read, 0 when there was none to read, or -1.
+int ReadSessionPayload(uint8_t* buffer, int n) {
+    if (n != static_cast<int>(wire::kHeaderSize)) return 0;
+    uint32_t len = wire::DataLenOf(buffer);
+    if (len == 0) return 0;
+    if (len > wire::kPacketBufferSize - wire::kHeaderSize) return -1;  // never past the buffer
+    return recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
+}
+
+int StatusResult(uint32_t status) {
+    switch (status) {
+        case 1:
+            return 0;
+        case 2:
+            std::fputs("unknown user.\n", stdout);
+            return -1;
+        case 5:
+            DebugTrace("invalid password.\n");
+            return -1;
+        default:
+            DebugTrace("unknown status.\n");
+            return -1;
+    }
+}
+
+bool ReadConfigAt(const std::string& path, ProxyConfig* cfg) { return ReadProxyConfig(path.c_str(), cfg) == 0; }
+
+int ConnectWithRetries() {
+    for (int i = 0; i < kConnectTries; ++i)
+        if (ConnectProxySocket(g_session.AgentIP, g_session.Port) == 0) return 0;
+    return -1;
+}
+
+bool ThreadsRunning() { return recvEventsRunning.load() != 0 || g_session.processEventRunning.load() != 0; }
+
+}  // namespace
+
+void NotifyThreadEnded() {
+    std::lock_guard<std::mutex> g(g_threadsMu);
+    g_threadsCv.notify_all();
+}
+
+int Handshake(uint8_t* buffer) {
+    MakeHeader(buffer, wire::RSSESSION, kHandshakeOp);
+    std::memcpy(buffer + wire::kHeaderSize, "qvemid", 6);
+    wire::StoreBe32(buffer + wire::kDataLenOffset, 6);
+    int n = exec_cmnd(buffer, 42, buffer, static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return -1;
+    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) != 8)
+        return -1;
+    if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != kHandshakeAnswerOp) return -1;
+    uint32_t versionStatus = wire::LoadBe32(buffer + 36);
+    g_session.HandshakeToken = wire::LoadBe32(buffer + 40);
+    if (((versionStatus >> 8) & 0xFF) != 5) return kVersionMismatch;
+    return StatusResult(versionStatus & 0xFF);
+}
+
+int Login(uint8_t* buffer) {
+    MakeHeader(buffer, wire::RSSESSION, kLoginOp);
+    uint8_t* rec = buffer + wire::kHeaderSize;
+    std::memset(rec, 0, kLoginRecordSize);
+    std::memcpy(rec, g_session.UserName, sizeof g_session.UserName);
+    std::memcpy(rec + 32, g_session.Password, sizeof g_session.Password);
+    EncipherPasswordField(rec + 32);
+    rec[80] = static_cast<uint8_t>(g_session.PasswordLength & 0xFF);
+    wire::StoreBe32(rec + 84, g_session.HandshakeToken);
+    wire::StoreBe32(buffer + wire::kDataLenOffset, kLoginRecordSize);
+    int n = exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize + kLoginRecordSize), buffer,
+                      static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return -1;
+    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
+        ReadSessionPayload(buffer, n) != 12)
+        return -1;
+    uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
+    if (type != wire::RSSESSION || op != kLoginAnswerOp) {
+        std::printf("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op));
+        return -1;
+    }
+    uint32_t status = wire::LoadBe32(buffer + 36);
+    if (status == 1) {
+        g_transport.SessionKey = wire::LoadBe32(buffer + 40);
+        return 0;
+    }
+    return StatusResult(status);
+}
+
+int negotiate_listen_port(uint8_t* buffer) {
+    MakeHeader(buffer, wire::RSSESSION, kListenPortOp);
+    wire::StoreBe16(buffer + wire::kHeaderSize, ListenPort());
+    wire::StoreBe32(buffer + wire::kDataLenOffset, 2);
+    int n = exec_cmnd(buffer, 38, buffer, static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return -1;
+    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) < 1)
+        return -1;
+    uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
+    if (type == wire::RSSESSION && op == kListenPortAnswerOp) return 0;
+    std::printf("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op));
+    return -1;
+}
+
+int ProxyLogin() {
+    uint8_t* buffer = g_transport.PacketBuffer;
+    int rc = Handshake(buffer);
+    if (rc == kVersionMismatch)
+        DebugTrace("Version incompatibility! The version of the kelvane and the vds provider must match.\n");
+    if (rc != 0) return rc;
+    rc = Login(buffer);
+    if (rc != 0) return rc;
+    return negotiate_listen_port(buffer);
+}
+
+int ProxyConnect() {
+    g_session.terminating = 0;
+    g_transport.sock = 0;
+    if (!AllocatePacketBuffer()) return -1;
+
+    ProxyConfig cfg{};
+    if (!ReadConfigAt(Plat()->SystemDirectory() + "/kelvane.conf", &cfg)) {
+        std::string path;
+        if (!Plat()->KeyExists(KELVANE_PARAMETERS_KEY)) {
+            DebugTrace("Could not open the registry key:%S\n", AsciiToWide(KELVANE_PARAMETERS_KEY).c_str());
+        } else {
+            std::u16string value;
+            if (Plat()->ReadStringValue(KELVANE_PARAMETERS_KEY, "ConfigurationFile", &value))
+                path = WideToUtf8(value);
+            else
+                DebugTrace("Could not get the registry key 'ConfigurationFile' value\n");
+        }
+        if (!ReadConfigAt(path, &cfg)) ReadConfigAt(Plat()->SecondSystemDirectory() + "/kelvane.conf", &cfg);
+    }
+    if (!ProxyConfigComplete(cfg)) {
+        DebugTrace("Read proxy confige file failed!\n");
+        return -1;
+    }
+    in_addr a{};
+    a.s_addr = cfg.ipaddress;
+    std::snprintf(g_session.AgentIP, sizeof g_session.AgentIP, "%s", inet_ntoa(a));
+    std::memcpy(g_session.UserName, cfg.username, sizeof g_session.UserName);
+    std::memcpy(g_session.Password, cfg.password, sizeof g_session.Password);
+    g_session.PasswordLength = static_cast<uint32_t>(strnlen(cfg.password, sizeof cfg.password));
+    g_session.Port = cfg.port;
+    DebugTrace("AgentIP = %s\n", g_session.AgentIP);
+    DebugTrace("UserName = %s\n", std::string(g_session.UserName, strnlen(g_session.UserName, 32)).c_str());
+    DebugTrace("Proxy Listen Port = %d\n", static_cast<int>(g_session.Port));
+
+    if (create_listen() != 0) return -1;
+    DebugTrace("Connecting to %s ... \n", g_session.AgentIP);
+    if (ConnectWithRetries() != 0) return -1;  // the heartbeat channel and its thread remain
+    DebugTrace("Success!\n");
+    // A library loaded into a host installs no signal handlers of its own: SIGINT and SIGTERM
+    // belong to the host. sig_action stays the function that ProxyUnInit calls.
+    return ProxyLogin();
+}
+
+int ProxyReconnect() {
+    if (g_session.terminating) return -1;
+    uint8_t* buffer = g_transport.PacketBuffer;
+    if (!buffer) return -1;
+    int err = g_transport.sock.load() > 0 ? Handshake(buffer) : -1;
+    if (err == 0) return 0;
+    DebugTrace("Reconnecting... (handshake returned err %d)\n", err);
+    if (!g_session.LostConnectionLogged.exchange(true)) LogWarningEvent("%s", TranslateEventText(kLostText));
+    int rc = -1;
+    for (int i = 0; i < kConnectTries && rc != 0; ++i) {
+        CloseProxySocket(-1);
+        rc = ConnectProxySocket(g_session.AgentIP, g_session.Port);
+    }
+    if (rc != 0) {
+        DebugTrace("reconnect failed (err %d)\n", rc);
+        return rc;
+    }
+    rc = Handshake(buffer);
+    if (rc != 0) {
+        DebugTrace("Reconnect failed (err %d)\n", rc);
+        if (rc == kVersionMismatch)
+            DebugTrace("Version incompatibility! The version of the kelvane and the vds provider must match.\n");
+        return rc;
+    }
+    rc = Login(buffer);
+    if (rc != 0) {
+        DebugTrace("Reconnect login failed (err %d)\n", rc);
+        return rc;
+    }
+    rc = negotiate_listen_port(buffer);
+    if (rc != 0) DebugTrace("Reconnect negotiate_listen_port failed (err %d)\n", rc);
+    LogInfoEvent("%s", TranslateEventText(kRestoredText));
+    return rc;
+}
+
+void sig_action(int signal) {
+    g_session.terminating = 1;
+    DebugTrace("sig_action %d\n", signal);
+}
+
+void shut() {
+    DebugTrace("shut()\n");
+    uint8_t* buffer = g_transport.PacketBuffer;
+    if (buffer && g_transport.sock.load() > 0) {
+        MakeHeader(buffer, wire::RSSESSION, kGoodbyeOp);
+        exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize), buffer, static_cast<int>(wire::kHeaderSize));
+    }
+    CloseProxySocket(0);
+}
+
+void ProxyUnInit() {
+    DebugTrace("ProxyUnInit enter\n");
+    sig_action(-1);
+    shut();
+    if (ListenerValid()) delete_listener();
+    DebugTrace("waiting for threads to complete\n");
+    // Up to ten seconds in steps of one. A step ends as soon as the threads have ended (they
+    // signal it), so a clean stop costs no wait; only a thread that stays busy is waited for.
+    bool ended = !ThreadsRunning();
+    for (int count = 10; !ended;) {
+        {
+            std::unique_lock<std::mutex> g(g_threadsMu);
+            g_threadsCv.wait_for(g, std::chrono::seconds(1), [] { return !ThreadsRunning(); });
+        }
+        if (!ThreadsRunning()) {
+            ended = true;
+            break;
+        }
+        if (--count == 0) break;
+    }
+    if (!ended)
+        DebugTrace("timed out waiting for threads to finish: recv_events=%d process_event=%d\n",
+                   recvEventsRunning.load(), g_session.processEventRunning.load());
+    FreePacketBuffer();
+    DebugTrace("ProxyUnInit leave\n");
+}
+
+void ResetSessionForTest() {
+    g_session.terminating = 0;
+    g_session.HandshakeToken = 0;
+    g_session.LostConnectionLogged = false;
+    g_session.processEventRunning = 0;
+    std::memset(g_session.AgentIP, 0, sizeof g_session.AgentIP);
+    std::memset(g_session.UserName, 0, sizeof g_session.UserName);
+    std::memset(g_session.Password, 0, sizeof g_session.Password);
+    g_session.PasswordLength = 0;
+    g_session.Port = 0;
+    ResetTransportForTest();
+}

@@ -1,0 +1,115 @@
+// A provider loaded as a host loads it (the module's class factory), on the fake platform, with
+// the emulator in-process as the proxy service. Shared by the provider's integration tests.
+#pragma once
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "core/globals.h"
+#include "core/provider_ids.h"
+#include "platform/fake_platform.h"
+#include "platform/vds_interfaces.h"
+#include "proxy/session.h"
+#include "sim/sim.h"
+#include "support/debuglog.h"
+#include "support/module.h"
+
+namespace testlib {
+
+inline int CountEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n - 2;
+}
+inline int ThreadCount() { return CountEntries("/proc/self/task"); }
+inline int FdCount() { return CountEntries("/proc/self/fd") - 1; }  // less the one opendir holds
+
+// Waits (for real, briefly) until pred() holds; for threads that end on their own.
+template <class Pred>
+bool Eventually(Pred pred, int ms = 5000) {
+    for (int i = 0; i < ms / 5; ++i) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return pred();
+}
+
+class ProviderEnv {
+public:
+    explicit ProviderEnv(const std::string& scenario = "demo", trovsim::Options simOptions = {}) {
+        char tmpl[] = "/tmp/trovtest.XXXXXX";
+        dir_ = mkdtemp(tmpl);
+        tp.Install();
+        tp.SetSystemDirectories(dir_, dir_ + "/none");
+        ResetProviderGlobalsForTest();
+        simOptions.logRequests = false;
+        simOptions.heartbeatIntervalMs = 0;
+        sim = std::make_unique<trovsim::Server>(simOptions);
+        std::string err;
+        EXPECT_TRUE(sim->LoadScenario(scenario, &err)) << err;
+        EXPECT_TRUE(sim->Start(&err)) << err;
+        EXPECT_TRUE(sim->WriteKelvaneConf(dir_ + "/kelvane.conf", &err)) << err;
+    }
+    ~ProviderEnv() {
+        if (provider) Unload();
+        sim->Stop();
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        if (system(cmd.c_str()) != 0) {
+        }
+    }
+    const std::string& dir() const { return dir_; }
+
+    // Creates a provider through the class factory; the caller owns the reference.
+    static IVdsProvider* Create() {
+        IClassFactory* f = nullptr;
+        EXPECT_EQ(DllGetClassObject(CLSID_TrovHwProvider, IID_IClassFactory, reinterpret_cast<void**>(&f)), S_OK);
+        if (!f) return nullptr;
+        IVdsProvider* p = nullptr;
+        EXPECT_EQ(f->CreateInstance(nullptr, IID_IVdsProvider, reinterpret_cast<void**>(&p)), S_OK);
+        f->Release();
+        return p;
+    }
+
+    HRESULT Load(IUnknown* sink = nullptr) {
+        provider = Create();
+        if (!provider) return E_FAIL;
+        IVdsProviderPrivate* priv = nullptr;
+        provider->QueryInterface(IID_IVdsProviderPrivate, reinterpret_cast<void**>(&priv));
+        HRESULT hr = priv->OnLoad(nullptr, sink);
+        priv->Release();
+        return hr;
+    }
+    HRESULT Unload() {
+        IVdsProviderPrivate* priv = nullptr;
+        provider->QueryInterface(IID_IVdsProviderPrivate, reinterpret_cast<void**>(&priv));
+        HRESULT hr = priv->OnUnload(FALSE);
+        priv->Release();
+        provider->Release();
+        provider = nullptr;
+        return hr;
+    }
+    template <class T>
+    T* Query(REFIID iid) {
+        void* p = nullptr;
+        if (!provider || FAILED(provider->QueryInterface(iid, &p))) return nullptr;
+        return static_cast<T*>(p);
+    }
+
+    TestPlatform tp;
+    std::unique_ptr<trovsim::Server> sim;
+    IVdsProvider* provider = nullptr;
+
+private:
+    std::string dir_;
+};
+
+}  // namespace testlib
