@@ -2,6 +2,8 @@
 
 #include "core/lock_guard.h"
 #include "objects/enumerator.h"
+
+#include <algorithm>
 #include "platform/wstr.h"
 #include "proxy/kelvane.h"
 #include "proxy/session.h"
@@ -223,15 +225,74 @@ HRESULT CProvider::OnUnload(BOOL bForceUnload) {
 HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
     CLockGuard lock("CProvider::QuerySubSystems", hNotificationMutex);
     DebugTrace("%s()\n", "CProvider::QuerySubSystems");
+    HRESULT hr = QueryObjects(this, m_mapSubSystems, ppEnum);
+    DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
+    return hr;
+}
+HRESULT CProvider::Reenumerate() { return E_NOTIMPL; }
+HRESULT CProvider::Refresh() { return E_NOTIMPL; }
+namespace {
+
+// The interface by which GetObject hands out an object of each kind.
+const IID* PrimaryInterface(VDS_OBJECT_TYPE type) {
+    switch (type) {
+        case VDS_OT_SUB_SYSTEM: return &IID_IVdsSubSystem;
+        case VDS_OT_CONTROLLER: return &IID_IVdsController;
+        case VDS_OT_DRIVE: return &IID_IVdsDrive;
+        case VDS_OT_LUN: return &IID_IVdsLun;
+        case VDS_OT_LUN_PLEX: return &IID_IVdsLunPlex;
+        case VDS_OT_PORT: return &IID_IVdsControllerPort;
+        case VDS_OT_PORTAL: return &IID_IVdsIscsiPortal;
+        case VDS_OT_TARGET: return &IID_IVdsIscsiTarget;
+        case VDS_OT_PORTAL_GROUP: return &IID_IVdsIscsiPortalGroup;
+        case VDS_OT_STORAGE_POOL: return &IID_IVdsStoragePool;
+        default: return nullptr;
+    }
+}
+
+}  // namespace
+
+HRESULT CProvider::GetObject(VDS_OBJECT_ID ObjectId, VDS_OBJECT_TYPE type, IUnknown** ppObjectUnk) {
+    CLockGuard lock("CProvider::GetObject", hNotificationMutex);
+    if (!ppObjectUnk) return E_POINTER;
+    if (type < VDS_OT_SUB_SYSTEM || type > VDS_OT_STORAGE_POOL) return E_INVALIDARG;
+    *ppObjectUnk = nullptr;
+    const ObjectEntry* e = m_registry.Find(ObjectId, type);
+    IUnknown* unk = nullptr;
+    if (!e || !e->pObject || FAILED(e->pObject->QueryInterface(*PrimaryInterface(type), reinterpret_cast<void**>(&unk)))) {
+        DebugTrace("BUGBUGBUG: CProvider::GetObject() return VDS_E_OBJECT_NOT_FOUND, type=%d, ObjectId:", type);
+        DebugTrace("%s\n", LogGuid(ObjectId).c_str());
+        return VDS_E_OBJECT_NOT_FOUND;
+    }
+    // One reference more than the caller releases, deliberately: an object handed out here
+    // stays alive past the caller's Release.
+    unk->AddRef();
+    *ppObjectUnk = unk;
+    return S_OK;
+}
+
+HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject** ppEnum) {
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
     CComObject<CEnumerator>* e = CEnumerator::Create();
-    if (!e) {
-        DebugTrace("OOP!!! CProvider::QuerySubSystems out of memory, return E_OUTOFMEMORY, line %d\n", __LINE__);
-        return E_OUTOFMEMORY;
+    if (!e) return E_OUTOFMEMORY;
+    struct Item {
+        IUnknown* unk;
+        CVdsBase::SortKey key;
+    };
+    std::vector<Item> items;
+    items.reserve(map.size());
+    for (const auto& [id, entry] : map) {
+        auto* base = dynamic_cast<CVdsBase*>(entry.pObject);
+        items.push_back(Item{entry.pObject, base ? base->GetSortKey() : CVdsBase::SortKey{}});
     }
-    for (auto& [id, entry] : m_mapSubSystems) {
-        HRESULT hr = e->Append(entry.pObject);
+    std::stable_sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+        if (a.key.k1 != b.key.k1) return a.key.k1 < b.key.k1;
+        if (a.key.k2 != b.key.k2) return a.key.k2 < b.key.k2;
+        return a.key.name < b.key.name;
+    });
+    for (const Item& it : items) {
+        HRESULT hr = e->Append(it.unk);
         if (FAILED(hr)) {
             e->Release();
             return hr;
@@ -239,12 +300,8 @@ HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
     }
     e->Reset();
     *ppEnum = e;
-    DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
     return S_OK;
 }
-HRESULT CProvider::Reenumerate() { return E_NOTIMPL; }
-HRESULT CProvider::Refresh() { return E_NOTIMPL; }
-HRESULT CProvider::GetObject(VDS_OBJECT_ID, VDS_OBJECT_TYPE, IUnknown**) { return E_NOTIMPL; }
 HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) { return E_NOTIMPL; }
 HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject**) { return E_NOTIMPL; }
 HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) {

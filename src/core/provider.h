@@ -17,6 +17,7 @@
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"
 #include "proxy/wire.h"
+#include "support/debuglog.h"
 
 class CProvider : public CComObjectRootEx,
                   public CVdsBase,
@@ -59,6 +60,17 @@ public:
                                                ULONGLONG* pullMaxLunSize) override;
 
     IVdsAdviseSink* Sink() const { return m_pSink; }
+
+    // --- Registry (callers hold the notification mutex) ---
+    bool AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) { return m_registry.AddObject(id, entry); }
+    void RemoveObject(const VDS_OBJECT_ID& id) { m_registry.RemoveObject(id, isRefreshing.load() != 0); }
+    // Enters the object under its key text in the identity map (which keeps it alive).
+    void RememberObject(const VDS_OBJECT_ID& id, const std::u16string& key, CVdsBase* object, IUnknown* unk) {
+        m_registry.RememberObject(id, key, object->ObjectType(), unk, object);
+    }
+    ObjectRegistry& Registry() { return m_registry; }
+    ObjectMap& SubSystemMap() { return m_mapSubSystems; }
+    ObjectMap& PoolMap() { return m_mapPools; }
     // The subsystem list of the last load, as the service gave it.
     const std::vector<SubsystemEntry>& SubsystemList() const { return m_subsystems; }
 
@@ -74,6 +86,29 @@ private:
     bool m_bNeedRefresh = false;
     std::vector<SubsystemEntry> m_subsystems;
 };
+
+// Makes an enumerator over the objects of a map, ordered by their kind's sort key.
+HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject** ppEnum);
+
+// The object of class T that carried `key` before (its old id replaces *inOutGuid), or a new
+// object with a count of 0 (the fresh id stays). Null when no object could be made. A key is
+// looked up among objects of T's kind only.
+template <class T>
+CComObject<T>* FindObjAndGuid(CProvider* provider, VDS_OBJECT_ID* inOutGuid, const std::u16string& key) {
+    VDS_OBJECT_ID found{};
+    const ObjectRegistry::Identity* e = provider->Registry().FindIdentity(T::kObjectType, key, &found);
+    if (e) {
+        if (auto* obj = dynamic_cast<CComObject<T>*>(e->base)) {
+            *inOutGuid = found;
+            DebugTrace("FindObjAndGuid found %S @ %p\n", key.c_str(), static_cast<void*>(obj));
+            return obj;
+        }
+    }
+    CComObject<T>* obj = nullptr;
+    if (FAILED(CComObject<T>::CreateInstance(&obj))) return nullptr;
+    DebugTrace("FindObjAndGuid created %S @ %p\n", key.c_str(), static_cast<void*>(obj));
+    return obj;
+}
 
 // Lets the next load delay again (tests only).
 void ResetLoadDelayForTest();
