@@ -229,8 +229,60 @@ HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
     DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
     return hr;
 }
-HRESULT CProvider::Reenumerate() { return E_NOTIMPL; }
-HRESULT CProvider::Refresh() { return E_NOTIMPL; }
+bool CProvider::IsNeedRefresh() {
+    bool need;
+    {
+        CLockGuard lock("CProvider::IsNeedRefresh", hRefreshMutex);
+        need = m_bNeedRefresh;
+    }
+    DebugTrace("CProvider::IsNeedRefresh() returns %s\n", need ? "TRUE" : "FALSE");
+    return need;
+}
+
+void CProvider::SetNeedRefresh(bool flag) {
+    CLockGuard lock("CProvider::SetNeedRefresh", hRefreshMutex);
+    DebugTrace("CProvider::SetNeedRefresh IN  IsNeedRefresh = %d\n", m_bNeedRefresh ? 1 : 0);
+    m_bNeedRefresh = flag;
+    DebugTrace("CProvider::SetNeedRefresh OUT m_bNeedRefresh = %d\n", m_bNeedRefresh ? 1 : 0);
+}
+
+void CProvider::Refreshable() {
+    DebugTrace("Refreshable() : enter !\n");
+    if (IsNeedRefresh() && NumOperation.load() == 0) {
+        DebugTrace("Refreshable() : Need a refresh\n");
+        Refresh();
+    }
+    DebugTrace("Refreshable() : OUT!\n");
+}
+
+HRESULT CProvider::Refresh() {
+    if (isRefreshing) {
+        DebugTrace("CProvider::Refresh() : The provider is in refresh, return ok.\n");
+        return S_OK;
+    }
+    CLockGuard lock("CProvider::Refresh", hNotificationMutex);
+    SetNeedRefresh(false);
+    // The objects live on through the identity map, which holds its own reference, and the
+    // rebuild finds them there again by their key texts; the maps' references go with the maps,
+    // so that the rebuild's new references keep every count balanced.
+    for (auto& [id, e] : m_mapPools)
+        if (e.pObject) e.pObject->Release();
+    for (auto& [id, e] : m_mapSubSystems)
+        if (e.pObject) e.pObject->Release();
+    m_mapSubSystems.clear();
+    m_mapPools.clear();
+    m_registry.ClearObjects();
+    isRefreshing = 1;
+    WCHAR empty[1] = {0};
+    OnLoad(empty, nullptr);
+    isRefreshing = 0;
+    return S_OK;
+}
+
+HRESULT CProvider::Reenumerate() {
+    CLockGuard lock("CProvider::Reenumerate", hNotificationMutex);
+    return Refresh();
+}
 namespace {
 
 // The interface by which GetObject hands out an object of each kind.

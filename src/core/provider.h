@@ -61,6 +61,14 @@ public:
 
     IVdsAdviseSink* Sink() const { return m_pSink; }
 
+    // --- Staleness of the tree ---
+    // m_bNeedRefresh under the refresh mutex.
+    bool IsNeedRefresh();
+    void SetNeedRefresh(bool flag);
+    // The check at the start of the host's queries (the caller holds the notification mutex):
+    // rebuild the tree now if it is stale and no operation is under way.
+    void Refreshable();
+
     // --- Registry (callers hold the notification mutex) ---
     bool AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) { return m_registry.AddObject(id, entry); }
     void RemoveObject(const VDS_OBJECT_ID& id) { m_registry.RemoveObject(id, isRefreshing.load() != 0); }
