@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/hresult.h"
+#include "platform/platform.h"
 #include "platform/settings.h"
 #include "platform/wstr.h"
 #include "provider_host.h"
