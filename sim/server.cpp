@@ -236,10 +236,15 @@ void Server::Stop() {
         std::lock_guard<std::mutex> g(connMu_);
         conns.swap(conns_);
     }
-    for (auto& c : conns) ::shutdown(c->fd, SHUT_RDWR);
+    {
+        std::lock_guard<std::mutex> g(connMu_);
+        for (auto& c : conns)
+            if (c->fd >= 0) ::shutdown(c->fd, SHUT_RDWR);
+    }
     for (auto& c : conns)
         if (c->thread.joinable()) c->thread.join();
-    for (auto& c : conns) ::close(c->fd);
+    for (auto& c : conns)
+        if (c->fd >= 0) ::close(c->fd);
     CloseListener();
     if (wakeFd_ >= 0) ::close(wakeFd_);
     wakeFd_ = -1;
@@ -311,7 +316,6 @@ void Server::AcceptLoop() {
         for (auto it = conns_.begin(); it != conns_.end();) {
             if ((*it)->done) {
                 if ((*it)->thread.joinable()) (*it)->thread.join();
-                ::close((*it)->fd);
                 it = conns_.erase(it);
             } else {
                 ++it;
@@ -380,10 +384,14 @@ void Server::Serve(std::shared_ptr<Conn> c) {
         }
         if (!keep) break;
     }
-    ::shutdown(c->fd, SHUT_RDWR);
     {
+        // Closed here rather than at the next accept, so that an idle emulator holds no
+        // descriptor of a session that has ended.
         std::lock_guard<std::mutex> g(connMu_);
         c->listenPort = -1;  // no more heartbeats for a session that ended
+        ::shutdown(c->fd, SHUT_RDWR);
+        ::close(c->fd);
+        c->fd = -1;
     }
     LogLine(Format("conn %d: closed", c->number));
     c->done = true;
@@ -428,7 +436,7 @@ bool Server::HandleSession(Conn& c, const uint8_t* pkt, uint32_t len) {
         } else {
             user = CText(body, 32);
             uint8_t expected[48] = {};
-            std::strncpy(reinterpret_cast<char*>(expected), opt_.password.c_str(), 48);
+            std::memcpy(expected, opt_.password.data(), std::min<size_t>(opt_.password.size(), 48));
             EncipherPasswordField(expected);
             uint8_t lengthByte = static_cast<uint8_t>(opt_.password.size());
             uint32_t token = wire::LoadBe32(body + 84);

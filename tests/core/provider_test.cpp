@@ -160,6 +160,7 @@ TEST(ProviderLoad, HundredLoadsLeaveNoThreadAndNoDescriptor) {
     env.Unload();
     ASSERT_TRUE(testlib::Eventually([&] { return env.sim->stats().connections >= 1; }));
     int threads = testlib::ThreadCount(), fds = testlib::FdCount();
+    std::string before = testlib::FdList();
     for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(env.Load(), S_OK) << i;
         ASSERT_EQ(isProviderOnline.load(), 1) << i;
@@ -168,7 +169,7 @@ TEST(ProviderLoad, HundredLoadsLeaveNoThreadAndNoDescriptor) {
     EXPECT_TRUE(testlib::Eventually([&] { return testlib::ThreadCount() <= threads; }))
         << testlib::ThreadCount() - threads << " threads left";
     EXPECT_TRUE(testlib::Eventually([&] { return testlib::FdCount() <= fds; }))
-        << testlib::FdCount() - fds << " descriptors left";
+        << testlib::FdCount() - fds << " descriptors left: " << before << " / " << testlib::FdList();
     EXPECT_GE(env.sim->stats().logins, 101u);
 }
 

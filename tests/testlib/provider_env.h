@@ -33,6 +33,22 @@ inline int CountEntries(const char* dir) {
 inline int ThreadCount() { return CountEntries("/proc/self/task"); }
 inline int FdCount() { return CountEntries("/proc/self/fd") - 1; }  // less the one opendir holds
 
+// What each descriptor points at, for the message of a failed count.
+inline std::string FdList() {
+    std::string out;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            char target[256] = {};
+            std::string path = std::string("/proc/self/fd/") + e->d_name;
+            ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+            out += std::string(e->d_name) + "->" + (n > 0 ? target : "?") + " ";
+        }
+        closedir(d);
+    }
+    return out;
+}
+
 // Waits (for real, briefly) until pred() holds; for threads that end on their own.
 template <class Pred>
 bool Eventually(Pred pred, int ms = 5000) {
