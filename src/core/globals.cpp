@@ -8,6 +8,7 @@
 std::atomic<CProvider*> g_pProvider{nullptr};
 std::atomic<int> isProviderOnline{0};
 std::atomic<int> isRefreshing{0};
+std::atomic<int> allowQueryRefresh{1};
 std::atomic<uint32_t> NumOperation{0};
 std::atomic<uint32_t> DebugLogging{0};
 std::atomic<uint32_t> Options{0};
@@ -60,6 +61,7 @@ void ResetProviderGlobalsForTest() {
     g_pProvider = nullptr;
     isProviderOnline = 0;
     isRefreshing = 0;
+    allowQueryRefresh = 1;
     NumOperation = 0;
     DebugLogging = 0;
     Options = 0;

@@ -16,6 +16,8 @@ class CProvider;
 extern std::atomic<CProvider*> g_pProvider;
 extern std::atomic<int> isProviderOnline;
 extern std::atomic<int> isRefreshing;
+// Down while a controller-port lookup walks the controllers: no refresh may start inside it.
+extern std::atomic<int> allowQueryRefresh;
 extern std::atomic<uint32_t> NumOperation;
 extern std::atomic<uint32_t> DebugLogging;
 extern std::atomic<uint32_t> Options;

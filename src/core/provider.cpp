@@ -1,9 +1,14 @@
 #include "core/provider.h"
 
-#include "core/lock_guard.h"
-#include "objects/enumerator.h"
-
 #include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "core/lock_guard.h"
+#include "objects/controller.h"
+#include "objects/drive.h"
+#include "objects/enumerator.h"
+#include "objects/subsystem.h"
 #include "platform/wstr.h"
 #include "proxy/kelvane.h"
 #include "proxy/session.h"
@@ -201,11 +206,21 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
     LangInit();
     DebugTrace("OnLoad: Enumerating subsystems\n");
     for (const SubsystemEntry& e : list) {
-        char sn[33];
-        std::memcpy(sn, e.UniqueSN, 32);
-        sn[32] = 0;
-        DebugTrace("OnLoad: subsystem UniqueSN = %s, controllerA = %d, controllerB = %d\n", sn, e.controllerA,
-                   e.controllerB);
+        if (!IsServedSubsystem(e)) continue;
+        VDS_OBJECT_ID id{};
+        CoCreateGuid(&id);
+        CComObject<CSubSystem>* ss = nullptr;
+        if (isRefreshing)
+            ss = FindObjAndGuid<CSubSystem>(this, &id, CSubSystem::KeyText(e));
+        else
+            CComObject<CSubSystem>::CreateInstance(&ss);
+        if (!ss) return E_OUTOFMEMORY;
+        DebugTrace("OnLoad: initializing subsystem\n");
+        ss->AddRef();
+        ss->Initialize(&id, this, e);
+        DebugTrace("OnLoad: finished initializing subsystem %ls\n", ss->FriendlyName() ? ss->FriendlyName() : u"");
+        if (!m_mapSubSystems.emplace(id, ObjectEntry{VDS_OT_SUB_SYSTEM, static_cast<IVdsSubSystem*>(ss)}).second)
+            ss->Release();  // the map holds it already
     }
     DebugTrace("Setting provider online\n");
     isProviderOnline = 1;
@@ -213,10 +228,47 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
     return S_OK;
 }
 
+bool CProvider::IsServedSubsystem(const SubsystemEntry& e) {
+    uint32_t handle = e.controllerA ? e.controllerA : e.controllerB;
+    if (!handle) return false;
+    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
+    if (!buf || Kelvane::get_controller_data(handle, buf.get()) != 0) {
+        DebugTrace("OOP!!! Provider::isFC get_controller_data return VDS_E_INTERNAL_ERROR, line %d\n", __LINE__);
+        return false;
+    }
+    const auto* cd = reinterpret_cast<const ControllerData*>(buf.get());
+    for (uint32_t i = 0; i < rec::kMaxPorts; ++i)
+        if (cd->port(i).busType == TROV_BUS_ISCSI) return true;
+    std::string sn(e.UniqueSN, strnlen(e.UniqueSN, sizeof e.UniqueSN));
+    DebugTrace("CProvider::OnLoad() non-iSCSI subsystem will be be skipped, UniqueSN = %s, controllerA = %d, "
+               "controllerB = %d\n",
+               sn.c_str(), e.controllerA, e.controllerB);
+    return false;
+}
+
+void CProvider::ReleaseTree() {
+    CLockGuard lock("CProvider::ReleaseTree", hNotificationMutex);
+    // Children hold counted references on their parents and on the provider: the tree is taken
+    // apart from the top, so that every object dies and the provider's own count can reach 0.
+    ObjectMap subsystems, pools;
+    subsystems.swap(m_mapSubSystems);
+    pools.swap(m_mapPools);
+    for (auto& [id, e] : pools)
+        if (e.pObject) e.pObject->Release();
+    for (auto& [id, e] : subsystems) {
+        if (auto* ss = dynamic_cast<CSubSystem*>(e.pObject)) ss->Dispose();
+        if (e.pObject) e.pObject->Release();
+    }
+    m_registry.ClearObjects();
+    m_registry.ReleaseIdentities();
+    m_registry.ClearObjects();
+}
+
 HRESULT CProvider::OnUnload(BOOL bForceUnload) {
     DebugTrace("CProvider::OnUnload enter\n");
     isProviderOnline = 0;
     ProxyUnInit();
+    ReleaseTree();
     DebugTrace("CProvider::OnUnload exit\n");
     DebugClose();
     return S_OK;
@@ -225,6 +277,7 @@ HRESULT CProvider::OnUnload(BOOL bForceUnload) {
 HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
     CLockGuard lock("CProvider::QuerySubSystems", hNotificationMutex);
     DebugTrace("%s()\n", "CProvider::QuerySubSystems");
+    if (m_mapSubSystems.empty()) Refreshable();
     HRESULT hr = QueryObjects(this, m_mapSubSystems, ppEnum);
     DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
     return hr;
@@ -361,4 +414,24 @@ HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID
 }
 HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) {
     return E_NOTIMPL;
+}
+
+VDS_OBJECT_ID CProvider::GetUID(VDS_OBJECT_TYPE type, const EventData& event) {
+    ObjectMap objects;
+    {
+        CLockGuard lock("CProvider::GetUID", hNotificationMutex);
+        objects = m_registry.Objects();
+    }
+    for (auto& [id, e] : objects) {
+        if (e.type != type) continue;
+        if (type == VDS_OT_CONTROLLER) {
+            auto* c = dynamic_cast<CController*>(e.pObject);
+            if (c && c->Handle() == event.controllerHandle) return id;
+        } else if (type == VDS_OT_DRIVE) {
+            auto* d = dynamic_cast<CDrive*>(e.pObject);
+            if (d && std::memcmp(d->Serial(), event.driveSerial, 32) == 0) return id;
+        }
+        // LUNs are found by their partition serial once volumes are part of the tree.
+    }
+    return VDS_OBJECT_ID{};
 }

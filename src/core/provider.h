@@ -16,6 +16,7 @@
 #include "platform/com.h"
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"
+#include "proxy/records.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
 
@@ -82,8 +83,16 @@ public:
     // The subsystem list of the last load, as the service gave it.
     const std::vector<SubsystemEntry>& SubsystemList() const { return m_subsystems; }
 
+    // The GUID of the object an event speaks of (31 controller by handle, 32 drive by serial, 33
+    // LUN by partition serial); the zero GUID when none. Event 108 takes the LUN out at once.
+    VDS_OBJECT_ID GetUID(VDS_OBJECT_TYPE type, const EventData& event);
+    // Takes the whole tree apart (at unload): subsystems disposed, every reference let go.
+    void ReleaseTree();
+
 private:
     void ReadProviderSettings();
+    // The served test of a subsystem entry (`isFC`, though what it asks for is an iSCSI port).
+    bool IsServedSubsystem(const SubsystemEntry& entry);
     void initWmi();
 
     // The object map and the identity map.

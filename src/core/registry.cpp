@@ -16,6 +16,15 @@ ObjectRegistry::~ObjectRegistry() {
         if (ident.object) ident.object->Release();
 }
 
+void ObjectRegistry::ReleaseIdentities() {
+    // Moved out first: the releases reach destructors that call back into the registry.
+    std::map<VDS_OBJECT_ID, Identity, GuidLess> old;
+    old.swap(identities_);
+    byKey_.clear();
+    for (auto& [id, ident] : old)
+        if (ident.object) ident.object->Release();
+}
+
 bool ObjectRegistry::AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) {
     bool added = objects_.emplace(id, entry).second;
     DebugTrace("CProvider::AddObject VDS_OBJECT_TYPE %d guid %s%s\n", static_cast<int>(entry.type),

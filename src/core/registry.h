@@ -64,6 +64,8 @@ public:
     // The first identity in id order with this kind and key text; null when none.
     const Identity* FindIdentity(VDS_OBJECT_TYPE type, const std::u16string& key, VDS_OBJECT_ID* id) const;
     size_t IdentityCount() const { return identities_.size(); }
+    // Empties the identity map and lets go of its references (the provider's end).
+    void ReleaseIdentities();
     const std::map<VDS_OBJECT_ID, Identity, GuidLess>& Identities() const { return identities_; }
 
 private:

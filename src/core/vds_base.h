@@ -21,6 +21,12 @@ public:
     virtual ~CVdsBase() = default;
     VDS_OBJECT_TYPE ObjectType() const { return m_type; }
     virtual SortKey GetSortKey() const { return {}; }
+    // The 32-byte serial of the array behind the object (a LUN's); null for other kinds.
+    virtual const uint8_t* ArraySerial() const { return nullptr; }
+    // The controllerId of the controller that owns the object (1 = A, 0 = B); -1 when none.
+    virtual int OwnerId() const { return -1; }
+    // A LUN's id, its share on one member drive and its size; false for other kinds.
+    virtual bool DriveShare(VDS_OBJECT_ID* /*id*/, uint64_t* /*usedSize*/, uint64_t* /*lunSize*/) { return false; }
 
 protected:
     VDS_OBJECT_TYPE m_type;

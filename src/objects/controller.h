@@ -1,0 +1,91 @@
+// CController: one of the array's two controllers, and the heart of the object graph: its
+// Initialize turns one ControllerData record into the drives, ports (and, with the volume and
+// iSCSI objects, LUNs, pools, target, portals and portal groups) of the subsystem.
+//
+// Initialize runs with the notification mutex held by its caller; the other methods take it
+// themselves. Status and health change only in Initialize: a controller that stopped answering
+// keeps its last values until the next refresh.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "core/registry.h"
+#include "core/vds_base.h"
+#include "platform/com.h"
+#include "platform/vds.h"
+#include "platform/vds_interfaces.h"
+#include "proxy/records.h"
+
+class CProvider;
+class CSubSystem;
+
+class CController : public CComObjectRootEx,
+                    public CVdsBase,
+                    public IVdsController,
+                    public IVdsControllerControllerPort,
+                    public IVdsMaintenance {
+public:
+    static constexpr VDS_OBJECT_TYPE kObjectType = VDS_OT_CONTROLLER;
+    static constexpr uint32_t kInitialisedMark = 20100122;
+
+    CController();
+    ~CController() override;
+    HRESULT InternalQueryInterface(REFIID riid, void** ppv);
+
+    // IVdsController
+    HRESULT GetProperties(VDS_CONTROLLER_PROP* pControllerProp) override;
+    HRESULT GetSubSystem(IVdsSubSystem** ppSubSystem) override;
+    HRESULT GetPortProperties(SHORT sPortNumber, VDS_PORT_PROP* pPortProp) override;
+    HRESULT FlushCache() override;
+    HRESULT InvalidateCache() override;
+    HRESULT Reset() override;
+    HRESULT QueryAssociatedLuns(IEnumVdsObject** ppEnum) override;
+    HRESULT SetStatus(VDS_CONTROLLER_STATUS status) override;
+    // IVdsControllerControllerPort
+    HRESULT QueryControllerPorts(IEnumVdsObject** ppEnum) override;
+    // IVdsMaintenance
+    HRESULT StartMaintenance(VDS_MAINTENANCE_OPERATION operation) override;
+    HRESULT StopMaintenance(VDS_MAINTENANCE_OPERATION operation) override;
+    HRESULT PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG ulCount) override;
+
+    HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, uint32_t handle,
+                       const ControllerData* record);
+    void Dispose();
+
+    SortKey GetSortKey() const override { return {-static_cast<int64_t>(m_Owner), 0, {}}; }
+    int OwnerId() const override { return m_Owner; }
+
+    uint32_t Handle() const { return m_handle; }
+    uint8_t Owner() const { return m_Owner; }
+    uint32_t OverheadPerMille() const { return m_overheadPerMille; }
+    const VDS_OBJECT_ID& Id() const { return m_prop.id; }
+    const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    CSubSystem* SubSystem() const { return m_pSubSystem; }
+    const char* VendorName() const { return m_vendorName; }
+    const char* ProductId() const { return m_productId; }
+    const char* FirmwareRevision() const { return m_firmwareRevision; }
+    const uint8_t* IpAddress() const { return m_ipAddress; }
+
+    ObjectMap m_ports;
+
+private:
+    HRESULT CacheCommand(const char* method, bool flush);
+    void AddDrives(const ControllerData& cd);
+    void AddPorts(const ControllerData& cd);
+
+    CProvider* m_pProvider = nullptr;     // counted
+    CSubSystem* m_pSubSystem = nullptr;   // counted
+    VDS_CONTROLLER_PROP m_prop{};
+    uint8_t m_Owner = 3;
+    uint32_t m_handle = 0;
+    uint8_t m_macAddress[6]{};
+    uint8_t m_ipAddress[4]{};
+    char m_vendorName[9]{};
+    char m_productId[17]{};
+    char m_firmwareRevision[20]{};
+    uint32_t m_overheadPerMille = 0;
+    char m_UniqueSn[32]{};
+    uint32_t m_numPorts = 0;
+    uint32_t m_initialised = 0;
+};

@@ -1,0 +1,109 @@
+// CSubSystem: the root of one dual-controller array as the host sees it.
+//
+// One object per served entry of the service's subsystem list. It owns the maps of the array's
+// objects, builds them from both controllers' records (FillCtrlDriveLunList, through
+// CController::Initialize), and answers the subsystem interfaces. Every method that reads or
+// changes the maps holds the notification mutex; Initialize and Reenumerate hold it throughout,
+// array reads included.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/registry.h"
+#include "core/vds_base.h"
+#include "platform/com.h"
+#include "platform/vds.h"
+#include "platform/vds_interfaces.h"
+#include "proxy/records.h"
+#include "proxy/wire.h"
+
+class CProvider;
+
+class CSubSystem : public CComObjectRootEx,
+                   public CVdsBase,
+                   public IVdsSubSystem,
+                   public IVdsSubSystem2,
+                   public IVdsSubSystemIscsi,
+                   public IVdsSubSystemNaming {
+public:
+    static constexpr VDS_OBJECT_TYPE kObjectType = VDS_OT_SUB_SYSTEM;
+
+    CSubSystem();
+    ~CSubSystem() override;
+    HRESULT InternalQueryInterface(REFIID riid, void** ppv);
+
+    // IVdsSubSystem
+    HRESULT GetProperties(VDS_SUB_SYSTEM_PROP* pSubSystemProp) override;
+    HRESULT GetProvider(IVdsProvider** ppProvider) override;
+    HRESULT QueryControllers(IEnumVdsObject** ppEnum) override;
+    HRESULT QueryLuns(IEnumVdsObject** ppEnum) override;
+    HRESULT QueryDrives(IEnumVdsObject** ppEnum) override;
+    HRESULT GetDrive(SHORT sBusNumber, SHORT sSlotNumber, IVdsDrive** ppDrive) override;
+    HRESULT Reenumerate() override;
+    HRESULT SetControllerStatus(VDS_OBJECT_ID* pOnlineControllerIdArray, LONG lNumberOfOnlineControllers,
+                                VDS_OBJECT_ID* pOfflineControllerIdArray, LONG lNumberOfOfflineControllers) override;
+    HRESULT CreateLun(VDS_LUN_TYPE type, ULONGLONG ullSizeInBytes, VDS_OBJECT_ID* pDriveIdArray, LONG lNumberOfDrives,
+                      LPWSTR pwszUnmaskingList, VDS_HINTS* pHints, IVdsAsync** ppAsync) override;
+    HRESULT ReplaceDrive(VDS_OBJECT_ID DriveToBeReplaced, VDS_OBJECT_ID ReplacementDrive) override;
+    HRESULT SetStatus(VDS_SUB_SYSTEM_STATUS status) override;
+    HRESULT QueryMaxLunCreateSize(VDS_LUN_TYPE type, VDS_OBJECT_ID* pDriveIdArray, LONG lNumberOfDrives,
+                                  VDS_HINTS* pHints, ULONGLONG* pullMaxLunSize) override;
+    virtual HRESULT FillCtrlDriveLunList(const SubsystemEntry& entry);
+    // IVdsSubSystem2
+    HRESULT GetProperties2(VDS_SUB_SYSTEM_PROP2* pSubSystemProp2) override;
+    HRESULT GetDrive2(SHORT sBusNumber, SHORT sSlotNumber, ULONG ulEnclosureNumber, IVdsDrive** ppDrive) override;
+    HRESULT CreateLun2(VDS_LUN_TYPE type, ULONGLONG ullSizeInBytes, VDS_OBJECT_ID* pDriveIdArray,
+                       LONG lNumberOfDrives, LPWSTR pwszUnmaskingList, VDS_HINTS2* pHints2,
+                       IVdsAsync** ppAsync) override;
+    HRESULT QueryMaxLunCreateSize2(VDS_LUN_TYPE type, VDS_OBJECT_ID* pDriveIdArray, LONG lNumberOfDrives,
+                                   VDS_HINTS2* pHints2, ULONGLONG* pullMaxLunSize) override;
+    // IVdsSubSystemIscsi
+    HRESULT QueryTargets(IEnumVdsObject** ppEnum) override;
+    HRESULT QueryPortals(IEnumVdsObject** ppEnum) override;
+    HRESULT CreateTarget(LPWSTR pwszIscsiName, LPWSTR pwszFriendlyName, IVdsAsync** ppAsync) override;
+    HRESULT SetIpsecGroupPresharedKey(VDS_ISCSI_IPSEC_KEY* pIpsecKey) override;
+    // IVdsSubSystemNaming
+    HRESULT SetFriendlyName(LPWSTR pwszFriendlyName) override;
+
+    HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, const SubsystemEntry& entry);
+    void Dispose();
+
+    // "Sub " + UniqueSN + " " + UniqueSN: the key of the identity map.
+    static std::u16string KeyText(const SubsystemEntry& entry);
+
+    CProvider* Provider() const { return m_pProvider; }
+    const VDS_OBJECT_ID& Id() const { return m_prop.id; }
+    const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    const SubsystemEntry& Entry() const { return m_entry; }
+
+    // The maps of the array's objects (the lock holder's).
+    ObjectMap m_controllers, m_drives, m_luns, m_portals, m_targets, m_portalGroups;
+
+    // Filled by the controllers while they initialise.
+    std::u16string m_SysName;
+    std::u16string m_identString;
+    std::vector<std::pair<uint16_t, uint16_t>> m_driveSeen;  // (channel, scsiId) of each view met
+    uint16_t m_portCount = 0;
+    uint16_t m_maxSlots = 0;
+    uint32_t m_enclosureCount = 0;
+    uint16_t m_enclosureDrives = 0;
+    uint8_t m_allowedDriveType = 0;
+    uint16_t m_SupportRaid6 = 0;
+    uint8_t b_SupportULP = 0;
+    uint32_t m_handleA = 0, m_handleB = 0;
+    uint32_t m_maxLuns = 0;
+    uint8_t m_hostBusType = 0;
+    // The newest event per controller: the state of the monitor's event check.
+    bool m_lastEventsSet = false;
+    EventData m_lastEvent[2]{};
+
+private:
+    HRESULT EnumerateMap(const ObjectMap& map, IEnumVdsObject** ppEnum);
+
+    CProvider* m_pProvider = nullptr;  // counted
+    VDS_SUB_SYSTEM_PROP m_prop{};
+    SubsystemEntry m_entry{};
+};
