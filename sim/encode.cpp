@@ -10,6 +10,12 @@
 namespace trovsim {
 
 namespace {
+// The system name fills its 80 bytes when it is that long: the array keeps no NUL there.
+void FillNameField(char (&field)[80], const std::string& text) {
+    std::memset(field, 0, sizeof field);
+    std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
+}
+
 
 int IndexOfOwner(uint8_t owner) { return owner == 1 ? 0 : 1; }
 bool IsMirror(uint8_t raid) { return raid == kRaid1 || raid == kRaid10 || raid == kRaid51; }
@@ -197,7 +203,7 @@ Bytes Encoder::ControllerData(CtrlRef c) {
     for (const Drive& d : s.drives)
         if (usable && !d.offline && listed.size() < rec::kMaxDrives) listed.push_back(&d);
     FillSection(s, ctl, static_cast<uint32_t>(listed.size()), cd.controller);
-    SetRecordText(cd.advNet.systemName, s.systemName);
+    FillNameField(cd.advNet.systemName, s.systemName);
     cd.enclosureCount = std::min<uint32_t>(s.enclosures, rec::kMaxEnclosures);
     for (uint32_t i = 0; i < cd.enclosureCount; ++i)
         cd.enclosures[i].numDrives = static_cast<uint8_t>(std::min<uint32_t>(s.slotsPerEnclosure, 255));
@@ -238,7 +244,7 @@ Bytes Encoder::UnifiedData(CtrlRef c) {
     u.hostBusType = s.hostBusType;
     SetRecordText(u.iscsiBaseName, s.iscsiBaseName);
     for (SystemInfo& si : u.systemInfo) {
-        SetRecordText(si.systemName, s.systemName);
+        FillNameField(si.systemName, s.systemName);
         si.chapEnabled = s.chapEnabled ? 1 : 0;
     }
     uint32_t listed = 0;

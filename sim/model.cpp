@@ -989,7 +989,7 @@ uint32_t Model::SetDriveOffline(Subsystem& s, const std::string& serial, bool of
 uint32_t Model::SetSystemName(CtrlRef c, const std::string& name) {
     Subsystem& s = *c.sub;
     if (c.c()->offline) return kErrControllerDown;
-    s.systemName = name.substr(0, 79);
+    s.systemName = name.substr(0, 80);  // the field's width; a name that fills it has no NUL
     Log(s, c.index, kEvSettingsChanged, 0, "System name changed to " + s.systemName);
     Touch(s);
     return kOk;
