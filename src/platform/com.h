@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <new>
 
 #include "platform/hresult.h"
@@ -114,7 +115,7 @@ public:
     }
     CComPtr& operator=(const CComPtr& o) { return *this = o.p_; }
     CComPtr& operator=(CComPtr&& o) noexcept {
-        if (this != &o) {
+        if (this != std::addressof(o)) {
             Release();
             p_ = o.p_;
             o.p_ = nullptr;

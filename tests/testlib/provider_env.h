@@ -10,6 +10,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "core/globals.h"
 #include "core/provider_ids.h"
@@ -59,6 +60,44 @@ bool Eventually(Pred pred, int ms = 5000) {
     return pred();
 }
 
+// Every object of an enumeration, as interface T (each a counted reference).
+template <class T>
+std::vector<CComPtr<T>> Collect(IEnumVdsObject* e, REFIID iid) {
+    std::vector<CComPtr<T>> out;
+    IUnknown* unk = nullptr;
+    ULONG fetched = 0;
+    while (e->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+        void* p = nullptr;
+        if (SUCCEEDED(unk->QueryInterface(iid, &p)) && p) {
+            CComPtr<T> ptr;
+            ptr.Attach(static_cast<T*>(p));
+            out.push_back(std::move(ptr));
+        }
+        unk->Release();
+    }
+    return out;
+}
+
+// Runs a query method that hands out an enumerator and collects it.
+template <class T, class Q>
+std::vector<CComPtr<T>> CollectFrom(Q query, REFIID iid, HRESULT* hr = nullptr) {
+    IEnumVdsObject* e = nullptr;
+    HRESULT r = query(&e);
+    if (hr) *hr = r;
+    std::vector<CComPtr<T>> out;
+    if (SUCCEEDED(r) && e) {
+        out = Collect<T>(e, iid);
+        e->Release();
+    }
+    return out;
+}
+
+inline std::string Narrow(const WCHAR* s) {
+    std::string out;
+    for (; s && *s; ++s) out.push_back(static_cast<char>(*s));
+    return out;
+}
+
 class ProviderEnv {
 public:
     explicit ProviderEnv(const std::string& scenario = "demo", trovsim::Options simOptions = {}) {
@@ -67,7 +106,7 @@ public:
         tp.Install();
         tp.SetSystemDirectories(dir_, dir_ + "/none");
         ResetProviderGlobalsForTest();
-        simOptions.logRequests = false;
+        if (!simOptions.logSink) simOptions.logRequests = false;
         simOptions.heartbeatIntervalMs = 0;
         sim = std::make_unique<trovsim::Server>(simOptions);
         std::string err;
@@ -112,6 +151,19 @@ public:
         provider->Release();
         provider = nullptr;
         return hr;
+    }
+    // The subsystems of the loaded provider (each a counted reference).
+    std::vector<CComPtr<IVdsSubSystem>> SubSystems() {
+        std::vector<CComPtr<IVdsSubSystem>> out;
+        IVdsHwProvider* hw = Query<IVdsHwProvider>(IID_IVdsHwProvider);
+        if (!hw) return out;
+        IEnumVdsObject* e = nullptr;
+        if (SUCCEEDED(hw->QuerySubSystems(&e)) && e) {
+            out = Collect<IVdsSubSystem>(e, IID_IVdsSubSystem);
+            e->Release();
+        }
+        hw->Release();
+        return out;
     }
     template <class T>
     T* Query(REFIID iid) {
