@@ -255,10 +255,12 @@ void CProvider::ReleaseTree() {
     pools.swap(m_mapPools);
     for (auto& [id, e] : pools)
         if (e.pObject) e.pObject->Release();
-    for (auto& [id, e] : subsystems) {
-        if (auto* ss = dynamic_cast<CSubSystem*>(e.pObject)) ss->Dispose();
+    for (auto& [id, e] : subsystems)
         if (e.pObject) e.pObject->Release();
-    }
+    // Every object the tree ever made is in the identity map, which still holds each of them:
+    // first every object lets go of the others, then the map lets go of them all.
+    for (auto& [id, ident] : m_registry.Identities())
+        if (ident.base) ident.base->TearDown();
     m_registry.ClearObjects();
     m_registry.ReleaseIdentities();
     m_registry.ClearObjects();

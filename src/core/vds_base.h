@@ -25,6 +25,9 @@ public:
     virtual const uint8_t* ArraySerial() const { return nullptr; }
     // The controllerId of the controller that owns the object (1 = A, 0 = B); -1 when none.
     virtual int OwnerId() const { return -1; }
+    // Lets go of every reference the object holds (its children and parents), so that the end
+    // of the provider leaves no cycle of references behind.
+    virtual void TearDown() {}
     // A LUN's id, its share on one member drive and its size; false for other kinds.
     virtual bool DriveShare(VDS_OBJECT_ID* /*id*/, uint64_t* /*usedSize*/, uint64_t* /*lunSize*/) { return false; }
 

@@ -52,6 +52,7 @@ public:
     HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, uint32_t handle,
                        const ControllerData* record);
     void Dispose();
+    void TearDown() override { Dispose(); }
 
     SortKey GetSortKey() const override { return {-static_cast<int64_t>(m_Owner), 0, {}}; }
     int OwnerId() const override { return m_Owner; }

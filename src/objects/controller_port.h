@@ -33,6 +33,7 @@ public:
     HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, CController* controller,
                        const ControllerData* record, uint32_t channel);
     void Dispose();
+    void TearDown() override { Dispose(); }
 
     int OwnerId() const override { return m_Owner; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }

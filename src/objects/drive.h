@@ -45,6 +45,7 @@ public:
     HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, CController* controller,
                        const DriveData* record);
     void Dispose();
+    void TearDown() override { ReleaseAll(); }
 
     // "%s %s s/n %s rev %s id %d.%d (%s)": the friendly name and the key of the identity map.
     static std::u16string MakeDriveName(const DriveData& record);

@@ -70,6 +70,7 @@ public:
 
     HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, const SubsystemEntry& entry);
     void Dispose();
+    void TearDown() override { Dispose(); }
 
     // "Sub " + UniqueSN + " " + UniqueSN: the key of the identity map.
     static std::u16string KeyText(const SubsystemEntry& entry);
