@@ -1,0 +1,662 @@
+// The session on the wire, byte for byte, against a scripted peer: handshake, login with its
+// enciphered password, listen-port announcement, goodbye, the sequence number and check value
+// across commands and reconnects, and every kind of bad reply with its result and log line.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/des.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "platform/fake_platform.h"
+#include "proxy/heartbeat.h"
+#include "proxy/iasocket.h"
+#include "proxy/session.h"
+#include "support/debuglog.h"
+#include "testlib/script_peer.h"
+
+namespace {
+
+using testlib::ScriptPeer;
+using Bytes = ScriptPeer::Bytes;
+
+// The DES initial permutation IP (FIPS 46), written out here on its own so that a slip in the
+// production table shows.
+constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
+                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
+                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
+                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
+
+uint32_t Expected(uint32_t seq, uint32_t key) { return kIp[seq % 64] + key + seq; }
+
+uint32_t Be32(const Bytes& b, size_t off) {
+    return uint32_t(b.at(off)) << 24 | uint32_t(b.at(off + 1)) << 16 | uint32_t(b.at(off + 2)) << 8 | b.at(off + 3);
+}
+
+void PutBe32(Bytes& b, uint32_t v) {
+    b.push_back(static_cast<uint8_t>(v >> 24));
+    b.push_back(static_cast<uint8_t>(v >> 16));
+    b.push_back(static_cast<uint8_t>(v >> 8));
+    b.push_back(static_cast<uint8_t>(v));
+}
+
+Bytes Words(std::initializer_list<uint32_t> words) {
+    Bytes b;
+    for (uint32_t w : words) PutBe32(b, w);
+    return b;
+}
+
+// The header as the service expects it, built from the layout alone.
+Bytes Header(uint32_t seq, uint32_t key, uint32_t type, uint32_t op, uint32_t len) {
+    Bytes b = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
+    PutBe32(b, seq);
+    PutBe32(b, Expected(seq, key));
+    PutBe32(b, type);
+    PutBe32(b, op);
+    PutBe32(b, 0);
+    PutBe32(b, len);
+    return b;
+}
+
+Bytes HandshakeAnswer(uint32_t versionStatus, uint32_t token) {
+    return ScriptPeer::Reply(2, Words({versionStatus, token}), 3);
+}
+Bytes LoginAnswer(uint32_t status, uint32_t key) { return ScriptPeer::Reply(4, Words({status, key, 0x5A5A5A5A}), 3); }
+Bytes PortAnswer() { return ScriptPeer::Reply(8, {}, 3); }
+
+std::function<Bytes(const Bytes&)> Answer(Bytes b) {
+    return [b](const Bytes&) { return b; };
+}
+
+// The login password field as the service deciphers it: DES-ECB with the low-end bit numbering,
+// done here with OpenSSL's standard DES and byte-wise bit reversal around it.
+uint8_t Rev(uint8_t v) {
+    uint8_t r = 0;
+    for (int i = 0; i < 8; ++i)
+        if (v & (1 << i)) r |= static_cast<uint8_t>(0x80 >> i);
+    return r;
+}
+
+Bytes ExpectedPasswordField(const std::string& password) {
+    Bytes field(48, 0);
+    std::copy(password.begin(), password.end(), field.begin());
+    size_t used = std::min<size_t>(password.size(), 40);
+    size_t padded = (used + 7) / 8 * 8;
+    Bytes work(field.begin(), field.begin() + used);
+    work.resize(padded, ' ');
+    DES_cblock key;
+    const char* k = "tulnofra";
+    for (int i = 0; i < 8; ++i) key[i] = Rev(static_cast<uint8_t>(k[i]));
+    DES_key_schedule ks;
+    DES_set_key_unchecked(&key, &ks);
+    for (size_t off = 0; off < padded; off += 8) {
+        DES_cblock in, out;
+        for (int i = 0; i < 8; ++i) in[i] = Rev(work[off + i]);
+        DES_ecb_encrypt(&in, &out, &ks, DES_ENCRYPT);
+        for (int i = 0; i < 8; ++i) work[off + i] = Rev(out[i]);
+    }
+    if (password.size() <= used) {
+        std::copy(work.begin(), work.end(), field.begin());
+        if (padded < 48) field[padded] = 0;
+    } else {
+        std::copy(work.begin(), work.begin() + used, field.begin());
+    }
+    return field;
+}
+
+class WireSession : public ::testing::Test {
+protected:
+    void SetUp() override {
+        tp.Install();
+        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
+        DebugLogResetForTest();
+        DebugOpen(nullptr);
+        ResetSessionForTest();
+    }
+    void TearDown() override {
+        ResetSessionForTest();
+        DebugClose();
+        DebugLogResetForTest();
+    }
+
+    // Session settings as the connect sequence would leave them.
+    void Configure(const ScriptPeer& peer, const char* user, const std::string& password) {
+        std::snprintf(g_session.AgentIP, sizeof g_session.AgentIP, "127.0.0.1");
+        std::memset(g_session.UserName, 0, sizeof g_session.UserName);
+        std::memcpy(g_session.UserName, user, std::strlen(user));
+        std::memset(g_session.Password, 0, sizeof g_session.Password);
+        std::memcpy(g_session.Password, password.data(), password.size());
+        g_session.PasswordLength = static_cast<uint32_t>(password.size());
+        g_session.Port = peer.port();
+    }
+
+    bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
+
+    TestPlatform tp;
+};
+
+// --- Handshake -----------------------------------------------------------------------------------
+
+TEST_F(WireSession, HandshakeSendsTheVersionWordAndKeepsTheToken) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0xABCD0501, 0xDEADBEEF)));  // bits 16..31 are not read
+    peer.Start();
+    peer.AttachTransport();
+
+    EXPECT_EQ(Handshake(g_transport.PacketBuffer), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(g_session.HandshakeToken.load(), 0xDEADBEEFu);
+
+    Bytes want = Header(0, 0, 3, 1, 6);
+    for (char c : std::string("qvemid")) want.push_back(static_cast<uint8_t>(c));
+    ASSERT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests()[0], want);
+    EXPECT_EQ(g_transport.LastSocketError.load(), 0);
+}
+
+struct HandshakeCase {
+    uint32_t versionStatus;
+    int result;
+    const char* logLine;  // in the debug log, or null
+    const char* console;  // on standard output, or null
+};
+
+class HandshakeStatus : public WireSession, public ::testing::WithParamInterface<HandshakeCase> {};
+
+TEST_P(HandshakeStatus, GivesTheResultAndMessageOfTheStatus) {
+    const HandshakeCase& c = GetParam();
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(c.versionStatus, 0x0BADF00D)));
+    peer.Start();
+    peer.AttachTransport();
+
+    testing::internal::CaptureStdout();
+    int rc = Handshake(g_transport.PacketBuffer);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(rc, c.result);
+    // The token is kept before the answer is judged.
+    EXPECT_EQ(g_session.HandshakeToken.load(), 0x0BADF00Du);
+    if (c.logLine) {
+        EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
+    }
+    EXPECT_EQ(out, c.console ? c.console : "");
+    if (c.result == 0) {
+        EXPECT_FALSE(Logged("status.")) << tp.DebuggerText();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Statuses, HandshakeStatus,
+    ::testing::Values(HandshakeCase{0x0501, 0, nullptr, nullptr},
+                      HandshakeCase{0x0502, -1, nullptr, "unknown user.\n"},
+                      HandshakeCase{0x0505, -1, "invalid password.\n", nullptr},
+                      HandshakeCase{0x0503, -1, "unknown status.\n", nullptr},
+                      HandshakeCase{0x0500, -1, "unknown status.\n", nullptr},
+                      // A version other than 5 ends it, whatever the status says.
+                      HandshakeCase{0x0401, 29, nullptr, nullptr}, HandshakeCase{0x0601, 29, nullptr, nullptr},
+                      HandshakeCase{0x0001, 29, nullptr, nullptr}));
+
+TEST_F(WireSession, ProxyLoginStopsAtAVersionMismatchWithItsMessage) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0601, 7)));
+    peer.Start();
+    peer.AttachTransport();
+    EXPECT_EQ(ProxyLogin(), 29);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(peer.requests().size(), 1u);  // no login follows
+    EXPECT_TRUE(Logged("Version incompatibility! The version of the kelvane and the vds provider must match.\n"));
+}
+
+// --- Bad replies to the handshake ----------------------------------------------------------------
+
+struct BadReply {
+    const char* name;
+    Bytes reply;             // sent after the request was read
+    bool closeAfter;         // the peer closes the connection after the reply
+    const char* logLine;     // in the debug log, or null
+    int32_t lastSocketError; // after the exchange
+};
+
+class HandshakeBadReply : public WireSession, public ::testing::WithParamInterface<BadReply> {};
+
+TEST_P(HandshakeBadReply, FailsWithMinusOne) {
+    const BadReply& c = GetParam();
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(c.reply));
+    if (c.closeAfter) peer.CloseConnection();
+    peer.Start();
+    peer.AttachTransport();
+
+    EXPECT_EQ(Handshake(g_transport.PacketBuffer), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(g_transport.LastSocketError.load(), c.lastSocketError);
+    if (c.logLine) {
+        EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
+    }
+}
+
+Bytes Truncated(Bytes b, size_t n) {
+    b.resize(n);
+    return b;
+}
+
+Bytes WithDataLen(Bytes b, uint32_t len) {
+    b[32] = static_cast<uint8_t>(len >> 24);
+    b[33] = static_cast<uint8_t>(len >> 16);
+    b[34] = static_cast<uint8_t>(len >> 8);
+    b[35] = static_cast<uint8_t>(len);
+    return b;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, HandshakeBadReply,
+    ::testing::Values(
+        BadReply{"WrongDataType", ScriptPeer::Reply(2, Words({0x0501, 1}), 2), false, nullptr, 0},
+        BadReply{"WrongOpCode", ScriptPeer::Reply(4, Words({0x0501, 1}), 3), false, nullptr, 0},
+        // Twenty bytes: the request's own DataType and OpCode stay in the buffer and are judged.
+        BadReply{"ShortHeader", Truncated(HandshakeAnswer(0x0501, 1), 20), false, nullptr, 0},
+        BadReply{"PayloadOfTwelve", ScriptPeer::Reply(2, Words({0x0501, 1, 0}), 3), false, nullptr, 0},
+        BadReply{"PayloadOfFour", ScriptPeer::Reply(2, Words({0x0501}), 3), false, nullptr, 0},
+        // The header promises eight bytes, three come, then the connection ends.
+        BadReply{"ClosedMidReply", Truncated(HandshakeAnswer(0x0501, 1), 39), true, "recvdata len = 0\n", 0},
+        BadReply{"ClosedWithoutReply", {}, true, "OOP!! exec_cmnd recv error 0x0\n", -1},
+        // Larger than the packet buffer: refused without a read, nothing written past the buffer.
+        BadReply{"DataLenBeyondBuffer", WithDataLen(HandshakeAnswer(0x0501, 1), 3145728), false, nullptr, 0},
+        BadReply{"DataLenHuge", WithDataLen(HandshakeAnswer(0x0501, 1), 0xFFFFFFF0u), false, nullptr, 0}),
+    [](const ::testing::TestParamInfo<BadReply>& i) { return std::string(i.param.name); });
+
+// --- Login ---------------------------------------------------------------------------------------
+
+class LoginPassword : public WireSession, public ::testing::WithParamInterface<size_t> {};
+
+TEST_P(LoginPassword, RecordCarriesUserEncipheredPasswordLengthAndToken) {
+    const size_t len = GetParam();
+    std::string password;
+    for (size_t i = 0; i < len; ++i) password.push_back(static_cast<char>('a' + (i * 7) % 26));
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(LoginAnswer(1, 0x13572468)));
+    peer.Start();
+    peer.AttachTransport();
+    Configure(peer, "operator", password);
+    g_session.HandshakeToken = 0xA1B2C3D4;
+    g_transport.sequence = 5;
+
+    EXPECT_EQ(Login(g_transport.PacketBuffer), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(g_transport.SessionKey.load(), 0x13572468u);
+
+    ASSERT_EQ(peer.requests().size(), 1u);
+    const Bytes req = peer.requests()[0];
+    ASSERT_EQ(req.size(), 380u);
+    EXPECT_EQ(Bytes(req.begin(), req.begin() + 36), Header(5, 0, 3, 3, 344));
+    Bytes user(32, 0);
+    std::memcpy(user.data(), "operator", 8);
+    EXPECT_EQ(Bytes(req.begin() + 36, req.begin() + 68), user);
+    EXPECT_EQ(Bytes(req.begin() + 68, req.begin() + 116), ExpectedPasswordField(password));
+    EXPECT_EQ(req[116], static_cast<uint8_t>(len));
+    EXPECT_EQ(Bytes(req.begin() + 117, req.begin() + 120), Bytes(3, 0));
+    EXPECT_EQ(Be32(req, 120), 0xA1B2C3D4u);
+    EXPECT_EQ(Bytes(req.begin() + 124, req.end()), Bytes(256, 0));
+    // The clear password stays as it was for the next login.
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(g_session.Password), len), password);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, LoginPassword, ::testing::Values(0u, 1u, 8u, 9u, 40u, 44u));
+
+TEST_F(WireSession, LoginFieldOfFortyFourKeepsItsTailInClear) {
+    // Checked apart from the reference computation: the shape alone.
+    const std::string password = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNwxyz";
+    ASSERT_EQ(password.size(), 44u);
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(LoginAnswer(1, 1)));
+    peer.Start();
+    peer.AttachTransport();
+    Configure(peer, "u", password);
+    EXPECT_EQ(Login(g_transport.PacketBuffer), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const Bytes req = peer.requests().at(0);
+    EXPECT_EQ(std::string(req.begin() + 68 + 40, req.begin() + 68 + 44), "wxyz");
+    EXPECT_NE(std::string(req.begin() + 68, req.begin() + 68 + 8), "abcdefgh");
+    EXPECT_EQ(req[68 + 44], 0);
+}
+
+struct LoginCase {
+    const char* name;
+    Bytes reply;
+    const char* logLine;
+    const char* console;
+};
+
+class LoginBadReply : public WireSession, public ::testing::WithParamInterface<LoginCase> {};
+
+TEST_P(LoginBadReply, FailsAndKeepsTheOldSessionKey) {
+    const LoginCase& c = GetParam();
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(c.reply));
+    peer.Start();
+    peer.AttachTransport();
+    Configure(peer, "admin", "secret");
+    g_transport.SessionKey = 0x77;
+
+    testing::internal::CaptureStdout();
+    int rc = Login(g_transport.PacketBuffer);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(g_transport.SessionKey.load(), 0x77u);
+    if (c.logLine) {
+        EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
+    }
+    EXPECT_EQ(out, c.console ? c.console : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, LoginBadReply,
+    ::testing::Values(LoginCase{"UnknownUser", LoginAnswer(2, 9), nullptr, "unknown user.\n"},
+                      LoginCase{"InvalidPassword", LoginAnswer(5, 9), "invalid password.\n", nullptr},
+                      LoginCase{"UnknownStatus", LoginAnswer(3, 9), "unknown status.\n", nullptr},
+                      // The whole word counts, not its low byte.
+                      LoginCase{"StatusInHighBits", LoginAnswer(0x101, 9), "unknown status.\n", nullptr},
+                      LoginCase{"WrongOpCode", ScriptPeer::Reply(2, Words({1, 9, 0}), 3), nullptr,
+                                "datatype = 3   opcode = 2\n"},
+                      LoginCase{"WrongDataType", ScriptPeer::Reply(4, Words({1, 9, 0}), 2), nullptr,
+                                "datatype = 2   opcode = 4\n"},
+                      LoginCase{"PayloadOfEight", ScriptPeer::Reply(4, Words({1, 9}), 3), nullptr, nullptr},
+                      LoginCase{"DataLenBeyondBuffer", WithDataLen(LoginAnswer(1, 9), 0x00400000), nullptr, nullptr},
+                      // A short header leaves the request's DataType 3 and OpCode 3 to be judged.
+                      LoginCase{"ShortHeader", Truncated(LoginAnswer(1, 9), 20), nullptr,
+                                "datatype = 3   opcode = 3\n"}),
+    [](const ::testing::TestParamInfo<LoginCase>& i) { return std::string(i.param.name); });
+
+// --- Listen port and goodbye ---------------------------------------------------------------------
+
+TEST_F(WireSession, ListenPortAnnouncementCarriesTheLowBitsOfTheProcessId) {
+    ListenerName();  // computes the port as the connect sequence does
+    const uint16_t port = static_cast<uint16_t>(getpid() & 0xFFFF);
+    ASSERT_EQ(ListenPort(), port);
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(ScriptPeer::Reply(8, Words({0xFFFFFFFF}), 3)));  // a payload is read and ignored
+    peer.OnRequest(Answer(PortAnswer()));
+    peer.Start();
+    peer.AttachTransport();
+    g_transport.sequence = 9;
+    g_transport.SessionKey = 0x100;
+
+    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), 0);
+    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    Bytes want = Header(9, 0x100, 3, 7, 2);
+    want.push_back(static_cast<uint8_t>(port >> 8));
+    want.push_back(static_cast<uint8_t>(port));
+    ASSERT_EQ(peer.requests().size(), 2u);
+    EXPECT_EQ(peer.requests()[0], want);
+    EXPECT_EQ(Be32(peer.requests()[1], 12), 10u);
+}
+
+TEST_F(WireSession, ListenPortRefusedByAnotherAnswer) {
+    ListenerName();
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(ScriptPeer::Reply(9, {}, 3)));
+    peer.OnRequest(Answer(ScriptPeer::Reply(8, {}, 2)));
+    peer.Start();
+    peer.AttachTransport();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), -1);
+    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), -1);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(out, "datatype = 3   opcode = 9\ndatatype = 2   opcode = 8\n");
+}
+
+TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(ScriptPeer::Reply(14, {}, 3)));
+    peer.Start();
+    peer.AttachTransport();
+    g_transport.sequence = 41;
+    g_transport.SessionKey = 0xCAFE;
+
+    ProxyUnInit();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    ASSERT_EQ(peer.requests().size(), 1u);
+    EXPECT_EQ(peer.requests()[0], Header(41, 0xCAFE, 3, 14, 0));
+    EXPECT_EQ(g_session.terminating.load(), 1);
+    EXPECT_EQ(g_transport.sock.load(), 0);
+    EXPECT_EQ(g_transport.PacketBuffer, nullptr);
+    const std::string log = tp.DebuggerText();
+    for (const char* line : {"ProxyUnInit enter\n", "sig_action -1\n", "waiting for threads to complete\n",
+                             "ProxyUnInit leave\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+    EXPECT_LT(log.find("ProxyUnInit enter\n"), log.find("sig_action -1\n"));
+    EXPECT_EQ(log.find("timed out waiting"), std::string::npos);
+    // Once terminating, a reconnect isn't tried.
+    EXPECT_EQ(ProxyReconnect(), -1);
+}
+
+// --- Sequence and check value --------------------------------------------------------------------
+
+TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
+    const uint32_t k1 = 0x10000, k2 = 0xFFFFFF00;  // k2 makes the check value's sum wrap
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
+    peer.OnRequest(Answer(LoginAnswer(1, k1)));
+    peer.OnRequest(Answer(PortAnswer()));
+    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 2)));  // a reconnect on a healthy line
+    peer.CloseConnection();
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 3)));
+    peer.OnRequest(Answer(LoginAnswer(1, k2)));
+    peer.OnRequest(Answer(PortAnswer()));
+    peer.Start();
+    peer.AttachTransport();
+    ListenerName();
+    Configure(peer, "admin", "pw");
+    const uint32_t s = 61;  // packets 61..68 cross 63 -> 64, where the table starts again
+    g_transport.sequence = s;
+
+    EXPECT_EQ(ProxyLogin(), 0);
+    EXPECT_EQ(ProxyReconnect(), 0);
+    EXPECT_EQ(g_session.HandshakeToken.load(), 2u);
+    // The peer has closed: the handshake that tests the line fails and the whole session is
+    // made again on a new connection.
+    EXPECT_EQ(ProxyReconnect(), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(g_transport.SessionKey.load(), k2);
+    EXPECT_EQ(g_session.HandshakeToken.load(), 3u);
+
+    struct Want {
+        uint32_t seq, key, op;
+    };
+    // s+4 went to the dead connection and never reached the peer.
+    const Want want[] = {{s, 0, 1},     {s + 1, 0, 3},  {s + 2, k1, 7}, {s + 3, k1, 1},
+                         {s + 5, k1, 1}, {s + 6, k1, 3}, {s + 7, k2, 7}};
+    const auto reqs = peer.requests();
+    ASSERT_EQ(reqs.size(), std::size(want));
+    for (size_t i = 0; i < reqs.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(Be32(reqs[i], 12), want[i].seq);
+        EXPECT_EQ(Be32(reqs[i], 16), Expected(want[i].seq, want[i].key));
+        EXPECT_EQ(Be32(reqs[i], 24), want[i].op);
+    }
+    // Packet 64 uses the first entry of the table again.
+    EXPECT_EQ(Be32(reqs[3], 16), 58u + k1 + 64u);
+    EXPECT_EQ(Be32(reqs[6], 16), static_cast<uint32_t>(kIp[4] + k2 + 68u));
+    EXPECT_EQ(g_transport.sequence.load(), s + 8);
+
+    EXPECT_TRUE(Logged("Reconnecting... (handshake returned err -1)\n")) << tp.DebuggerText();
+    const auto events = tp.Events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].type, EVENTLOG_WARNING_TYPE);
+    EXPECT_EQ(events[0].text, "The VDS Provider has lost its connection to the TROV Proxy service.");
+    EXPECT_EQ(events[1].type, EVENTLOG_INFORMATION_TYPE);
+    EXPECT_EQ(events[1].text, "The VDS Provider has restored its connection to the TROV Proxy service.");
+}
+
+TEST_F(WireSession, SecondLossWarnsNoMoreButReportsTheRestoreAgain) {
+    ScriptPeer peer;
+    for (int round = 0; round < 2; ++round) {
+        peer.Accept();
+        peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
+        peer.OnRequest(Answer(LoginAnswer(1, 2)));
+        peer.OnRequest(Answer(PortAnswer()));
+        peer.CloseConnection();
+    }
+    peer.Start();
+    ListenerName();
+    Configure(peer, "admin", "pw");
+    AllocatePacketBuffer();
+    g_transport.sock = -1;  // as the transport stands after a lost connection
+
+    EXPECT_EQ(ProxyReconnect(), 0);
+    EXPECT_EQ(ProxyReconnect(), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const auto events = tp.Events();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0].type, EVENTLOG_WARNING_TYPE);
+    EXPECT_EQ(events[1].type, EVENTLOG_INFORMATION_TYPE);
+    EXPECT_EQ(events[2].type, EVENTLOG_INFORMATION_TYPE);
+}
+
+TEST_F(WireSession, ReconnectReportsEachFailingStep) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0401, 1)));  // version mismatch
+    peer.CloseConnection();                              // so that the next test of the line fails
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
+    peer.OnRequest(Answer(LoginAnswer(5, 2)));  // refused login
+    peer.CloseConnection();
+    peer.Accept();
+    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
+    peer.OnRequest(Answer(LoginAnswer(1, 2)));
+    peer.OnRequest(Answer(ScriptPeer::Reply(9, {}, 3)));  // refused port
+    peer.Start();
+    ListenerName();
+    Configure(peer, "admin", "pw");
+    AllocatePacketBuffer();
+    g_transport.sock = -1;
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ProxyReconnect(), 29);
+    EXPECT_EQ(ProxyReconnect(), -1);
+    EXPECT_EQ(ProxyReconnect(), -1);
+    testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("Reconnect failed (err 29)\n")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("Version incompatibility! The version of the kelvane and the vds provider must match.\n"));
+    EXPECT_TRUE(Logged("Reconnect login failed (err -1)\n"));
+    EXPECT_TRUE(Logged("Reconnect negotiate_listen_port failed (err -1)\n"));
+    // A failed port announcement still counts as a restored connection.
+    const auto events = tp.Events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].type, EVENTLOG_INFORMATION_TYPE);
+}
+
+TEST_F(WireSession, ReconnectGivesUpAfterTenRefusedConnects) {
+    uint16_t deadPort;
+    {
+        ScriptPeer gone;  // a port that was free a moment ago and now refuses
+        deadPort = gone.port();
+    }
+    std::snprintf(g_session.AgentIP, sizeof g_session.AgentIP, "127.0.0.1");
+    g_session.Port = deadPort;
+    AllocatePacketBuffer();
+    g_transport.sock = -1;
+    EXPECT_EQ(ProxyReconnect(), -1);
+    const std::string log = tp.DebuggerText();
+    EXPECT_NE(log.find("reconnect failed (err -1)\n"), std::string::npos) << log;
+    const std::string refused = "socket connect to port " + std::to_string(deadPort) + " failed, error ";
+    size_t count = 0;
+    for (size_t at = log.find(refused); at != std::string::npos; at = log.find(refused, at + 1)) ++count;
+    EXPECT_EQ(count, 10u);
+}
+
+// --- Transport routines --------------------------------------------------------------------------
+
+TEST_F(WireSession, ExecCmndHealsTheErrorAndCountsAClosedPeerAsOne) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(ScriptPeer::Reply(3, {})));
+    peer.CloseConnection();
+    peer.Start();
+    peer.AttachTransport();
+    uint8_t* b = g_transport.PacketBuffer;
+    g_transport.LastSocketError = 104;
+    MakeHeader(b, 1, 3);
+    EXPECT_EQ(exec_cmnd(b, 36, b, 36), 36);
+    EXPECT_EQ(g_transport.LastSocketError.load(), 0);
+    EXPECT_EQ(wire::DataTypeOf(b), 2u);
+    MakeHeader(b, 1, 3);
+    EXPECT_EQ(exec_cmnd(b, 36, b, 36), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_NE(g_transport.LastSocketError.load(), 0);
+    EXPECT_TRUE(Logged("OOP!! exec_cmnd recv error 0x")) << tp.DebuggerText();
+}
+
+TEST_F(WireSession, ExecCmndSendFailureKeepsTheSocketError) {
+    AllocatePacketBuffer();
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ::close(fds[1]);
+    g_transport.sock = fds[0];  // not a socket: send fails with ENOTSOCK
+    uint8_t* b = g_transport.PacketBuffer;
+    MakeHeader(b, 1, 0);
+    EXPECT_EQ(exec_cmnd(b, 36, b, 36), -1);
+    EXPECT_EQ(g_transport.LastSocketError.load(), ENOTSOCK);
+    char line[64];
+    std::snprintf(line, sizeof line, "OOP!! exec_cmnd send error errorcode 0x%x\n", ENOTSOCK);
+    EXPECT_TRUE(Logged(line)) << tp.DebuggerText();
+    ::close(fds[0]);
+    g_transport.sock = 0;
+}
+
+TEST_F(WireSession, RecvdataGathersPiecesAndReportsAnEarlyEnd) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.SendRaw({1, 2, 3});
+    peer.SendRaw({4, 5});
+    peer.SendRaw({6, 7});
+    peer.CloseConnection();
+    peer.Start();
+    peer.AttachTransport();
+    uint8_t buf[8] = {};
+    EXPECT_EQ(recvdata(buf, 0), 0);
+    EXPECT_EQ(recvdata(buf, -5), 0);
+    EXPECT_EQ(recvdata(buf, 5), 5);
+    EXPECT_EQ(Bytes(buf, buf + 5), (Bytes{1, 2, 3, 4, 5}));
+    EXPECT_EQ(recvdata(buf, 4), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("recvdata len = 0\n")) << tp.DebuggerText();
+}
+
+TEST_F(WireSession, MakeHeaderNumbersEveryHeaderAndWrapsTheCounter) {
+    uint8_t b[36];
+    g_transport.sequence = 0xFFFFFFFF;
+    g_transport.SessionKey = 0x80000000;
+    EXPECT_EQ(MakeHeader(b, 5, 0), 36);
+    EXPECT_EQ(Bytes(b, b + 36), Header(0xFFFFFFFF, 0x80000000, 5, 0, 0));
+    EXPECT_EQ(MakeHeader(b, 1, 77), 36);
+    EXPECT_EQ(Bytes(b, b + 36), Header(0, 0x80000000, 1, 77, 0));
+    EXPECT_EQ(g_transport.sequence.load(), 1u);
+}
+
+}  // namespace
