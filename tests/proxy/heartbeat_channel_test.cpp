@@ -1,0 +1,347 @@
+// The heartbeat channel as the service sees it: a client of the local channel sends a packet and
+// reads the answer. Heartbeats, garbage, short and empty packets, silent clients and the
+// shutdown; the thread's pauses run on the fake clock.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fake_platform.h"
+#include "proxy/heartbeat.h"
+#include "proxy/iasocket.h"
+#include "proxy/session.h"
+#include "support/debuglog.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// The DES initial permutation IP (FIPS 46): the check value's table.
+constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
+                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
+                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
+                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
+
+void PutBe32(Bytes& b, uint32_t v) {
+    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(v >> s));
+}
+
+Bytes Header(uint32_t seq, uint32_t key, uint32_t type, uint32_t op, uint32_t len) {
+    Bytes b = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
+    PutBe32(b, seq);
+    PutBe32(b, kIp[seq % 64] + key + seq);
+    PutBe32(b, type);
+    PutBe32(b, op);
+    PutBe32(b, 0);
+    PutBe32(b, len);
+    return b;
+}
+
+// Real-time waits, bounded, for the channel's own thread.
+template <class Pred>
+bool WaitFor(Pred pred, int ms = 5000) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A client of the channel, as the service opens it.
+class Client {
+public:
+    Client() {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        std::string name = "TROV_Proxy_" + std::to_string(getpid() & 0xFFFF);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path + 1, name.data(), name.size());
+        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        connected_ = fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), len) == 0;
+    }
+    ~Client() { Close(); }
+    bool connected() const { return connected_; }
+    bool Send(const Bytes& b) { return ::send(fd_, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size()); }
+    // Reads until n bytes came, the channel ended or ms passed.
+    Bytes Read(size_t n, int ms = 5000) {
+        Bytes out;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (out.size() < n) {
+            int left = static_cast<int>(
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+                    .count());
+            if (left <= 0) break;
+            pollfd p{fd_, POLLIN, 0};
+            if (::poll(&p, 1, left) <= 0) break;
+            uint8_t buf[256];
+            ssize_t r = ::recv(fd_, buf, std::min(sizeof buf, n - out.size()), 0);
+            if (r <= 0) {
+                ended_ = true;
+                break;
+            }
+            out.insert(out.end(), buf, buf + r);
+        }
+        return out;
+    }
+    // True when the channel's side ended the connection (within ms), having sent nothing more.
+    bool SeesEnd(int ms = 5000) {
+        Bytes rest = Read(1, ms);
+        return rest.empty() && ended_;
+    }
+    void Close() {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_ = -1;
+    bool connected_ = false;
+    bool ended_ = false;
+};
+
+class HeartbeatChannel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        tp.Install();
+        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
+        DebugLogResetForTest();
+        DebugOpen(nullptr);
+        ResetSessionForTest();
+        ASSERT_EQ(create_listen(), 0);
+        ASSERT_TRUE(ListenerValid());
+    }
+    void TearDown() override {
+        Stop();
+        ResetSessionForTest();
+        DebugClose();
+        DebugLogResetForTest();
+    }
+    // The shutdown as the provider's unload runs it; the thread must be gone afterwards.
+    void Stop() {
+        tp.clock().SetAuto(true);
+        const bool running = recvEventsRunning.load() != 0;
+        const size_t exits = Count("recv_events() out\n");
+        ProxyUnInit();
+        // The thread's last act is its exit line; the platform must outlive it.
+        if (running) {
+            EXPECT_TRUE(WaitFor([&] { return Count("recv_events() out\n") > exits; }));
+        }
+        EXPECT_EQ(recvEventsRunning.load(), 0);
+        EXPECT_FALSE(ListenerValid());
+        EXPECT_FALSE(Logged("timed out waiting for threads to finish")) << tp.DebuggerText();
+    }
+    bool Logged(const std::string& s) const { return tp.DebuggerText().find(s) != std::string::npos; }
+    size_t Count(const std::string& s) const {
+        const std::string text = tp.DebuggerText();
+        size_t n = 0;
+        for (size_t at = text.find(s); at != std::string::npos; at = text.find(s, at + 1)) ++n;
+        return n;
+    }
+    bool WaitLogged(const std::string& s) {
+        return WaitFor([&] { return Logged(s); });
+    }
+    // A heartbeat from a new client, and its answer.
+    Bytes Beat(uint32_t opcode = 0) {
+        Client c;
+        EXPECT_TRUE(c.connected());
+        EXPECT_TRUE(c.Send(Header(12345, 0, 5, opcode, 0)));
+        Bytes answer = c.Read(36);
+        EXPECT_TRUE(c.SeesEnd());
+        return answer;
+    }
+
+    TestPlatform tp;
+};
+
+TEST_F(HeartbeatChannel, NameIsFormedFromTheLowBitsOfTheProcessId) {
+    const std::string number = std::to_string(getpid() & 0xFFFF);
+    EXPECT_EQ(ListenerName(), "TROV_Proxy_" + number);
+    EXPECT_EQ(ListenPort(), static_cast<uint16_t>(getpid() & 0xFFFF));
+    EXPECT_TRUE(Logged("create_listen()\n"));
+    EXPECT_TRUE(Logged("create_listen: creating named pipe @TROV_Proxy_" + number + "\n")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("starting recv_events thread\n"));
+}
+
+TEST_F(HeartbeatChannel, HeartbeatIsAnsweredWithAHeaderOfTheSession) {
+    g_transport.sequence = 100;  // before login: key 0
+    EXPECT_EQ(Beat(3), Header(100, 0, 5, 0, 0));
+    EXPECT_EQ(g_transport.sequence.load(), 101u);
+    EXPECT_TRUE(WaitLogged("pipe disconnected\n"));
+    EXPECT_TRUE(Logged("pipe read 36 bytes, DataLen=0\n")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("WriteFile(pipe) wrote 36 bytes\n"));
+    EXPECT_FALSE(Logged("ADDITIONAL"));
+}
+
+TEST_F(HeartbeatChannel, AnswersShareTheSequenceAndKeyWithCommands) {
+    g_transport.sequence = 63;
+    g_transport.SessionKey = 0xFFFFFFF0;  // the check value's sum wraps
+    EXPECT_EQ(Beat(), Header(63, 0xFFFFFFF0, 5, 0, 0));
+    EXPECT_EQ(Beat(), Header(64, 0xFFFFFFF0, 5, 0, 0));
+    uint8_t cmd[36];
+    MakeHeader(cmd, 1, 0);
+    EXPECT_EQ(Bytes(cmd, cmd + 36), Header(65, 0xFFFFFFF0, 1, 0, 0));
+}
+
+TEST_F(HeartbeatChannel, AnswerLeavesThePacketBufferAlone) {
+    ASSERT_TRUE(AllocatePacketBuffer());
+    std::memset(g_transport.PacketBuffer, 0xA5, 4096);
+    EXPECT_EQ(Beat().size(), 36u);
+    for (int i = 0; i < 4096; ++i) ASSERT_EQ(g_transport.PacketBuffer[i], 0xA5) << i;
+}
+
+TEST_F(HeartbeatChannel, HeaderAndPayloadInOneWriteNeedNoSecondRead) {
+    Client c;
+    ASSERT_TRUE(c.connected());
+    Bytes pkt = Header(1, 0, 5, 0, 8);
+    pkt.insert(pkt.end(), 8, 0xEE);
+    ASSERT_TRUE(c.Send(pkt));
+    EXPECT_EQ(c.Read(36).size(), 36u);
+    EXPECT_TRUE(c.SeesEnd());
+    EXPECT_TRUE(WaitLogged("pipe disconnected\n"));
+    EXPECT_TRUE(Logged("pipe read 44 bytes, DataLen=8\n")) << tp.DebuggerText();
+    EXPECT_FALSE(Logged("ADDITIONAL"));
+}
+
+TEST_F(HeartbeatChannel, PayloadBehindALoneHeaderIsReadSecond) {
+    Client c;
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(c.Send(Header(1, 0, 5, 0, 8)));
+    ASSERT_TRUE(WaitLogged("pipe read 36 bytes, DataLen=8\n")) << tp.DebuggerText();
+    ASSERT_TRUE(c.Send(Bytes(8, 0x11)));
+    EXPECT_EQ(c.Read(36).size(), 36u);
+    EXPECT_TRUE(c.SeesEnd());
+    EXPECT_TRUE(Logged("pipe read 8 ADDITIONAL bytes, DataLen=8 read=44\n")) << tp.DebuggerText();
+}
+
+struct Garbage {
+    const char* name;
+    Bytes packet;
+    const char* logLine;
+};
+
+class HeartbeatGarbage : public HeartbeatChannel, public ::testing::WithParamInterface<Garbage> {};
+
+TEST_P(HeartbeatGarbage, IsIgnoredAndTheClientDisconnected) {
+    g_transport.sequence = 7;
+    Client c;
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(c.Send(GetParam().packet));
+    EXPECT_TRUE(c.SeesEnd());  // no answer, only the end
+    EXPECT_TRUE(WaitLogged("pipe disconnected\n"));
+    EXPECT_TRUE(Logged(GetParam().logLine)) << tp.DebuggerText();
+    EXPECT_EQ(g_transport.sequence.load(), 7u);
+    // The channel serves the next client as before.
+    EXPECT_EQ(Beat(), Header(7, 0, 5, 0, 0));
+}
+
+Bytes Noise(size_t n, uint8_t typeByte) {
+    Bytes b(n);
+    uint32_t x = 0x2545F491;
+    for (auto& v : b) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        v = static_cast<uint8_t>(x);
+    }
+    std::memset(b.data() + 20, 0, 4);
+    b[23] = typeByte;
+    std::memset(b.data() + 32, 0, 4);  // no promise of more
+    return b;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Packets, HeartbeatGarbage,
+    ::testing::Values(
+        Garbage{"Request", Header(1, 0, 1, 5, 0), "Received non-HB packet, ignoring (DataType=1==0x1...\n"},
+        Garbage{"Session", Header(1, 0, 3, 1, 0), "Received non-HB packet, ignoring (DataType=3==0x3...\n"},
+        Garbage{"TypeFour", Header(1, 0, 4, 0, 0), "Received non-HB packet, ignoring (DataType=4==0x4...\n"},
+        Garbage{"Noise", Noise(100, 0x42), "Received non-HB packet, ignoring (DataType=66==0x42...\n"}),
+    [](const ::testing::TestParamInfo<Garbage>& i) { return std::string(i.param.name); });
+
+TEST_F(HeartbeatChannel, ShortPacketPausesAndReadsOnFromTheSameClient) {
+    tp.clock().SetAuto(false);
+    Client c;
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(c.Send(Bytes(10, 0x05)));
+    ASSERT_TRUE(tp.clock().WaitForSleepers(1));
+    EXPECT_TRUE(Logged("error: message too short, size=10 at ")) << tp.DebuggerText();
+    ASSERT_FALSE(tp.clock().SleepCalls().empty());
+    EXPECT_EQ(tp.clock().SleepCalls().back(), 5000u);
+    // Not disconnected: after the pause the same client is read again.
+    g_transport.sequence = 3;
+    ASSERT_TRUE(c.Send(Header(0, 0, 5, 0, 0)));
+    tp.clock().Advance(5000);
+    EXPECT_EQ(c.Read(36), Header(3, 0, 5, 0, 0));
+    EXPECT_TRUE(c.SeesEnd());
+}
+
+TEST_F(HeartbeatChannel, ClientThatLeavesAtOncePausesThenTheNextIsServed) {
+    tp.clock().SetAuto(false);
+    {
+        Client c;
+        ASSERT_TRUE(c.connected());
+    }
+    ASSERT_TRUE(tp.clock().WaitForSleepers(1));
+    EXPECT_TRUE(Logged("error: size=0 at ")) << tp.DebuggerText();
+    EXPECT_EQ(tp.clock().SleepCalls().back(), 5000u);
+    tp.clock().Advance(5000);
+    g_transport.sequence = 20;
+    EXPECT_EQ(Beat(), Header(20, 0, 5, 0, 0));
+}
+
+TEST_F(HeartbeatChannel, ClientThatLeavesInsideThePayloadDoesNotStopTheChannel) {
+    tp.clock().SetAuto(false);
+    {
+        Client c;
+        ASSERT_TRUE(c.connected());
+        ASSERT_TRUE(c.Send(Header(1, 0, 5, 0, 64)));
+        ASSERT_TRUE(WaitLogged("pipe read 36 bytes, DataLen=64\n"));
+        ASSERT_TRUE(c.Send(Bytes(5, 0)));
+    }
+    // Whatever the channel makes of the end, the next client is answered.
+    EXPECT_TRUE(WaitFor([&] { return Logged("pipe disconnected\n") || tp.clock().Sleepers() > 0; }));
+    tp.clock().SetAuto(true);
+    g_transport.sequence = 30;
+    EXPECT_EQ(Beat(), Header(30, 0, 5, 0, 0));
+    EXPECT_EQ(recvEventsRunning.load(), 1);
+}
+
+TEST_F(HeartbeatChannel, SilentClientGetsNothingAndShutdownStillEndsTheThread) {
+    Client c;
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(WaitLogged("pipe read...\n"));
+    EXPECT_TRUE(c.Read(1, 50).empty());
+    Stop();
+    EXPECT_TRUE(Logged("closing pipe handle...\n"));
+    EXPECT_TRUE(Logged("closed pipe handle\n"));
+    EXPECT_TRUE(Logged("recv_events thread exit.\n"));
+    EXPECT_TRUE(Logged("delete_listener: deleting named pipe @TROV_Proxy_")) << tp.DebuggerText();
+    // The name is free again: a new channel can be made under it.
+    ResetSessionForTest();
+    EXPECT_EQ(create_listen(), 0);
+}
+
+TEST_F(HeartbeatChannel, SecondChannelOfTheSameNameFailsWithAnErrorEvent) {
+    EXPECT_NE(create_listen(), 0);
+    bool found = false;
+    for (const auto& e : tp.Events())
+        if (e.type == EVENTLOG_ERROR_TYPE && e.text.rfind("CreateNamedPipe failed with error 0x", 0) == 0) found = true;
+    EXPECT_TRUE(found);
+    // The first channel is untouched.
+    EXPECT_TRUE(ListenerValid());
+    g_transport.sequence = 0;
+    EXPECT_EQ(Beat(), Header(0, 0, 5, 0, 0));
+}
+
+}  // namespace
