@@ -659,4 +659,39 @@ TEST_F(WireSession, MakeHeaderNumbersEveryHeaderAndWrapsTheCounter) {
     EXPECT_EQ(g_transport.sequence.load(), 1u);
 }
 
+// --- The scripted peer itself: a script that can't be played must say so ---------------------------
+
+TEST_F(WireSession, ScriptPeerFailsWhenTheClientLeavesBeforeItsRequest) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(PortAnswer()));
+    peer.Start();
+    peer.AttachTransport();
+    CloseProxySocket(0);
+    EXPECT_FALSE(peer.Finish());
+    EXPECT_EQ(peer.failure(), "request header not read");
+    EXPECT_TRUE(peer.requests().empty());
+}
+
+TEST_F(WireSession, ScriptPeerRefusesAnOversizedRequest) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(PortAnswer()));
+    peer.Start();
+    peer.AttachTransport();
+    uint8_t* b = g_transport.PacketBuffer;
+    MakeHeader(b, 1, 0);
+    wire::StoreBe32(b + wire::kDataLenOffset, 5u << 20);
+    ASSERT_EQ(::send(g_transport.sock.load(), b, 36, MSG_NOSIGNAL), 36);
+    EXPECT_FALSE(peer.Finish());
+    EXPECT_EQ(peer.failure(), "request DataLen too large");
+}
+
+TEST_F(WireSession, ScriptPeerTimesOutWithoutAClientAndEndsAtOnce) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.Start();
+    EXPECT_FALSE(peer.Finish(20));
+}
+
 }  // namespace
