@@ -122,7 +122,7 @@ public:
     static int get_dms_tag(uint32_t handle, uint8_t controllerId, uint64_t* tag);
     // `out` receives 264 bytes.
     static int create_snapshot(uint32_t handle, const char* name, uint8_t byte1, uint8_t byte2, uint64_t tag,
-                               const uint8_t* masterId, uint8_t* out);
+                               const uint8_t* masterId, SnapshotResult* out);
     static int get_backing_store_list(uint32_t handle, uint8_t controllerId, uint32_t* outCount,
                                       BackingStoreEntry* out);
     static int get_master_volume_list(uint32_t handle, uint8_t byteB, uint8_t byteA, const uint8_t* key,

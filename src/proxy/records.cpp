@@ -390,6 +390,9 @@ std::string_view PartitionView::viewHost(uint32_t i) const {
 
 uint32_t KnownHostList::hostCount() const { return Clamp(count, rec::kMaxKnownHosts, "KnownHostList count"); }
 uint32_t HbaInfoList::entryCount() const { return Clamp(count, rec::kMaxHbaEntries, "HbaInfoList count"); }
+uint32_t SnapshotResult::elementCount() const {
+    return Clamp(numElements, rec::kMaxSnapshotSerials, "SnapshotResult numElements");
+}
 
 namespace rec {
 

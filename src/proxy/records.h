@@ -182,6 +182,9 @@ constexpr size_t kPktBackingStoreCount = 52;
 constexpr size_t kPktBackingStoreEntries = 60;
 constexpr size_t kPktVolumeListCount = 84;  // master volume and snapshot lists
 constexpr size_t kPktVolumeListEntries = 92;
+constexpr size_t kPktSnapshotResult = 912;
+constexpr size_t kSnapshotResultSize = 264;
+constexpr uint32_t kMaxSnapshotSerials = 8;
 
 }  // namespace rec
 
@@ -869,6 +872,16 @@ struct VolumeEntry {
     uint8_t reserved32[56];
 };
 
+// The 264 bytes create_snapshot hands back (packet offset 912): how many volumes were made and
+// their serials.
+struct SnapshotResult {
+    uint32_t numElements;  // see elementCount()
+    uint8_t reserved4[4];
+    uint8_t serials[8][32];  // 8
+
+    uint32_t elementCount() const;  // numElements, at most 8 (logs when clamped)
+};
+
 #pragma pack(pop)
 
 // ---------------------------------------------------------------------------------------------
@@ -1211,5 +1224,6 @@ TROV_REC_AT(ExpandPartRequest, vdiskSerial, 49);
 TROV_REC_AT(ExpandPartRequest, partitionSerial, 81);
 static_assert(sizeof(BackingStoreEntry) == rec::kBackingStoreEntrySize);
 static_assert(sizeof(VolumeEntry) == rec::kVolumeEntrySize);
+static_assert(sizeof(SnapshotResult) == rec::kSnapshotResultSize);
 
 #undef TROV_REC_AT

@@ -50,6 +50,15 @@ inline void StoreLe32(void* p, uint32_t v) { std::memcpy(p, &v, 4); }
 inline void StoreLe16(void* p, uint16_t v) { std::memcpy(p, &v, 2); }
 inline void StoreLe64(void* p, uint64_t v) { std::memcpy(p, &v, 8); }
 
+// A 64-bit value on the wire: two big-endian words, the low word first.
+inline void StoreWords64(void* p, uint64_t v) {
+    StoreBe32(p, static_cast<uint32_t>(v));
+    StoreBe32(static_cast<uint8_t*>(p) + 4, static_cast<uint32_t>(v >> 32));
+}
+inline uint64_t LoadWords64(const void* p) {
+    return uint64_t(LoadBe32(p)) | uint64_t(LoadBe32(static_cast<const uint8_t*>(p) + 4)) << 32;
+}
+
 // Swaps a 16- or 32-bit field in place at any alignment.
 inline void Swap32(void* p) {
     uint8_t* b = static_cast<uint8_t*>(p);

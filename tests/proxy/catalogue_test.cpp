@@ -1,0 +1,577 @@
+// Every command of the catalogue against a scripted peer: the request bytes (OpCode, DataLen,
+// each field at its offset, the payload cleared or left as the buffer held it), the lock held for
+// the whole exchange, the pauses on the fake clock, and the handling of a success, an error code,
+// a transport failure, a reply of another OpCode and a reply cut short. Then the special forms and
+// the bounds on hostile counts.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/fake_platform.h"
+#include "proxy/iasocket.h"
+#include "proxy/kelvane.h"
+#include "proxy/session.h"
+#include "support/debuglog.h"
+#include "testlib/script_peer.h"
+
+namespace {
+
+using testlib::ScriptPeer;
+using Bytes = ScriptPeer::Bytes;
+
+constexpr uint32_t kHandle = 0x11223344;
+constexpr uint8_t kStale = 0xAB;   // what the packet buffer holds before a command
+constexpr uint8_t kUnset = 0x5C;   // what an output holds before a command
+
+// The platform of these tests: the fake one, watching the command lock, so that a test can tell
+// whether the peer saw a request and the pauses happened while the lock was held.
+class LockWatch : public TestPlatform {
+public:
+    uint32_t WaitMutex(MutexHandle h) override {
+        uint32_t r = TestPlatform::WaitMutex(h);
+        ++depth;
+        return r;
+    }
+    void ReleaseMutex(MutexHandle h) override {
+        --depth;
+        TestPlatform::ReleaseMutex(h);
+    }
+    void Sleep(uint32_t ms) override {
+        sleptLocked.push_back(depth.load() > 0);
+        TestPlatform::Sleep(ms);
+    }
+    std::atomic<int> depth{0};
+    std::vector<bool> sleptLocked;
+};
+
+Bytes Serial(char first) {
+    Bytes s(32);
+    for (size_t i = 0; i < s.size(); ++i) s[i] = static_cast<uint8_t>(first + i % 26);
+    return s;
+}
+const Bytes kSerialA = Serial('A');
+const Bytes kSerialB = Serial('a');
+
+struct Field {
+    size_t at;
+    Bytes bytes;
+};
+Field U32(size_t at, uint32_t v) {
+    return {at, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}};
+}
+Field U16(size_t at, uint16_t v) { return {at, {uint8_t(v >> 8), uint8_t(v)}}; }
+Field Byte(size_t at, uint8_t v) { return {at, {v}}; }
+Field Raw(size_t at, const Bytes& b) { return {at, b}; }
+Field Fill(size_t at, size_t n, uint8_t v) { return {at, Bytes(n, v)}; }
+// A name field of `width` bytes: the text and zeros after it.
+Field Name(size_t at, const std::string& text, size_t width = 32) {
+    Bytes b(width, 0);
+    std::memcpy(b.data(), text.data(), std::min(text.size(), width));
+    return {at, b};
+}
+void PutBe32(Bytes& b, size_t at, uint32_t v) {
+    b.at(at) = uint8_t(v >> 24);
+    b.at(at + 1) = uint8_t(v >> 16);
+    b.at(at + 2) = uint8_t(v >> 8);
+    b.at(at + 3) = uint8_t(v);
+}
+
+// Outputs of the commands; every case writes into these, set to kUnset before each test.
+struct Outputs {
+    std::vector<uint8_t> controller = std::vector<uint8_t>(rec::kControllerDataSize);
+    EventData events[rec::kMaxEvents];
+    uint32_t count;
+    uint32_t percent;
+    uint64_t tag;
+    uint8_t answer;
+    PartitionData part;
+    ArrayData array;
+    SnapshotResult snapshot;
+    BackingStoreEntry stores[rec::kMaxBackingStores];
+    VolumeEntry volumes[rec::kMaxMasterVolumes];
+    PartitionView view;
+    UnifiedControllerData unified;
+    uint8_t auth[1020];
+    KnownHostList hosts;
+    HbaInfoList hba;
+
+    void Reset() {
+        std::memset(controller.data(), kUnset, controller.size());
+        auto set = [](auto& v) { std::memset(static_cast<void*>(&v), kUnset, sizeof v); };
+        set(events), set(count), set(percent), set(tag), set(answer), set(part), set(array), set(snapshot);
+        set(stores), set(volumes), set(view), set(unified), set(auth), set(hosts), set(hba);
+    }
+};
+Outputs* out = nullptr;
+
+bool AllBytes(const void* p, size_t n, uint8_t v) {
+    const uint8_t* b = static_cast<const uint8_t*>(p);
+    for (size_t i = 0; i < n; ++i)
+        if (b[i] != v) return false;
+    return true;
+}
+
+struct CommandCase {
+    const char* name;  // the method's name in the log
+    uint32_t opcode;
+    uint32_t dataLen;
+    bool cleared;
+    bool codeResult;
+    std::function<int()> call;
+    std::vector<Field> fields;
+    // The payload of a successful reply (DataLen as requested unless said otherwise).
+    std::function<void(Bytes& payload)> fillReply = nullptr;
+    uint32_t replyLen = 0;  // 0: the request's DataLen
+    // After a success: the output holds what the reply carried. Null: nothing to check.
+    std::function<void()> checkOutput = nullptr;
+    // The output this command writes, to see it untouched after a failure.
+    std::function<bool()> outputUnset = nullptr;
+    // Pauses on the clock: before the exchange (always) and after a success.
+    std::vector<uint32_t> pausesOnSuccess = {};
+    std::vector<uint32_t> pausesOnFailure = {};
+    const char* logName = nullptr;  // the name its failure lines bear, when not its own
+    size_t errorAt = 40;
+};
+
+ExpandPartRequest MakeExpandRequest() {
+    ExpandPartRequest r{};
+    r.newSizeBlocks = 0x0000000500000007ull;
+    std::memcpy(r.vdiskSerial, kSerialA.data(), 32);
+    std::memcpy(r.partitionSerial, kSerialB.data(), 32);
+    return r;
+}
+
+AdvNet MakeAdvNet() {
+    AdvNet a;
+    uint8_t* b = reinterpret_cast<uint8_t*>(&a);
+    for (size_t i = 0; i < sizeof a; ++i) b[i] = static_cast<uint8_t>(i % 251);
+    return a;
+}
+
+Bytes Converted(const void* rec, size_t n, void (*convert)(int, void*)) {
+    Bytes b(static_cast<const uint8_t*>(rec), static_cast<const uint8_t*>(rec) + n);
+    convert(1, b.data());
+    return b;
+}
+
+std::vector<DriveSerial> Serials(int n) {
+    std::vector<DriveSerial> v(n);
+    for (int i = 0; i < n; ++i) std::memset(v[i].data(), 'D' + i % 20, 32);
+    return v;
+}
+std::vector<DriveLocation> Locations(int n) {
+    std::vector<DriveLocation> v;
+    for (int i = 0; i < n; ++i) v.push_back({uint32_t(i % 4), uint32_t(0x100 + i)});
+    return v;
+}
+
+// The ArrayData of a create_array reply carries the name the array gave.
+void NameTheArray(Bytes& payload, const char* name) {
+    std::memcpy(payload.data() + rec::kPktArrayData - 36 + offsetof(ArrayData, name), name, std::strlen(name));
+}
+
+const uint8_t kMasterId[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const uint8_t kAddress[20] = {0, 0, 0, 2, 192, 168, 7, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+const uint8_t kSecret[12] = {'s', 'e', 'c', 'r', 'e', 't', '-', 's', 'e', 'c', 'r', 't'};
+const uint8_t kIqn[20] = {'i', 'q', 'n', '.', '2', '0', '2', '6', '-', '1', '1', '.', 'h', 'o', 's', 't', ':', 'a', 'b', 'c'};
+
+std::vector<CommandCase> Catalogue() {
+    const AdvNet adv = MakeAdvNet();
+    CacheParams cache{};
+    cache.word0 = 0x01020304;
+    cache.word4 = 0x0A0B0C0D;
+    cache.writeBack = 1;
+    cache.sequential = 2;
+    const ExpandPartRequest expand = MakeExpandRequest();
+    const uint8_t* A = kSerialA.data();
+
+    return {
+        {"get_subsystems", 0, 312, true, false,
+         [] {
+             std::vector<SubsystemEntry> list;
+             return Kelvane::get_subsystems(list);
+         },
+         {Byte(48, 1)}, nullptr, 0, nullptr, nullptr, {}, {}, nullptr, 36},
+        {"get_controller_data", 1, 4, false, false, [] { return Kelvane::get_controller_data(kHandle, out->controller.data()); },
+         {U32(36, kHandle)}, nullptr, uint32_t(rec::kControllerDataSize),
+         [] { EXPECT_TRUE(AllBytes(out->controller.data(), out->controller.size(), 0)); },
+         [] { return AllBytes(out->controller.data(), out->controller.size(), kUnset); }},
+        {"get_event", 9, 444, true, false, [] { return Kelvane::get_event(kHandle, 2, 1, 7, out->events); },
+         {U32(44, kHandle), Byte(48, 2), Byte(49, 1), U32(52, 7)},
+         [](Bytes& p) { PutBe32(p, 68 - 36 + 8, 19); },  // eventCode of the one record
+         0, [] { EXPECT_EQ(out->events[0].eventCode, 19u); },
+         [] { return AllBytes(out->events, sizeof out->events, kUnset); }},
+        {"get_events", 9, 444, true, false,
+         [] { return Kelvane::get_events(kHandle, 5, 9, out->events, &out->count); },
+         {U32(44, kHandle), U32(60, 5), U32(64, 9)},
+         [](Bytes& p) {
+             PutBe32(p, rec::kPktEventCount - 36, 3);
+             for (uint32_t i = 0; i < 3; ++i) PutBe32(p, 68 - 36 + i * 412, 5 + i);  // sequence numbers
+         },
+         uint32_t(32 + 3 * 412),
+         [] {
+             EXPECT_EQ(out->count, 3u);
+             EXPECT_EQ(out->events[2].sequenceNumber, 7u);
+         },
+         [] { return AllBytes(&out->count, sizeof out->count, kUnset); }},
+        {"get_version", 11, 0, false, false, [] { return Kelvane::get_version(); }, {}, nullptr, 12},
+        {"set_part_name", 12, 80, false, false, [A] { return Kelvane::set_part_name(kHandle, A, "a-name-of-exactly-32-characters!"); },
+         {U32(44, kHandle), Raw(52, kSerialA), Name(84, "a-name-of-exactly-32-characters!")}},
+        {"add_array_part", 14, 728, true, true,
+         [A] { return Kelvane::add_array_part(kHandle, A, 0x123456789A00ull, "vol1", 1, 2, kSerialB.data(), &out->part); },
+         {U32(44, kHandle), U32(48, 0xFFFFFFFF), U32(52, 0x1A2B3C4D), U32(56, 0x9),
+          Byte(60, 1), Byte(61, 2), Raw(68, kSerialA), Raw(132, kSerialB), Name(164, "vol1")},
+         [](Bytes& p) { std::memcpy(p.data() + 196 - 36 + offsetof(PartitionData, name), "vol1", 4); }, 0,
+         [] { EXPECT_STREQ(out->part.name, "vol1"); }, [] { return AllBytes(&out->part, sizeof out->part, kUnset); }},
+        {"delete_part", 15, 48, false, false, [A] { return Kelvane::delete_part(kHandle, A); },
+         {U32(44, kHandle), Raw(52, kSerialA)}, nullptr, 0, nullptr, nullptr, {2000}, {}},
+        {"create_array", 16, 4548, true, false,
+         [] {
+             return Kelvane::create_array(kHandle, 1, &out->array, 5, 131072, Locations(3), Serials(3), "vd-five", 2, 1);
+         },
+         {U32(44, kHandle), U32(52, 0), U32(56, 0x100), U32(60, 1), U32(64, 0x101), U32(68, 2), U32(72, 0x102),
+          U32(596, 3), U32(600, 1), Byte(604, 5), U32(608, 0), U32(612, 128), U32(616, 2), U32(620, 0xFFFFFFFF),
+          Byte(624, 1), Byte(625, 0), Byte(628, 3), Byte(629, 0), Name(632, "vd-five"), Fill(772, 32, 'D'),
+          Fill(804, 32, 'E'), Fill(836, 32, 'F')},
+         [](Bytes& p) { NameTheArray(p, "vd-five"); }, 0, [] { EXPECT_STREQ(out->array.name, "vd-five"); },
+         [] { return AllBytes(&out->array, sizeof out->array, kUnset); }, {1000}, {}},
+        {"expand_part", 17, 312, true, false, [expand] { return Kelvane::expand_part(kHandle, expand); },
+         {U32(44, kHandle), U32(60, 7), U32(64, 5), Raw(52 + 49, kSerialA), Raw(52 + 81, kSerialB)}},
+        {"expand_array", 18, 592, true, false,
+         [A] { return Kelvane::expand_array(kHandle, A, Locations(2)); },
+         {U32(44, kHandle), U32(48, 2), Raw(52, kSerialA), U32(84, 0), U32(88, 0x100), U32(92, 1), U32(96, 0x101)},
+         nullptr, 0, nullptr, nullptr, {}, {}, "get_version"},
+        {"assign_spare", 19, 80, true, false, [A] { return Kelvane::assign_spare(kHandle, 1, A); },
+         {U32(44, kHandle), Byte(48, 1), Byte(49, 1), Raw(84, kSerialA)}},
+        {"blink_drive", 20, 48, true, false, [A] { return Kelvane::blink_drive(kHandle, 1, A); },
+         {U32(44, kHandle), Byte(48, 1), Raw(52, kSerialA)}, nullptr, 0, nullptr, nullptr, {5000}, {5000}},
+        {"flush_cache", 21, 44, true, false, [A] { return Kelvane::flush_cache(kHandle, A); },
+         {U32(44, kHandle), Raw(48, kSerialA)}},
+        {"free_cache", 22, 48, true, false, [A] { return Kelvane::free_cache(kHandle, A); },
+         {U32(44, kHandle), Raw(52, kSerialA)}},
+        {"silence_alarm", 23, 16, true, false, [] { return Kelvane::silence_alarm(kHandle); }, {U32(44, kHandle)}},
+        {"delete_array", 24, 48, false, false, [A] { return Kelvane::delete_array(kHandle, A); },
+         {U32(44, kHandle), Raw(52, kSerialA)}},
+        {"abort_utility", 27, 44, true, false, [A] { return Kelvane::abort_utility(kHandle, A); },
+         {U32(44, kHandle), Raw(48, kSerialA)}},
+        {"get_percent", 28, 48, true, false, [A] { return Kelvane::get_percent(kHandle, A, &out->percent); },
+         {U32(44, kHandle), Raw(48, kSerialA)}, [](Bytes& p) { PutBe32(p, 80 - 36, 57); }, 0,
+         [] { EXPECT_EQ(out->percent, 57u); }, [] { return AllBytes(&out->percent, 4, kUnset); }},
+        {"set_adv_net", 29, 2076, true, false, [adv] { return Kelvane::set_adv_net(kHandle, adv); },
+         {U32(44, kHandle), U32(48, 1), Raw(52, Converted(&adv, sizeof adv, ConvertAdvNet))}},
+        {"set_part_lun", 30, 48, true, false, [A] { return Kelvane::set_part_lun(kHandle, 5, A); },
+         {U32(44, kHandle), Byte(48, 5), Raw(52, kSerialA)}},
+        {"get_dms_tag", 50, 28, true, true, [] { return Kelvane::get_dms_tag(kHandle, 1, &out->tag); },
+         {U32(44, kHandle), Byte(48, 1)},
+         [](Bytes& p) {
+             PutBe32(p, 56 - 36, 0x89ABCDEF);  // low word first
+             PutBe32(p, 60 - 36, 0x01234567);
+         },
+         0, [] { EXPECT_EQ(out->tag, 0x0123456789ABCDEFull); }, [] { return AllBytes(&out->tag, 8, kUnset); }},
+        {"create_snapshot", 51, 1140, true, true,
+         [] { return Kelvane::create_snapshot(kHandle, "snap1", 1, 3, 0x0000000200000009ull, kMasterId, &out->snapshot); },
+         {U32(44, kHandle), Byte(48, 1), Byte(49, 3), Byte(50, 2), Byte(51, 1), U32(56, 9), U32(60, 2),
+          Raw(64, Bytes(kMasterId, kMasterId + 16)), Name(80, "snap1")},
+         [](Bytes& p) {
+             PutBe32(p, 912 - 36, 1);
+             std::memcpy(p.data() + 920 - 36, kSerialB.data(), 32);
+         },
+         0,
+         [] {
+             EXPECT_EQ(out->snapshot.elementCount(), 1u);
+             EXPECT_EQ(0, std::memcmp(out->snapshot.serials[0], kSerialB.data(), 32));
+         },
+         [] { return AllBytes(&out->snapshot, sizeof out->snapshot, kUnset); }, {}, {}, nullptr},
+        {"get_backing_store_list", 55, 1304, false, true,
+         [] { return Kelvane::get_backing_store_list(kHandle, 1, &out->count, out->stores); },
+         {U32(44, kHandle), Byte(48, 1)},
+         [](Bytes& p) {
+             PutBe32(p, 52 - 36, 2);
+             p[60 - 36 + 80] = 0x77;  // the second entry's id
+         },
+         0,
+         [] {
+             EXPECT_EQ(out->count, 2u);
+             EXPECT_EQ(out->stores[1].id[0], 0x77);
+             EXPECT_EQ(out->stores[2].id[0], kUnset);
+         },
+         [] { return AllBytes(&out->count, 4, kUnset) && AllBytes(out->stores, sizeof out->stores, kUnset); }},
+        {"get_master_volume_list", 56, 90168, false, true,
+         [A] { return Kelvane::get_master_volume_list(kHandle, 1, 4, A, &out->count, out->volumes); },
+         {U32(44, kHandle), Byte(48, 4), Byte(49, 1), Raw(52, kSerialA)},
+         [](Bytes& p) {
+             PutBe32(p, 84 - 36, 3);
+             p[92 - 36 + 2 * 88 + 16] = 0x66;  // the third entry's vdisk serial
+         },
+         0,
+         [] {
+             EXPECT_EQ(out->count, 3u);
+             EXPECT_EQ(out->volumes[2].vdiskSerial[0], 0x66);
+         },
+         [] { return AllBytes(&out->count, 4, kUnset); }},
+        {"get_snapshot_list", 57, 45112, false, true,
+         [] { return Kelvane::get_snapshot_list(kHandle, 0, 5, nullptr, &out->count, out->volumes); },
+         {U32(44, kHandle), Byte(48, 5), Byte(49, 0), Byte(50, 0), Fill(52, 32, 0), U32(84, 0)},
+         [](Bytes& p) { PutBe32(p, 84 - 36, 1); }, 0, [] { EXPECT_EQ(out->count, 1u); },
+         [] { return AllBytes(&out->count, 4, kUnset); }},
+        {"convert_master_volume", 61, 312, false, true,
+         [A] { return Kelvane::convert_master_volume(kHandle, 9, A, kMasterId); },
+         {U32(44, kHandle), Raw(133, kSerialA), Byte(179, 9), Raw(188, Bytes(kMasterId, kMasterId + 16))}},
+        {"get_part_view", 70, 37456, true, false, [A] { return Kelvane::get_part_view(kHandle, A, &out->view); },
+         {U32(44, kHandle), Raw(52, kSerialA)}, nullptr, 0,
+         [] { EXPECT_TRUE(AllBytes(&out->view, sizeof out->view, 0)); },
+         [] { return AllBytes(&out->view, sizeof out->view, kUnset); }},
+        {"create_custom_view", 71, 1359884, true, false,
+         [A] { return Kelvane::create_custom_view(kHandle, A, 0x12345, true, 1, "iqn.2026-11.host:abc", true); },
+         {U32(44, 1), U32(48, kHandle), Fill(52, 8, 1), U32(60, 0), Raw(64, kSerialA), Byte(96, 1), U32(124, 0x2345),
+          U16(144, 0x2345), Fill(148, 8, 0xCC), Raw(156, Bytes(kIqn, kIqn + 20))}},
+        {"create_custom_view", 71, 1359884, true, false,
+         [A] { return Kelvane::create_custom_view(kHandle, A, 3, true, 16, "0123456789abcDEF", false); },
+         {U32(44, 1), U32(48, kHandle), Fill(52, 8, 1), U32(60, 0), Raw(64, kSerialA), Byte(96, 16), U32(124, 3),
+          Raw(116, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}), U16(144, 3), Fill(148, 8, 0xC0)}},
+        {"create_custom_view", 71, 1359884, true, false,
+         [A] { return Kelvane::create_custom_view(kHandle, A, 3, false, 1, static_cast<const char*>(nullptr), true); },
+         {U32(44, 1), U32(48, kHandle), Fill(52, 8, 1), U32(60, 1), Raw(64, kSerialA), Byte(96, 1), U32(124, 3),
+          U16(144, 3), Fill(148, 8, 0)}},
+        {"create_custom_view", 71, 1359884, true, false,
+         [A] { return Kelvane::create_custom_view(kHandle, A, 3, false, 1, "iqn.2026-11.host:abc", true); },
+         {U32(44, 1), U32(48, kHandle), Fill(52, 8, 1), U32(60, 0), Raw(64, kSerialA), Byte(96, 1), U32(124, 3),
+          U16(144, 3), Fill(148, 8, 0), Raw(156, Bytes(kIqn, kIqn + 20))}},
+        {"create_custom_view", 71, 1359884, true, false,
+         [A] { return Kelvane::create_custom_view(kHandle, A, 4, true, 0x40, kAddress); },
+         {U32(44, 1), U32(48, kHandle), Fill(52, 8, 1), U32(60, 0), Raw(64, kSerialA), Byte(96, 0x40), U32(124, 4),
+          Raw(128, Bytes(kAddress + 4, kAddress + 20)), U16(144, 4), Fill(148, 8, 0xC0)}},
+        {"change_partition_cache_params", 80, 80, true, false,
+         [A, cache] { return Kelvane::change_partition_cache_params(kHandle, A, reinterpret_cast<const uint8_t*>(&cache)); },
+         {U32(44, kHandle), Raw(52, kSerialA), U32(84, 0x01020304), U32(88, 0x0A0B0C0D), Byte(92, 0), Byte(93, 1),
+          Byte(94, 2)}},
+        {"reset_controller", 85, 16, true, false, [] { return Kelvane::reset_controller(kHandle, 1); },
+         {U32(44, kHandle), Byte(48, 1)}},
+        {"set_owner", 92, 48, true, false, [A] { return Kelvane::set_owner(kHandle, A); },
+         {U32(44, kHandle), Raw(48, kSerialA)}},
+        {"rescan_bus", 105, 16, true, false, [] { return Kelvane::rescan_bus(kHandle); }, {U32(44, kHandle)}},
+        {"get_need_refresh", 108, 56, false, true,
+         [] { return Kelvane::get_need_refresh("SUBSYSTEM-UNIQUE-SERIAL-NUMBER-1", &out->answer); },
+         {Name(44, "SUBSYSTEM-UNIQUE-SERIAL-NUMBER-1")}, [](Bytes& p) { p[76 - 36] = 1; }, 0,
+         [] { EXPECT_EQ(out->answer, 1); }, [] { return out->answer == kUnset; }},
+        {"get_unified_controller_data", 109, 55748, false, true,
+         [] { return Kelvane::get_unified_controller_data(kHandle, &out->unified); }, {U32(44, kHandle)}, nullptr, 0,
+         [] { EXPECT_TRUE(AllBytes(&out->unified, 16, 0)); },
+         [] { return AllBytes(&out->unified, sizeof out->unified, kUnset); }},
+        {"get_authDB_record", 113, 1036, true, true,
+         [] { return Kelvane::get_authDB_record(kHandle, kIqn, 20, out->auth); },
+         {U32(44, kHandle), Raw(52, Bytes(kIqn, kIqn + 20))},
+         [](Bytes& p) {
+             std::memcpy(p.data() + 52 - 36, kIqn, 20);
+             std::memcpy(p.data() + 508 - 36, "stored", 6);
+         },
+         0,
+         [] {
+             EXPECT_EQ(0, std::memcmp(out->auth, kIqn, 20));
+             EXPECT_EQ(0, std::memcmp(out->auth + 508 - 52, "stored", 6));
+         },
+         [] { return AllBytes(out->auth, sizeof out->auth, kUnset); }},
+        {"set_target_secret", 115, 1036, true, true, [] { return Kelvane::set_target_secret(kHandle, kSecret, 12); },
+         {U32(44, kHandle), Raw(508, Bytes(kSecret, kSecret + 12))}},
+        {"clear_all_target_secret", 116, 1036, true, true, [] { return Kelvane::clear_all_target_secret(kHandle); },
+         {U32(44, kHandle)}},
+        {"set_target_secret", 117, 1036, true, true,
+         [] { return Kelvane::set_target_secret(kHandle, kIqn, kSecret, 20, 12); },
+         {U32(44, kHandle), Raw(52, Bytes(kIqn, kIqn + 20)), Raw(284, Bytes(kIqn, kIqn + 20)),
+          Raw(508, Bytes(kSecret, kSecret + 12))}},
+        {"remeber_initiator_secret", 118, 1036, true, true,
+         [] { return Kelvane::remeber_initiator_secret(kHandle, kIqn, kSecret, kMasterId, 20, 12, 16); },
+         {U32(44, kHandle), Raw(52, Bytes(kIqn, kIqn + 20)), Raw(525, Bytes(kSecret, kSecret + 12)),
+          Raw(749, Bytes(kMasterId, kMasterId + 16))}},
+        {"get_flex_known_hosts", 119, 63576, false, true,
+         [] { return Kelvane::get_flex_known_hosts(kHandle, &out->hosts); }, {U32(44, kHandle)},
+         [](Bytes& p) {
+             PutBe32(p, 52 - 36, 2);
+             std::memcpy(p.data() + 52 - 36 + 72 + 992 + 204, "host-two", 8);
+         },
+         0,
+         [] {
+             EXPECT_EQ(out->hosts.hostCount(), 2u);
+             EXPECT_STREQ(out->hosts.entries[1].hostName, "host-two");
+         },
+         [] { return AllBytes(&out->hosts, sizeof out->hosts, kUnset); }},
+        {"get_connect_Hba_info_list", 125, 58128, true, true, [] { return Kelvane::get_connect_Hba_info_list(&out->hba); },
+         {}, [](Bytes& p) {
+             PutBe32(p, 44 - 36, 1);
+             p[44 - 36 + 4] = 'F';
+         },
+         0,
+         [] {
+             EXPECT_EQ(out->hba.entryCount(), 1u);
+             EXPECT_EQ(out->hba.entries[0].typeLetter, 'F');
+         },
+         [] { return AllBytes(&out->hba, sizeof out->hba, kUnset); }},
+    };
+}
+
+class CatalogueTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        tp.Install();
+        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
+        DebugLogResetForTest();
+        DebugOpen(nullptr);
+        ResetSessionForTest();
+        hVdsMutex = Plat()->CreateNamedMutex("kelvane_lock_vds_catalogue_test");
+        outputs = std::make_unique<Outputs>();
+        outputs->Reset();
+        out = outputs.get();
+    }
+    void TearDown() override {
+        out = nullptr;
+        Plat()->CloseNamedMutex(hVdsMutex);
+        hVdsMutex = nullptr;
+        ResetSessionForTest();
+        DebugClose();
+        DebugLogResetForTest();
+    }
+    // Connects to the peer and fills the packet buffer with stale bytes.
+    void Attach(ScriptPeer& peer) {
+        peer.Start();
+        peer.AttachTransport();
+        ASSERT_NE(g_transport.PacketBuffer, nullptr);
+        std::memset(g_transport.PacketBuffer, kStale, wire::kPacketBufferSize);
+    }
+    bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
+
+    LockWatch tp;
+    std::unique_ptr<Outputs> outputs;
+};
+
+enum class Scenario { Success, ErrorCode, TransportFailure, OtherOpcode, CutShort };
+const char* ScenarioName(Scenario s) {
+    switch (s) {
+    case Scenario::Success: return "Success";
+    case Scenario::ErrorCode: return "ErrorCode";
+    case Scenario::TransportFailure: return "TransportFailure";
+    case Scenario::OtherOpcode: return "OtherOpcode";
+    case Scenario::CutShort: return "CutShort";
+    }
+    return "?";
+}
+
+class EachCommand : public CatalogueTest, public ::testing::WithParamInterface<std::tuple<size_t, Scenario>> {};
+
+TEST_P(EachCommand, SendsItsRequestAndJudgesTheReply) {
+    static const std::vector<CommandCase> cases = Catalogue();
+    const CommandCase& c = cases.at(std::get<0>(GetParam()));
+    const Scenario scenario = std::get<1>(GetParam());
+    SCOPED_TRACE(std::string(c.name) + " / " + ScenarioName(scenario));
+    constexpr uint32_t kCode = 42;
+
+    std::atomic<int> depthSeen{-1};
+    uint32_t replyLen = c.replyLen ? c.replyLen : c.dataLen;
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest([&](const Bytes&) -> Bytes {
+        depthSeen = tp.depth.load();
+        Bytes payload(replyLen, 0);
+        if (c.fillReply) c.fillReply(payload);
+        switch (scenario) {
+        case Scenario::Success:
+            return ScriptPeer::Reply(c.opcode, payload);
+        case Scenario::ErrorCode:
+            PutBe32(payload, c.errorAt - 36, kCode);
+            return ScriptPeer::Reply(c.opcode, payload);
+        case Scenario::TransportFailure:
+            return {};
+        case Scenario::OtherOpcode:
+            return ScriptPeer::Reply(c.opcode + 1, payload);
+        case Scenario::CutShort: {
+            Bytes r = ScriptPeer::Reply(c.opcode, payload);
+            PutBe32(r, 32, replyLen + 64);  // promises more than it sends
+            return r;
+        }
+        }
+        return {};
+    });
+    peer.CloseConnection();
+    Attach(peer);
+
+    int rc = c.call();
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(tp.depth.load(), 0) << "the lock is left held";
+    EXPECT_EQ(depthSeen.load(), 1) << "the request went out without the lock";
+
+    // The request, byte for byte.
+    const std::vector<Bytes> requests = peer.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const Bytes& req = requests[0];
+    ASSERT_EQ(req.size(), 36u + c.dataLen);
+    EXPECT_EQ(wire::DataTypeOf(req.data()), wire::RSREQUEST);
+    EXPECT_EQ(wire::OpCodeOf(req.data()), c.opcode);
+    EXPECT_EQ(wire::DataLenOf(req.data()), c.dataLen);
+    std::vector<bool> named(req.size(), false);
+    for (const Field& f : c.fields) {
+        ASSERT_LE(f.at + f.bytes.size(), req.size()) << "field at " << f.at;
+        EXPECT_EQ(Bytes(req.begin() + f.at, req.begin() + f.at + f.bytes.size()), f.bytes) << "field at " << f.at;
+        for (size_t i = 0; i < f.bytes.size(); ++i) named[f.at + i] = true;
+    }
+    size_t wrong = 0, firstWrong = 0;
+    const uint8_t unnamed = c.cleared ? 0 : kStale;
+    for (size_t i = 36; i < req.size(); ++i)
+        if (!named[i] && req[i] != unnamed && wrong++ == 0) firstWrong = i;
+    EXPECT_EQ(wrong, 0u) << "unnamed payload bytes not " << (c.cleared ? "cleared" : "left as they were")
+                         << ", the first at " << firstWrong;
+
+    // The result, the output and the log.
+    std::string logName = c.logName ? c.logName : c.name;
+    switch (scenario) {
+    case Scenario::Success:
+        EXPECT_EQ(rc, 0) << tp.DebuggerText();
+        if (c.checkOutput) c.checkOutput();
+        break;
+    case Scenario::ErrorCode:
+        EXPECT_EQ(rc, c.codeResult ? int(kCode) : -1);
+        EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " return error code")) << tp.DebuggerText();
+        break;
+    case Scenario::TransportFailure:
+        EXPECT_EQ(rc, -1);
+        EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " exec_cmnd(Line")) << tp.DebuggerText();
+        break;
+    case Scenario::OtherOpcode:
+        EXPECT_EQ(rc, -1);
+        EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " DataType or OpCode(Line")) << tp.DebuggerText();
+        break;
+    case Scenario::CutShort:
+        EXPECT_EQ(rc, -1);
+        EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " ph->DataLen(Line")) << tp.DebuggerText();
+        break;
+    }
+    // Outputs are written on success only (the snapshot list also with the array's code).
+    bool delivered = scenario == Scenario::Success ||
+                     (scenario == Scenario::ErrorCode && std::string(c.name) == "get_snapshot_list");
+    if (c.outputUnset) {
+        EXPECT_EQ(c.outputUnset(), !delivered);
+    }
+
+    // The pauses, each taken under the lock.
+    const std::vector<uint32_t>& pauses = scenario == Scenario::Success ? c.pausesOnSuccess : c.pausesOnFailure;
+    EXPECT_EQ(tp.clock().SleepCalls(), pauses);
+    for (bool locked : tp.sleptLocked) EXPECT_TRUE(locked);
+}
+
+std::string CaseName(const ::testing::TestParamInfo<std::tuple<size_t, Scenario>>& info) {
+    static const std::vector<CommandCase> cases = Catalogue();
+    size_t i = std::get<0>(info.param);
+    return std::to_string(i) + "_" + cases.at(i).name + "_" + ScenarioName(std::get<1>(info.param));
+}
+
+INSTANTIATE_TEST_SUITE_P(Catalogue, EachCommand,
+                         ::testing::Combine(::testing::Range<size_t>(0, Catalogue().size()),
+                                            ::testing::Values(Scenario::Success, Scenario::ErrorCode,
+                                                              Scenario::TransportFailure, Scenario::OtherOpcode,
+                                                              Scenario::CutShort)),
+                         CaseName);
+
+}  // namespace
