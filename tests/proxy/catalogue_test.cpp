@@ -574,4 +574,347 @@ INSTANTIATE_TEST_SUITE_P(Catalogue, EachCommand,
                                                               Scenario::CutShort)),
                          CaseName);
 
+// --- Special forms ---------------------------------------------------------------------------
+
+// A peer that answers every request with `answer`; the tests below run one or more commands.
+class FormsTest : public CatalogueTest {
+protected:
+    using Answer = std::function<Bytes(const Bytes& req)>;
+    // Scripts `n` exchanges answered by `answer` and connects.
+    void Serve(ScriptPeer& peer, int n, Answer answer) {
+        peer.Accept();
+        for (int i = 0; i < n; ++i) peer.OnRequest(answer);
+        Attach(peer);
+    }
+    // A reply of the request's OpCode: `payload` bytes, zero unless `fill` writes them.
+    static Answer Echo(uint32_t payloadLen, std::function<void(const Bytes& req, Bytes& payload)> fill = nullptr) {
+        return [payloadLen, fill](const Bytes& req) {
+            Bytes payload(payloadLen, 0);
+            if (fill) fill(req, payload);
+            return ScriptPeer::Reply(wire::OpCodeOf(req.data()), payload);
+        };
+    }
+    // After a command that must not send: the next thing the peer reads is get_version.
+    void ExpectNothingSentBefore(ScriptPeer& peer) {
+        EXPECT_EQ(Kelvane::get_version(), 0);
+        ASSERT_TRUE(peer.Finish()) << peer.failure();
+        const std::vector<Bytes> requests = peer.requests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(wire::OpCodeOf(requests[0].data()), 11u);
+    }
+};
+
+struct RaidCase {
+    uint8_t raidLevel;
+    int drives;
+    uint32_t stripeBytes;
+    uint8_t sentLevel;
+    uint32_t sentStripeKiB;
+};
+
+class CreateArrayLevels : public FormsTest, public ::testing::WithParamInterface<RaidCase> {};
+
+TEST_P(CreateArrayLevels, SendsTheLevelAndStripeTheArrayExpects) {
+    const RaidCase& c = GetParam();
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(4548, [](const Bytes&, Bytes& p) { NameTheArray(p, "mirror"); }));
+    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, c.raidLevel, c.stripeBytes, Locations(c.drives),
+                                    Serials(c.drives), "mirror", 0, 0),
+              0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const Bytes req = peer.requests().at(0);
+    EXPECT_EQ(req[604], c.sentLevel);
+    EXPECT_EQ(wire::LoadBe32(req.data() + 612), c.sentStripeKiB);
+    EXPECT_EQ(wire::LoadBe32(req.data() + 596), uint32_t(c.drives));
+    for (int i = 0; i < c.drives; ++i)
+        EXPECT_TRUE(Logged("Create Array Uses Drive: " + std::to_string(i % 4) + "." + std::to_string(0x100 + i) + "\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, CreateArrayLevels,
+                         ::testing::Values(RaidCase{1, 2, 0, 1, 64},           // a mirror of two stays RAID1
+                                           RaidCase{1, 4, 65536, 10, 64},      // more than two: RAID10
+                                           RaidCase{1, 3, 131072, 10, 128},
+                                           RaidCase{10, 2, 0, 10, 64},
+                                           RaidCase{5, 68, 262144, 5, 256},    // the widest member table
+                                           RaidCase{0, 1, 1023, 0, 0}));       // below a KiB: shifted away
+
+TEST_F(FormsTest, CreateArrayFailsWhenTheArrayTookAnotherName) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(4548, [](const Bytes&, Bytes& p) { NameTheArray(p, "vd-fiv"); }));
+    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(3), Serials(3), "vd-five", 0, 0), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("OOP!! Kelvane::create_array the arrayName is not expected(Line "));
+    EXPECT_TRUE(Logged("the expected name is vd-five, but now name is vd-fiv\n")) << tp.DebuggerText();
+    EXPECT_STREQ(out->array.name, "vd-fiv");  // the record is handed over before the names are compared
+    EXPECT_EQ(tp.clock().SleepCalls(), std::vector<uint32_t>{1000});
+}
+
+TEST_F(FormsTest, CreateArrayComparesAtMostThirtyOneCharacters) {
+    const std::string longName(40, 'n');
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(4548, [](const Bytes&, Bytes& p) { NameTheArray(p, std::string(31, 'n').c_str()); }));
+    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(3), Serials(3), longName.c_str(), 0, 0), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const Bytes req = peer.requests().at(0);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(req.data() + 632)), std::string(31, 'n'));
+}
+
+struct MemberCase {
+    int serials;
+    int locations;
+};
+
+class CreateArrayRefused : public FormsTest, public ::testing::WithParamInterface<MemberCase> {};
+
+TEST_P(CreateArrayRefused, BeforeAnythingIsSent) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(12));
+    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(GetParam().locations),
+                                    Serials(GetParam().serials), "x", 0, 0),
+              -1);
+    EXPECT_TRUE(AllBytes(&out->array, sizeof out->array, kUnset));
+    ExpectNothingSentBefore(peer);
+}
+
+INSTANTIATE_TEST_SUITE_P(Members, CreateArrayRefused,
+                         ::testing::Values(MemberCase{0, 0}, MemberCase{69, 69}, MemberCase{3, 2}));
+
+TEST_F(FormsTest, ExpandArrayRefusesAnEmptyOrOverlongListBeforeSending) {
+    for (int n : {0, 69}) {
+        ScriptPeer peer;
+        Serve(peer, 1, Echo(12));
+        EXPECT_EQ(Kelvane::expand_array(kHandle, kSerialA.data(), Locations(n)), -1) << n;
+        ExpectNothingSentBefore(peer);
+        ResetSessionForTest();
+    }
+}
+
+TEST_F(FormsTest, ExpandArrayBorrowsTheFailureTextsOfGetVersion) {
+    ScriptPeer peer;
+    Serve(peer, 1, [](const Bytes&) { return ScriptPeer::Reply(99, Bytes(12, 0)); });
+    EXPECT_EQ(Kelvane::expand_array(kHandle, kSerialA.data(), Locations(1)), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("OOP!! Kelvane::get_version DataType or OpCode(Line ")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("ph->DataType(=2), RSREPLY(=2), ph->OpCode(=99), EXPAND_ARRAY(=18) \n")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("Kelvane::expand_array handle = 0x11223344"));
+}
+
+TEST_F(FormsTest, CreateSnapshotNamesAddArrayPartInItsFormatLine) {
+    ScriptPeer peer;
+    Serve(peer, 1, [](const Bytes&) { return ScriptPeer::Reply(52, Bytes(1140, 0)); });
+    EXPECT_EQ(Kelvane::create_snapshot(kHandle, "s", 0, 3, 1, kMasterId, &out->snapshot), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("ph->OpCode(=52), ADD_ARRAY_PART(=14) \n")) << tp.DebuggerText();
+}
+
+TEST_F(FormsTest, SnapshotLimitsComeBackAsTheArraysNumbers) {
+    for (uint32_t code : {186u, 187u}) {
+        ScriptPeer peer;
+        Serve(peer, 1, Echo(1140, [code](const Bytes&, Bytes& p) { PutBe32(p, 4, code); }));
+        EXPECT_EQ(Kelvane::create_snapshot(kHandle, "s", 0, 3, 1, kMasterId, &out->snapshot), int(code));
+        ASSERT_TRUE(peer.Finish()) << peer.failure();
+        EXPECT_TRUE(AllBytes(&out->snapshot, sizeof out->snapshot, kUnset));
+        ResetSessionForTest();
+    }
+}
+
+TEST_F(FormsTest, AWorldWideNameThatIsNotSixteenHexDigitsFailsWithoutAnExchange) {
+    for (const char* wwn : {"0123456789abcde", "0123456789abcdef0", "0123456789abcdeg", ""}) {
+        ScriptPeer peer;
+        Serve(peer, 1, Echo(12));
+        EXPECT_EQ(Kelvane::create_custom_view(kHandle, kSerialA.data(), 1, true, 16, wwn, false), -1) << wwn;
+        ExpectNothingSentBefore(peer);
+        ResetSessionForTest();
+    }
+}
+
+TEST_F(FormsTest, ViewByAddressIgnoresTheAddressForOtherHostKinds) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(12));
+    EXPECT_EQ(Kelvane::create_custom_view(kHandle, kSerialA.data(), 2, true, 1, kAddress), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const Bytes req = peer.requests().at(0);
+    EXPECT_TRUE(AllBytes(req.data() + 128, 16, 0));
+    EXPECT_EQ(wire::LoadBe32(req.data() + 60), 0u);  // an address was given: not a removal of all
+    EXPECT_TRUE(Logged("Kelvane::create_custom_view hanndle = 287454020, PartSn = ")) << tp.DebuggerText();
+}
+
+struct EventsCase {
+    const char* what;
+    uint32_t first, last;
+    uint32_t countSent;    // the count word of the reply
+    uint32_t recordsSent;  // records the reply really carries
+    uint32_t expected;
+};
+
+class EventsBounds : public FormsTest, public ::testing::WithParamInterface<EventsCase> {};
+
+TEST_P(EventsBounds, TakeNoMoreThanTheSpanTheBufferAndTheReply) {
+    const EventsCase& c = GetParam();
+    ScriptPeer peer;
+    uint32_t recs = c.recordsSent;
+    Serve(peer, 1, Echo(std::max<uint32_t>(444, 32 + recs * 412), [&c, recs](const Bytes&, Bytes& p) {
+              PutBe32(p, 20, c.countSent);
+              for (uint32_t i = 0; i < recs; ++i) PutBe32(p, 32 + i * 412, c.first + i);
+          }));
+    // Room for the full buffer and one guard record behind it.
+    std::vector<EventData> buf(rec::kMaxEvents + 1);
+    std::memset(static_cast<void*>(buf.data()), kUnset, buf.size() * sizeof(EventData));
+    uint32_t count = 12345;
+    EXPECT_EQ(Kelvane::get_events(kHandle, c.first, c.last, buf.data(), &count), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(count, c.expected) << c.what;
+    for (uint32_t i = 0; i < count; ++i) EXPECT_EQ(buf[i].sequenceNumber, c.first + i);
+    EXPECT_TRUE(AllBytes(&buf[count], (buf.size() - count) * sizeof(EventData), kUnset)) << c.what;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Counts, EventsBounds,
+    ::testing::Values(EventsCase{"fewer than asked", 10, 19, 4, 4, 4},
+                      EventsCase{"more than the span", 10, 11, 4, 4, 2},
+                      EventsCase{"more than the buffer", 1, 500, 150, 150, 100},
+                      EventsCase{"a count the reply does not carry", 1, 50, 10, 1, 1},
+                      EventsCase{"a hostile count", 1, 50, 0xFFFFFFFF, 3, 3},
+                      EventsCase{"the last before the first", 9, 5, 3, 3, 0}));
+
+struct ListCase {
+    const char* what;
+    uint32_t countSent;
+    uint32_t entriesSent;
+    uint32_t expected;
+};
+
+class ListBounds : public FormsTest, public ::testing::WithParamInterface<std::tuple<int, ListCase>> {};
+
+// 0: backing stores (16), 1: master volumes (1,024), 2: snapshots (512).
+TEST_P(ListBounds, CountsAreClampedToTheTableAndTheReply) {
+    const int list = std::get<0>(GetParam());
+    const ListCase& c = std::get<1>(GetParam());
+    const size_t countAt = list == 0 ? 52 : 84, entriesAt = list == 0 ? 60 : 92, entrySize = list == 0 ? 80 : 88;
+    const uint32_t table = list == 0 ? 16 : list == 1 ? 1024 : 512;
+    const uint32_t entries = std::min(c.entriesSent, table);
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(uint32_t(entriesAt - 36 + entries * entrySize), [&](const Bytes&, Bytes& p) {
+              PutBe32(p, countAt - 36, c.countSent);
+              for (uint32_t i = 0; i < entries; ++i) p[entriesAt - 36 + i * entrySize] = uint8_t(i + 1);
+          }));
+    uint32_t count = 12345;
+    int rc = list == 0   ? Kelvane::get_backing_store_list(kHandle, 1, &count, out->stores)
+             : list == 1 ? Kelvane::get_master_volume_list(kHandle, 1, 4, nullptr, &count, out->volumes)
+                         : Kelvane::get_snapshot_list(kHandle, 1, 5, nullptr, &count, out->volumes);
+    EXPECT_EQ(rc, 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    uint32_t expected = std::min(c.expected, table);
+    EXPECT_EQ(count, expected) << c.what;
+    const uint8_t* first = list == 0 ? reinterpret_cast<const uint8_t*>(out->stores)
+                                     : reinterpret_cast<const uint8_t*>(out->volumes);
+    for (uint32_t i = 0; i < count; ++i) EXPECT_EQ(first[i * entrySize], uint8_t(i + 1));
+    // Nothing written past the last entry taken.
+    size_t room = list == 0 ? sizeof out->stores : sizeof out->volumes;
+    EXPECT_TRUE(AllBytes(first + count * entrySize, room - count * entrySize, kUnset)) << c.what;
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, ListBounds,
+                         ::testing::Combine(::testing::Values(0, 1, 2),
+                                            ::testing::Values(ListCase{"as sent", 3, 3, 3},
+                                                              ListCase{"beyond the table", 5000, 5000, 5000},
+                                                              ListCase{"beyond the reply", 9, 2, 2},
+                                                              ListCase{"hostile", 0x80000000, 4, 4})));
+
+TEST_F(FormsTest, SnapshotListIsHandedOverWithTheArraysCode) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(45112, [](const Bytes&, Bytes& p) {
+              PutBe32(p, 4, 77);
+              PutBe32(p, 84 - 36, 2);
+              p[92 - 36 + 88] = 0x42;
+          }));
+    uint32_t count = 0;
+    EXPECT_EQ(Kelvane::get_snapshot_list(kHandle, 1, 5, kSerialA.data(), &count, out->volumes), 77);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(out->volumes[1].id[0], 0x42);
+}
+
+struct AuthCase {
+    const char* what;
+    std::function<int()> call;
+};
+
+class AuthRefused : public FormsTest, public ::testing::WithParamInterface<AuthCase> {};
+
+TEST_P(AuthRefused, ALengthBeyondItsFieldIsRefusedBeforeSending) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(12));
+    EXPECT_EQ(GetParam().call(), -1) << GetParam().what;
+    EXPECT_TRUE(Logged("does not fit its")) << tp.DebuggerText();
+    ExpectNothingSentBefore(peer);
+}
+
+const uint8_t kLong[300] = {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Lengths, AuthRefused,
+    ::testing::Values(AuthCase{"secret of 18", [] { return Kelvane::set_target_secret(kHandle, kLong, 18); }},
+                      AuthCase{"name of 225", [] { return Kelvane::set_target_secret(kHandle, kLong, kLong, 225, 12); }},
+                      AuthCase{"third text of 225",
+                               [] { return Kelvane::remeber_initiator_secret(kHandle, kLong, kLong, kLong, 1, 1, 225); }},
+                      AuthCase{"lookup name of 300", [] { return Kelvane::get_authDB_record(kHandle, kLong, 300, out->auth); }},
+                      AuthCase{"no secret but a length", [] { return Kelvane::set_target_secret(kHandle, nullptr, 4); }}));
+
+TEST_F(FormsTest, AuthFieldsOfTheirFullWidthAreCopiedExactly) {
+    Bytes name(224, 'n'), secret(17, 's');
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(1036));
+    EXPECT_EQ(Kelvane::set_target_secret(kHandle, name.data(), secret.data(), 224, 17), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    const Bytes req = peer.requests().at(0);
+    EXPECT_EQ(Bytes(req.begin() + 52, req.begin() + 276), name);
+    EXPECT_EQ(req[276], 0);
+    EXPECT_EQ(req[277], 0);
+    EXPECT_EQ(Bytes(req.begin() + 284, req.begin() + 508), name);
+    EXPECT_EQ(Bytes(req.begin() + 508, req.begin() + 525), secret);
+    EXPECT_EQ(req[525], 0);
+}
+
+TEST_F(FormsTest, GetEventLogsTheCodeBothWays) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(444, [](const Bytes&, Bytes& p) { PutBe32(p, 4, 0x2A); }));
+    EXPECT_EQ(Kelvane::get_event(kHandle, 0, 1, 0, out->events), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("OOP!! Kelvane::get_event return error code 0x2a (byte-swapped 0x2a000000), len 444 "
+                       "(byteswapped -1140785152) (Line "))
+        << tp.DebuggerText();
+}
+
+TEST_F(FormsTest, HbaListLogsItsOwnLinesForACodeAndALostExchange) {
+    {
+        ScriptPeer peer;
+        Serve(peer, 1, Echo(58128, [](const Bytes&, Bytes& p) { PutBe32(p, 4, 9); }));
+        EXPECT_EQ(Kelvane::get_connect_Hba_info_list(&out->hba), 9);
+        ASSERT_TRUE(peer.Finish()) << peer.failure();
+        EXPECT_TRUE(Logged("it return error_code = 9\n")) << tp.DebuggerText();
+    }
+    ResetSessionForTest();
+    {
+        ScriptPeer peer;
+        peer.Accept();
+        peer.OnRequest(nullptr);
+        peer.CloseConnection();
+        Attach(peer);
+        EXPECT_EQ(Kelvane::get_connect_Hba_info_list(&out->hba), -1);
+        ASSERT_TRUE(peer.Finish()) << peer.failure();
+        EXPECT_TRUE(Logged("OOP!! Kelvane::get_connect_Hba_info_list exec_cmnd return error")) << tp.DebuggerText();
+    }
+    EXPECT_TRUE(AllBytes(&out->hba, sizeof out->hba, kUnset));
+}
+
+TEST_F(FormsTest, NoPacketBufferFailsEveryCommandWithoutSending) {
+    // Before the connect sequence ran (or after the unload) there is nothing to build in.
+    ASSERT_EQ(g_transport.PacketBuffer, nullptr);
+    EXPECT_EQ(Kelvane::silence_alarm(kHandle), -1);
+    EXPECT_EQ(Kelvane::get_dms_tag(kHandle, 0, &out->tag), -1);
+    EXPECT_EQ(tp.depth.load(), 0);
+    EXPECT_TRUE(AllBytes(&out->tag, 8, kUnset));
+}
+
 }  // namespace
