@@ -318,7 +318,12 @@ int Kelvane::get_need_refresh(const char* uniqueSN, uint8_t* answer) {
     CommandExchange x(kGetNeedRefresh);
     DebugTrace("Kelvane::get_need_refresh\n");
     uint8_t* pkt = x.Begin(56, false);
-    if (pkt && uniqueSN) std::memcpy(pkt + 44, uniqueSN, 32);
+    if (pkt) {
+        // The field holds 32 characters; a shorter text is followed by zeros, never by what lies
+        // behind it in the caller's memory.
+        std::memset(pkt + 44, 0, 32);
+        if (uniqueSN) std::memcpy(pkt + 44, uniqueSN, strnlen(uniqueSN, 32));
+    }
     int rc = x.Run();
     if (rc != 0) return rc;
     *answer = pkt[76];
