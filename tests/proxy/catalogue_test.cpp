@@ -908,6 +908,19 @@ TEST_F(FormsTest, HbaListLogsItsOwnLinesForACodeAndALostExchange) {
     EXPECT_TRUE(AllBytes(&out->hba, sizeof out->hba, kUnset));
 }
 
+TEST_F(FormsTest, NeedRefreshSendsAShortSerialFollowedByZeros) {
+    ScriptPeer peer;
+    Serve(peer, 1, Echo(56));
+    uint8_t answer = 9;
+    EXPECT_EQ(Kelvane::get_need_refresh("SHORT", &answer), 0);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_EQ(answer, 0);
+    const Bytes req = peer.requests().at(0);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(req.data() + 44), 5), "SHORT");
+    EXPECT_TRUE(AllBytes(req.data() + 49, 27, 0));
+    EXPECT_TRUE(AllBytes(req.data() + 76, 16, kStale));  // the rest is not cleared
+}
+
 TEST_F(FormsTest, NoPacketBufferFailsEveryCommandWithoutSending) {
     // Before the connect sequence ran (or after the unload) there is nothing to build in.
     ASSERT_EQ(g_transport.PacketBuffer, nullptr);
