@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 #include <string>
 
 namespace {
@@ -68,4 +69,48 @@ TEST(Trovctl, OverviewAndErrors) {
     EXPECT_NE(Trovctl("list pools").status, 0);
     EXPECT_NE(Trovctl("frobnicate").status, 0);
     EXPECT_NE(Trovctl("--settings /nonexistent/settings.reg info").status, 0);
+}
+
+namespace {
+std::string WriteTemp(const std::string& text) {
+    char tmpl[] = "/tmp/trovctl-test.XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0) return {};
+    FILE* f = fdopen(fd, "w");
+    std::fputs(text.c_str(), f);
+    std::fclose(f);
+    return tmpl;
+}
+}  // namespace
+
+TEST(Trovctl, ShellTakesItsLinesFromStandardInput) {
+    std::string input = WriteTemp("select drive 7\ndetail\nbogus\nlist controllers\nquit\nlist ports\n");
+    CliRun r = Trovctl("shell < " + input);
+    std::remove(input.c_str());
+    // An interactive error doesn't end the session; quit does.
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("selected drive "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("ulFlags            : 21 (0x15)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("controllers (2)"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("ports ("), std::string::npos) << r.out;
+}
+
+TEST(Trovctl, ScriptsStopAtTheirFirstFailureAndHelpListsTheCommands) {
+    std::string script = WriteTemp("list subsystems\nportprops 9 controller 0\nlist drives\n");
+    CliRun r = Trovctl("-f " + script);
+    EXPECT_EQ(r.status, 1);  // the provider refused: E_INVALIDARG
+    EXPECT_NE(r.out.find("subsystems (1)"), std::string::npos);
+    EXPECT_EQ(r.out.find("drives ("), std::string::npos);
+    std::remove(script.c_str());
+
+    CliRun ok = Trovctl("--json getdrive 0 7");
+    ASSERT_EQ(ok.status, 0);
+    EXPECT_EQ(nlohmann::json::parse(ok.out)["pwszIdentification"], "3SJ01208K");
+    EXPECT_EQ(Trovctl("getdrive 0").status, 2);
+
+    CliRun help = Trovctl("--help");
+    EXPECT_EQ(help.status, 0);
+    for (const char* word : {"select TARGET", "detail [TARGET]", "maintenance pulse COUNT", "setflag drive hotspare",
+                             "getdrive BUS SLOT", "portprops N", "--sim-log", "-f,--file"})
+        EXPECT_NE(help.out.find(word), std::string::npos) << word;
 }

@@ -1,0 +1,379 @@
+// The trovctl command language against a provider loaded the way a host loads it, on the fake
+// platform, with the emulator's demo array behind it: listings and details with the published
+// field names, targets and the selection, every action command, scripts, and bad command lines.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "shell.h"
+#include "sim/model.h"
+#include "testlib/provider_env.h"
+
+using testlib::ProviderEnv;
+using trovctl::Shell;
+
+namespace {
+
+struct Result {
+    int rc;
+    std::string out, err;
+};
+
+class ShellTest : public ::testing::Test {
+protected:
+    ShellTest() : env("demo", SimOptions()) {}
+
+    trovsim::Options SimOptions() {
+        trovsim::Options o;
+        o.logRequests = true;
+        o.logSink = [this](const std::string& line) {
+            std::lock_guard<std::mutex> g(mu);
+            simLog += line + "\n";
+        };
+        return o;
+    }
+
+    void SetUp() override {
+        ASSERT_EQ(env.Load(), S_OK);
+        shell = std::make_unique<Shell>(env.provider, out, err, false);
+    }
+
+    Result Run(const std::string& line, bool json = false) {
+        shell->SetJson(json);
+        out.str({});
+        err.str({});
+        int rc = shell->ExecuteLine(line);
+        return {rc, out.str(), err.str()};
+    }
+    nlohmann::ordered_json Json(const std::string& line) {
+        Result r = Run(line, true);
+        EXPECT_EQ(r.rc, 0) << line << ": " << r.err;
+        return nlohmann::ordered_json::parse(r.out, nullptr, false);
+    }
+    std::string SimLog() {
+        std::lock_guard<std::mutex> g(mu);
+        return simLog;
+    }
+    std::vector<std::string> Ids(const std::string& kind) {
+        std::vector<std::string> ids;
+        for (auto& o : Json("list " + kind)) ids.push_back(o["id"]);
+        return ids;
+    }
+
+    std::mutex mu;
+    std::string simLog;
+    ProviderEnv env;
+    std::ostringstream out, err;
+    std::unique_ptr<Shell> shell;  // bound to the provider once it is loaded
+};
+
+using LoadedShell = ShellTest;
+
+bool IsId(const nlohmann::ordered_json& v) {
+    if (!v.is_string()) return false;
+    std::string s = v;
+    if (s.size() != 36) return false;
+    for (size_t i = 0; i < s.size(); ++i) {
+        bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash != (s[i] == '-')) return false;
+        if (!dash && !isxdigit(static_cast<unsigned char>(s[i]))) return false;
+    }
+    return true;
+}
+
+TEST_F(LoadedShell, ListsAndDetailsCarryThePublishedFieldsAndIds) {
+    struct Case {
+        const char* kind;
+        size_t count;
+        std::vector<const char*> keys;
+    } cases[] = {
+        {"subsystems", 1, {"id", "pwszFriendlyName", "pwszIdentification", "ulFlags", "ulStripeSizeFlags",
+                           "ulSupportedRaidTypeFlags", "status", "health", "sNumberOfInternalBuses",
+                           "sMaxNumberOfSlotsEachBus", "sMaxNumberOfControllers", "sRebuildPriority",
+                           "ulNumberOfEnclosures"}},
+        {"controllers", 2, {"id", "pwszFriendlyName", "pwszIdentification", "status", "health", "sNumberOfPorts"}},
+        {"ports", 4, {"id", "pwszFriendlyName", "pwszIdentification", "status"}},
+        {"drives", 12, {"id", "ullSize", "pwszFriendlyName", "pwszIdentification", "ulFlags", "status", "health",
+                        "sInternalBusNumber", "sSlotNumber", "ulEnclosureNumber", "busType", "ulSpindleSpeed"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.kind);
+        nlohmann::ordered_json rows = Json(std::string("list ") + c.kind);
+        ASSERT_TRUE(rows.is_array());
+        ASSERT_EQ(rows.size(), c.count);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            const auto& row = rows[i];
+            ASSERT_EQ(row.size(), c.keys.size()) << row.dump();
+            size_t k = 0;
+            for (auto it = row.begin(); it != row.end(); ++it, ++k) EXPECT_EQ(it.key(), c.keys[k]);  // record order
+            EXPECT_TRUE(IsId(row["id"])) << row["id"];
+            EXPECT_TRUE(row["status"].is_number());
+            // The same object by its number, by its id alone, and by kind and id.
+            std::string one = std::string(c.kind).substr(0, std::string(c.kind).size() - 1);
+            EXPECT_EQ(Json("detail " + one + " " + std::to_string(i)), row);
+            EXPECT_EQ(Json("detail " + row["id"].get<std::string>()), row);
+            EXPECT_EQ(Json("detail " + one + " " + row["id"].get<std::string>()), row);
+        }
+    }
+}
+
+TEST_F(LoadedShell, SelectionIsUsedUntilAnotherIsMade) {
+    nlohmann::ordered_json drives = Json("list drives");
+    Result r = Run("select drive 7");
+    ASSERT_EQ(r.rc, 0) << r.err;
+    EXPECT_NE(r.out.find(drives[7]["id"].get<std::string>()), std::string::npos) << r.out;
+    EXPECT_EQ(Json("detail"), drives[7]);
+    // A command of another kind does not take the drive.
+    r = Run("flushcache");
+    EXPECT_EQ(r.rc, trovctl::kUsage);
+    EXPECT_NE(r.err.find("needs a controller"), std::string::npos) << r.err;
+    ASSERT_EQ(Run("select controller 1").rc, 0);
+    EXPECT_EQ(Run("flushcache").rc, 0);
+    EXPECT_EQ(Json("detail"), Json("list controllers")[1]);
+    // A subsystem command finds the only subsystem without a selection of its own.
+    EXPECT_EQ(Json("getdrive 0 7"), drives[7]);
+}
+
+struct BadLine {
+    const char* line;
+    int rc;
+    const char* message;
+};
+
+class BadLines : public LoadedShell, public ::testing::WithParamInterface<BadLine> {};
+
+TEST_P(BadLines, AreRefusedWithAClearMessageAndStatus) {
+    const BadLine& c = GetParam();
+    Result r = Run(c.line);
+    EXPECT_EQ(r.rc, c.rc) << c.line << ": " << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << c.line << ": " << r.err;
+    EXPECT_EQ(r.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, BadLines,
+    ::testing::Values(BadLine{"frobnicate", 2, "unknown command \"frobnicate\""},
+                      BadLine{"list pools", 2, "list what?"},
+                      BadLine{"list", 2, "list what?"},
+                      BadLine{"info now", 2, "info takes no arguments"},
+                      BadLine{"select", 2, "select what?"},
+                      BadLine{"detail drive 99", 2, "there is no drive 99 (there are 12)"},
+                      BadLine{"detail drive -1", 2, "neither a number nor an object id"},
+                      BadLine{"detail widget 1", 2, "\"widget\" is not a kind of object"},
+                      BadLine{"detail drive 1 2", 2, "too many words"},
+                      BadLine{"detail 3", 2, "say which kind"},
+                      BadLine{"detail 12345678-1234-1234-1234-123456789012", 1,
+                              "GetObject failed: VDS_E_OBJECT_NOT_FOUND (0x80042405)"},
+                      BadLine{"extents", 2, "needs a drive"},
+                      BadLine{"flushcache drive 1", 2, "takes a controller, not a drive"},
+                      BadLine{"maintenance beep port 0", 2, "takes a drive or controller, not a port"},
+                      BadLine{"maintenance", 2, "usage: maintenance"},
+                      BadLine{"maintenance dance drive 1", 2, "unknown maintenance operation \"dance\""},
+                      BadLine{"maintenance pulse 0 drive 1", 2, "COUNT of at least 1"},
+                      BadLine{"maintenance pulse many drive 1", 2, "COUNT of at least 1"},
+                      BadLine{"setflag drive", 2, "usage: setflag drive hotspare"},
+                      BadLine{"clearflag drive readonly", 2, "usage: clearflag drive hotspare"},
+                      BadLine{"setflag drive hotspare drive 0", 1,
+                              "SetFlags(VDS_DRF_HOTSPARE) failed: VDS_E_NOT_SUPPORTED (0x80042400)"},
+                      BadLine{"clearflag drive hotspare drive 4", 1, "ClearFlags(VDS_DRF_HOTSPARE) failed:"},
+                      BadLine{"getdrive 0", 2, "usage: getdrive BUS SLOT"},
+                      BadLine{"getdrive x 1", 2, "usage: getdrive BUS SLOT"},
+                      BadLine{"getdrive 0 99", 1, "GetDrive failed: VDS_E_OBJECT_NOT_FOUND"},
+                      BadLine{"portprops", 2, "usage: portprops N"},
+                      BadLine{"portprops 9 controller 0", 1, "GetPortProperties failed: E_INVALIDARG (0x80070057)"},
+                      BadLine{"name subsystem", 2, "usage: name subsystem NAME"},
+                      BadLine{"name controller x", 2, "usage: name subsystem NAME"},
+                      BadLine{"reenumerate everything", 2, "usage: reenumerate"},
+                      BadLine{"refresh now", 2, "refresh takes no arguments"},
+                      BadLine{"detail \"drive 1", 2, "unterminated quote"}));
+
+TEST_F(LoadedShell, ADriveBecomesASpareAndAnOrdinaryDriveAgain) {
+    auto howUsed = [&] {
+        return env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].drives[4].howUsed; });
+    };
+    uint8_t before = howUsed();
+    ASSERT_EQ(Run("select drive 4").rc, 0);
+    EXPECT_EQ(Json("detail")["ulFlags"], 0x4);  // unassigned
+    Result r = Run("setflag drive hotspare");
+    ASSERT_EQ(r.rc, 0) << r.err;
+    EXPECT_EQ(r.out, "setflag drive hotspare: done\n");
+    EXPECT_NE(howUsed(), before);
+    EXPECT_EQ(Json("detail")["ulFlags"], 0x15);  // the next look at it sees the array's new state
+    ASSERT_EQ(Run("clearflag drive hotspare").rc, 0);
+    EXPECT_EQ(howUsed(), before);
+    EXPECT_EQ(Json("detail")["ulFlags"], 0x4);
+}
+
+TEST_F(LoadedShell, SubsystemNamesUpToEightyCharacters) {
+    auto arrayName = [&] { return env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].systemName; }); };
+    Result r = Run("name subsystem \"lab array one\"");
+    ASSERT_EQ(r.rc, 0) << r.err;
+    EXPECT_EQ(arrayName(), "lab array one");
+    EXPECT_EQ(Json("detail subsystem 0")["pwszFriendlyName"], "lab array one");
+
+    const std::string eighty(80, 'n');
+    EXPECT_EQ(Run("name subsystem " + eighty).rc, 0);
+    EXPECT_EQ(arrayName(), eighty);
+    r = Run("name subsystem " + eighty + "x");
+    EXPECT_EQ(r.rc, trovctl::kFailed);
+    EXPECT_NE(r.err.find("SetFriendlyName failed: "), std::string::npos) << r.err;
+    EXPECT_EQ(arrayName(), eighty);  // nothing lost
+}
+
+TEST_F(LoadedShell, ReenumerateAndRefreshKeepEveryId) {
+    std::vector<std::vector<std::string>> before;
+    for (const char* k : {"subsystems", "controllers", "ports", "drives"}) before.push_back(Ids(k));
+    auto reads = [&] {
+        std::string log = SimLog();
+        size_t n = 0;
+        for (size_t at = log.find("GET_CONTROLLER(1)"); at != std::string::npos; at = log.find("GET_CONTROLLER(1)", at + 1))
+            ++n;
+        return n;
+    };
+    for (const char* line : {"reenumerate", "reenumerate subsystem", "reenumerate subsystem 0", "refresh"}) {
+        size_t readsBefore = reads();
+        Result r = Run(line);
+        EXPECT_GT(reads(), readsBefore) << line << ": the tree was not read again";
+        ASSERT_EQ(r.rc, 0) << line << ": " << r.err;
+        size_t i = 0;
+        for (const char* k : {"subsystems", "controllers", "ports", "drives"}) EXPECT_EQ(Ids(k), before[i++]) << line;
+    }
+}
+
+TEST_F(LoadedShell, CacheAndMaintenanceReachTheArray) {
+    struct Case {
+        const char* line;
+        const char* request;  // as the emulator logs it
+    } cases[] = {{"flushcache controller 0", "FLUSH_CACHE(21)"},
+                 {"invalidatecache controller 1", "FREE_CACHE(22)"},
+                 {"maintenance beep controller 0", "SILENCE_ALARM(23)"}};
+    for (const Case& c : cases) {
+        Result r = Run(c.line);
+        ASSERT_EQ(r.rc, 0) << c.line << ": " << r.err;
+        EXPECT_NE(SimLog().find(c.request), std::string::npos) << c.line;
+    }
+    auto blinking = [&] { return env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].drives[1].blinking; }); };
+    uint64_t slept = env.tp.clock().TotalSlept();
+    ASSERT_EQ(Run("maintenance blink drive 1").rc, 0);
+    EXPECT_TRUE(blinking());
+    ASSERT_EQ(Run("maintenance stop drive 1").rc, 0);
+    EXPECT_FALSE(blinking());
+    ASSERT_EQ(Run("maintenance pulse 2 drive 1").rc, 0);
+    EXPECT_FALSE(blinking());
+    // Each light command waits its pause on the fake clock, none for real.
+    EXPECT_GE(env.tp.clock().TotalSlept() - slept, 2u * 5000u);
+}
+
+TEST_F(LoadedShell, ExtentsAndPortPropertiesAsJson) {
+    nlohmann::ordered_json ext = Json("extents drive 4");
+    ASSERT_TRUE(ext.is_array());
+    ASSERT_EQ(ext.size(), 1u);  // a free drive: one extent, unused
+    EXPECT_EQ(ext[0]["bUsed"], false);
+    EXPECT_EQ(ext[0]["LunId"], "00000000-0000-0000-0000-000000000000");
+    EXPECT_EQ(ext[0]["ullSize"], Json("detail drive 4")["ullSize"]);
+
+    nlohmann::ordered_json port = Json("portprops 0 controller 0");
+    EXPECT_TRUE(IsId(port["id"]));
+    EXPECT_EQ(port.size(), 4u);
+    Result text = Run("portprops 0 controller 0");
+    EXPECT_NE(text.out.find("pwszFriendlyName   : " + port["pwszFriendlyName"].get<std::string>()), std::string::npos)
+        << text.out;
+}
+
+TEST_F(LoadedShell, TextOutputNumbersTheListingsAndShowsFlagsInHex) {
+    Result r = Run("list drives");
+    ASSERT_EQ(r.rc, 0);
+    EXPECT_EQ(r.out.rfind("drives (12)\n", 0), 0u) << r.out;
+    EXPECT_NE(r.out.find("  7  "), std::string::npos);
+    EXPECT_NE(r.out.find("flags 0x15"), std::string::npos);
+    r = Run("detail drive 7");
+    EXPECT_NE(r.out.find("ulFlags            : 21 (0x15)\n"), std::string::npos) << r.out;
+}
+
+TEST_F(LoadedShell, ScriptStopsAtTheFirstFailureAndNamesItsLine) {
+    std::istringstream script("list controllers\n# a comment\n\nselect drive 1\nbogus words\nlist ports\n");
+    out.str({});
+    err.str({});
+    int rc = shell->RunScript(script, "setup.trov");
+    EXPECT_EQ(rc, trovctl::kUsage);
+    EXPECT_NE(err.str().find("setup.trov:5: stopped at \"bogus words\""), std::string::npos) << err.str();
+    EXPECT_NE(out.str().find("controllers (2)"), std::string::npos);
+    EXPECT_EQ(out.str().find("ports ("), std::string::npos);  // not reached
+    ASSERT_NE(shell->selection(), nullptr);
+    EXPECT_EQ(shell->selection()->kind, trovctl::Kind::Drive);
+
+    std::istringstream quits("select controller 0\nquit\nbogus\n");
+    EXPECT_EQ(shell->RunScript(quits, "q.trov"), 0);
+    EXPECT_TRUE(shell->quitRequested());
+}
+
+TEST_F(LoadedShell, OverviewIsOneJsonDocument) {
+    out.str({});
+    shell->SetJson(true);
+    ASSERT_EQ(shell->Overview(), 0);
+    auto doc = nlohmann::ordered_json::parse(out.str());
+    EXPECT_EQ(doc["provider"]["type"], 2);
+    EXPECT_EQ(doc["subsystems"].size(), 1u);
+    EXPECT_EQ(doc["controllers"].size(), 2u);
+    EXPECT_EQ(doc["ports"].size(), 4u);
+    EXPECT_EQ(doc["drives"].size(), 12u);
+}
+
+TEST_F(LoadedShell, ASelectionThatWentAwayIsSaidSo) {
+    ASSERT_EQ(Run("select drive 11").rc, 0);
+    // The drive leaves the array; the next look finds it gone.
+    env.sim->WithModel([](trovsim::Model& m) {
+        m.subsystems()[0].drives.pop_back();
+        m.Touch(m.subsystems()[0]);
+    });
+    ASSERT_EQ(Run("refresh").rc, 0);
+    Result r = Run("detail");
+    EXPECT_EQ(r.rc, trovctl::kUsage);
+    EXPECT_NE(r.err.find("is no longer there"), std::string::npos) << r.err;
+    EXPECT_EQ(shell->selection(), nullptr);
+}
+
+struct SplitCase {
+    const char* line;
+    std::vector<std::string> words;
+};
+
+TEST(SplitLine, WordsQuotesEscapesAndComments) {
+    const SplitCase cases[] = {
+        {"", {}},
+        {"   # only a comment", {}},
+        {"list drives", {"list", "drives"}},
+        {"  detail\tdrive   3  ", {"detail", "drive", "3"}},
+        {"name subsystem \"lab array\"", {"name", "subsystem", "lab array"}},
+        {"name subsystem lab\\ array", {"name", "subsystem", "lab array"}},
+        {"name subsystem \"say \\\"hi\\\"\"", {"name", "subsystem", "say \"hi\""}},
+        {"name subsystem a#b # the rest", {"name", "subsystem", "a#b"}},
+        {"name subsystem \"\"", {"name", "subsystem", ""}},
+    };
+    for (const SplitCase& c : cases) {
+        std::vector<std::string> words;
+        std::string err;
+        ASSERT_TRUE(trovctl::SplitLine(c.line, &words, &err)) << c.line;
+        EXPECT_EQ(words, c.words) << c.line;
+    }
+    std::vector<std::string> words;
+    std::string err;
+    EXPECT_FALSE(trovctl::SplitLine("detail \"drive", &words, &err));
+    EXPECT_EQ(err, "unterminated quote");
+}
+
+TEST(HelpText, NamesEveryCommand) {
+    std::string help = trovctl::HelpText();
+    for (const char* cmd : {"info", "list", "select", "detail", "name subsystem", "reenumerate", "refresh",
+                            "flushcache", "invalidatecache", "maintenance beep|blink|stop", "maintenance pulse",
+                            "setflag drive hotspare", "clearflag drive hotspare", "extents", "getdrive BUS SLOT",
+                            "portprops N", "help", "quit"})
+        EXPECT_NE(help.find(std::string("  ") + cmd), std::string::npos) << cmd;
+}
+
+}  // namespace

@@ -1,0 +1,798 @@
+#include "shell.h"
+
+#include <readline/history.h>
+#include <readline/readline.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+#include "platform/hresult.h"
+#include "platform/platform.h"
+#include "platform/vds_errors.h"
+#include "platform/wstr.h"
+
+namespace trovctl {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+const char* KindName(Kind k) {
+    switch (k) {
+    case Kind::Subsystem: return "subsystem";
+    case Kind::Controller: return "controller";
+    case Kind::Port: return "port";
+    case Kind::Drive: return "drive";
+    }
+    return "?";
+}
+
+VDS_OBJECT_TYPE ObjectType(Kind k) {
+    switch (k) {
+    case Kind::Subsystem: return VDS_OT_SUB_SYSTEM;
+    case Kind::Controller: return VDS_OT_CONTROLLER;
+    case Kind::Port: return VDS_OT_PORT;
+    case Kind::Drive: return VDS_OT_DRIVE;
+    }
+    return VDS_OT_UNKNOWN;
+}
+
+// "drive", "drives": the kind; false for any other word.
+bool ParseKind(const std::string& w, Kind* k) {
+    static const struct {
+        const char* one;
+        const char* many;
+        Kind kind;
+    } names[] = {{"subsystem", "subsystems", Kind::Subsystem},
+                 {"controller", "controllers", Kind::Controller},
+                 {"port", "ports", Kind::Port},
+                 {"drive", "drives", Kind::Drive}};
+    for (const auto& n : names)
+        if (w == n.one || w == n.many) {
+            *k = n.kind;
+            return true;
+        }
+    return false;
+}
+
+// A whole decimal number within [lo, hi].
+bool ParseNumber(const std::string& w, long lo, long hi, long* v) {
+    if (w.empty()) return false;
+    errno = 0;
+    char* end = nullptr;
+    long n = std::strtol(w.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || n < lo || n > hi) return false;
+    *v = n;
+    return true;
+}
+
+std::string Take(LPWSTR& s) {
+    std::string out = s ? WideToUtf8(s) : std::string();
+    CoTaskMemFree(s);
+    s = nullptr;
+    return out;
+}
+
+std::string Hex(uint32_t v) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "0x%x", v);
+    return buf;
+}
+
+template <class T>
+CComPtr<T> As(IUnknown* unk, REFIID iid) {
+    CComPtr<T> p;
+    if (unk) unk->QueryInterface(iid, reinterpret_cast<void**>(&p));
+    return p;
+}
+
+// Drains an enumerator into objects of one kind.
+HRESULT Drain(IEnumVdsObject* e, Kind kind, std::vector<Object>* out) {
+    if (!e) return E_POINTER;
+    IUnknown* unk = nullptr;
+    ULONG fetched = 0;
+    HRESULT hr;
+    while ((hr = e->Next(1, &unk, &fetched)) == S_OK && fetched == 1) {
+        Object o{kind, {}, {}};
+        o.unk.Attach(unk);
+        out->push_back(std::move(o));
+    }
+    e->Release();
+    return FAILED(hr) ? hr : S_OK;
+}
+
+json SubsystemJson(VDS_SUB_SYSTEM_PROP2& p) {
+    return {{"id", GuidToString(p.id)},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"pwszIdentification", Take(p.pwszIdentification)},
+            {"ulFlags", p.ulFlags},
+            {"ulStripeSizeFlags", p.ulStripeSizeFlags},
+            {"ulSupportedRaidTypeFlags", p.ulSupportedRaidTypeFlags},
+            {"status", p.status},
+            {"health", p.health},
+            {"sNumberOfInternalBuses", p.sNumberOfInternalBuses},
+            {"sMaxNumberOfSlotsEachBus", p.sMaxNumberOfSlotsEachBus},
+            {"sMaxNumberOfControllers", p.sMaxNumberOfControllers},
+            {"sRebuildPriority", p.sRebuildPriority},
+            {"ulNumberOfEnclosures", p.ulNumberOfEnclosures}};
+}
+
+json ControllerJson(VDS_CONTROLLER_PROP& p) {
+    return {{"id", GuidToString(p.id)},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"pwszIdentification", Take(p.pwszIdentification)},
+            {"status", p.status},
+            {"health", p.health},
+            {"sNumberOfPorts", p.sNumberOfPorts}};
+}
+
+json PortJson(VDS_PORT_PROP& p) {
+    return {{"id", GuidToString(p.id)},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"pwszIdentification", Take(p.pwszIdentification)},
+            {"status", p.status}};
+}
+
+json DriveJson(VDS_DRIVE_PROP2& p) {
+    return {{"id", GuidToString(p.id)},
+            {"ullSize", p.ullSize},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"pwszIdentification", Take(p.pwszIdentification)},
+            {"ulFlags", p.ulFlags},
+            {"status", p.status},
+            {"health", p.health},
+            {"sInternalBusNumber", p.sInternalBusNumber},
+            {"sSlotNumber", p.sSlotNumber},
+            {"ulEnclosureNumber", p.ulEnclosureNumber},
+            {"busType", p.busType},
+            {"ulSpindleSpeed", p.ulSpindleSpeed}};
+}
+
+// The text form of a value: numbers as they are, flags also in hexadecimal.
+std::string ValueText(const std::string& key, const json& v) {
+    if (v.is_string()) return v.get<std::string>();
+    if (v.is_boolean()) return v.get<bool>() ? "true" : "false";
+    if (v.is_number_unsigned() && (key.rfind("ul", 0) == 0 && key.find("Flags") != std::string::npos))
+        return std::to_string(v.get<uint64_t>()) + " (" + Hex(v.get<uint32_t>()) + ")";
+    return v.dump();
+}
+
+std::string Gib(uint64_t bytes) {
+    std::ostringstream s;
+    s << std::fixed << std::setprecision(1) << double(bytes) / (1024.0 * 1024 * 1024) << " GiB";
+    return s.str();
+}
+
+}  // namespace
+
+bool SplitLine(const std::string& line, std::vector<std::string>* words, std::string* err) {
+    words->clear();
+    std::string cur;
+    bool inWord = false, quoted = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        char c = line[i];
+        if (c == '\\' && i + 1 < line.size()) {
+            cur += line[++i];
+            inWord = true;
+        } else if (c == '"') {
+            quoted = !quoted;
+            inWord = true;
+        } else if (!quoted && (c == ' ' || c == '\t' || c == '\r' || c == '\n')) {
+            if (inWord) words->push_back(cur);
+            cur.clear();
+            inWord = false;
+        } else if (!quoted && c == '#' && !inWord) {
+            break;
+        } else {
+            cur += c;
+            inWord = true;
+        }
+    }
+    if (quoted) {
+        *err = "unterminated quote";
+        return false;
+    }
+    if (inWord) words->push_back(cur);
+    return true;
+}
+
+std::string HrText(HRESULT hr) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "0x%08X", static_cast<uint32_t>(hr));
+    const char* name = HResultName(hr);
+    return name ? std::string(name) + " (" + buf + ")" : std::string(buf);
+}
+
+const char* HelpText() {
+    return R"(Commands (one per line; in one-shot use the words follow the options):
+  info                              the provider's properties
+  list subsystems|controllers|ports|drives
+                                    every object of a kind, numbered
+  select TARGET                     remember an object for the commands below
+  detail [TARGET]                   every property of an object (default: the selection)
+  name subsystem NAME [TARGET]      rename a subsystem (at most 80 characters)
+  reenumerate [subsystem [TARGET]]  rescan the provider, or one subsystem
+  refresh                           rebuild the object tree from the array
+  flushcache [TARGET]               write a controller's cache to the drives
+  invalidatecache [TARGET]          drop a controller's cache
+  maintenance beep|blink|stop [TARGET]
+                                    silence the alarm (beep), start or stop the locate light
+  maintenance pulse COUNT [TARGET]  flash the locate light COUNT times
+  setflag drive hotspare [TARGET]   make a drive a global spare
+  clearflag drive hotspare [TARGET] make a spare an ordinary free drive again
+  extents [TARGET]                  the pieces of a drive and what uses them
+  getdrive BUS SLOT [TARGET]        the drive at a bus and slot of a subsystem
+  portprops N [TARGET]              the properties of a controller's port N
+  help                              this text
+  quit | exit                       leave the shell
+TARGET: KIND N (the N-th of "list KIND"), KIND ID, or ID, where KIND is subsystem, controller,
+port or drive and ID is an object id (xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx). Without a target a
+command uses the selection; a subsystem command with one subsystem present uses that one.
+Exit status: 0 done, 1 the provider refused (its result is printed by name and number),
+2 a bad command line.)";
+}
+
+Shell::Shell(IVdsProvider* provider, std::ostream& out, std::ostream& err, bool json)
+    : provider_(provider), out_(out), err_(err), json_(json) {}
+
+int Shell::Failed(const std::string& call, HRESULT hr) {
+    err_ << "trovctl: " << call << " failed: " << HrText(hr) << "\n";
+    return kFailed;
+}
+
+int Shell::Usage(const std::string& message) {
+    err_ << "trovctl: " << message << "\n";
+    return kUsage;
+}
+
+int Shell::ExecuteLine(const std::string& line) {
+    std::vector<std::string> words;
+    std::string err;
+    if (!SplitLine(line, &words, &err)) return Usage(err);
+    if (words.empty()) return kOk;
+    return Execute(words);
+}
+
+int Shell::Execute(const std::vector<std::string>& words) {
+    if (words.empty()) return Usage("no command (try help)");
+    const std::string& cmd = words[0];
+    std::vector<std::string> args(words.begin() + 1, words.end());
+    if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+        out_ << HelpText() << "\n";
+        return kOk;
+    }
+    if (cmd == "quit" || cmd == "exit") {
+        quit_ = true;
+        return kOk;
+    }
+    if (cmd == "info") return CmdInfo(args);
+    if (cmd == "list") return CmdList(args);
+    if (cmd == "select") return CmdSelect(args);
+    if (cmd == "detail") return CmdDetail(args);
+    if (cmd == "name") return CmdName(args);
+    if (cmd == "reenumerate") return CmdReenumerate(args);
+    if (cmd == "refresh") return CmdRefresh(args);
+    if (cmd == "flushcache") return CmdCache(args, true);
+    if (cmd == "invalidatecache") return CmdCache(args, false);
+    if (cmd == "maintenance") return CmdMaintenance(args);
+    if (cmd == "setflag") return CmdFlag(args, true);
+    if (cmd == "clearflag") return CmdFlag(args, false);
+    if (cmd == "extents") return CmdExtents(args);
+    if (cmd == "getdrive") return CmdGetDrive(args);
+    if (cmd == "portprops") return CmdPortProps(args);
+    return Usage("unknown command \"" + cmd + "\" (try help)");
+}
+
+int Shell::RunScript(std::istream& in, const std::string& name) {
+    std::string line;
+    int lineNo = 0;
+    while (!quit_ && std::getline(in, line)) {
+        ++lineNo;
+        int rc = ExecuteLine(line);
+        if (rc != kOk) {
+            err_ << "trovctl: " << name << ":" << lineNo << ": stopped at \"" << line << "\"\n";
+            return rc;
+        }
+    }
+    return kOk;
+}
+
+int Shell::RunInteractive() {
+    int rc = kOk;
+    bool tty = isatty(STDIN_FILENO);
+    const char* histFile = std::getenv("HOME");
+    std::string history = histFile ? std::string(histFile) + "/.trovctl_history" : std::string();
+    if (tty && !history.empty()) read_history(history.c_str());
+    while (!quit_) {
+        std::string prompt = "trovctl";
+        if (const Object* s = selection()) prompt += std::string(" ") + KindName(s->kind) + " " + GuidToString(s->id).substr(0, 8);
+        prompt += "> ";
+        std::string line;
+        if (tty) {
+            char* raw = readline(prompt.c_str());
+            if (!raw) break;
+            line = raw;
+            std::free(raw);
+            if (!line.empty()) add_history(line.c_str());
+        } else if (!std::getline(std::cin, line)) {
+            break;
+        }
+        rc = ExecuteLine(line);
+        out_.flush();
+    }
+    if (tty && !history.empty()) write_history(history.c_str());
+    return rc;
+}
+
+// --- objects ---------------------------------------------------------------------------------
+
+HRESULT Shell::Enumerate(Kind kind, std::vector<Object>* out) {
+    CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(provider_, IID_IVdsHwProvider);
+    if (!hw) return E_NOINTERFACE;
+    IEnumVdsObject* e = nullptr;
+    HRESULT hr = hw->QuerySubSystems(&e);
+    if (FAILED(hr)) return hr;
+    std::vector<Object> subsystems;
+    if (FAILED(hr = Drain(e, Kind::Subsystem, &subsystems))) return hr;
+    for (Object& s : subsystems) {
+        CComPtr<IVdsSubSystem> ss = As<IVdsSubSystem>(s.unk, IID_IVdsSubSystem);
+        if (!ss) return E_NOINTERFACE;
+        if (kind == Kind::Subsystem) {
+            out->push_back(s);
+        } else if (kind == Kind::Drive) {
+            e = nullptr;
+            if (FAILED(hr = ss->QueryDrives(&e)) || FAILED(hr = Drain(e, Kind::Drive, out))) return hr;
+        } else {
+            std::vector<Object> controllers;
+            e = nullptr;
+            if (FAILED(hr = ss->QueryControllers(&e)) || FAILED(hr = Drain(e, Kind::Controller, &controllers)))
+                return hr;
+            for (Object& c : controllers) {
+                if (kind == Kind::Controller) {
+                    out->push_back(c);
+                    continue;
+                }
+                CComPtr<IVdsControllerControllerPort> ccp =
+                    As<IVdsControllerControllerPort>(c.unk, IID_IVdsControllerControllerPort);
+                if (!ccp) continue;
+                e = nullptr;
+                if (FAILED(hr = ccp->QueryControllerPorts(&e)) || FAILED(hr = Drain(e, Kind::Port, out))) return hr;
+            }
+        }
+    }
+    // The ids, from the properties every object has.
+    for (Object& o : *out) {
+        json j;
+        if (FAILED(hr = Describe(o, &j))) return hr;
+        GuidFromString(j["id"].get<std::string>(), &o.id);
+    }
+    return S_OK;
+}
+
+int Shell::Resolve(const std::vector<std::string>& target, const std::vector<Kind>& kinds, Object* out) {
+    auto allowed = [&](Kind k) {
+        for (Kind a : kinds)
+            if (a == k) return true;
+        return false;
+    };
+    std::string wanted;
+    for (size_t i = 0; i < kinds.size(); ++i) wanted += std::string(i ? " or " : "") + KindName(kinds[i]);
+
+    if (target.empty()) {
+        if (selected_.unk && allowed(selected_.kind)) {
+            // Looked up afresh, as a host would: the queries are where the provider brings a
+            // stale tree up to date, and an object may have gone meanwhile.
+            std::vector<Object> all;
+            HRESULT hr = Enumerate(selected_.kind, &all);
+            if (FAILED(hr)) return Failed("the enumeration of the tree", hr);
+            for (Object& o : all)
+                if (o.id == selected_.id) {
+                    selected_ = o;
+                    *out = o;
+                    return kOk;
+                }
+            std::string gone = std::string("the selected ") + KindName(selected_.kind) + " " +
+                               GuidToString(selected_.id) + " is no longer there";
+            selected_ = Object{Kind::Subsystem, {}, {}};
+            return Usage(gone);
+        }
+        if (allowed(Kind::Subsystem)) {
+            std::vector<Object> all;
+            HRESULT hr = Enumerate(Kind::Subsystem, &all);
+            if (FAILED(hr)) return Failed("QuerySubSystems", hr);
+            if (all.size() == 1) {
+                *out = all[0];
+                return kOk;
+            }
+        }
+        return Usage("this command needs a " + wanted + ": name one (" + KindName(kinds[0]) +
+                     " N) or select it first");
+    }
+    if (target.size() > 2) return Usage("too many words in the target");
+
+    Kind kind = kinds[0];
+    std::string ref = target.back();
+    bool kindGiven = false;
+    if (target.size() == 2) {
+        if (!ParseKind(target[0], &kind)) return Usage("\"" + target[0] + "\" is not a kind of object");
+        kindGiven = true;
+    }
+    GUID id{};
+    if (GuidFromString(ref, &id)) {
+        CComPtr<IVdsProviderPrivate> priv = As<IVdsProviderPrivate>(provider_, IID_IVdsProviderPrivate);
+        if (!priv) return Failed("QueryInterface(IVdsProviderPrivate)", E_NOINTERFACE);
+        // An id alone may be of any kind the command takes: the provider checks the type.
+        std::vector<Kind> tries = kindGiven ? std::vector<Kind>{kind} : kinds;
+        HRESULT last = VDS_E_OBJECT_NOT_FOUND;
+        for (Kind k : tries) {
+            IUnknown* unk = nullptr;
+            last = priv->GetObject(id, ObjectType(k), &unk);
+            if (SUCCEEDED(last) && unk) {
+                out->kind = k;
+                out->id = id;
+                out->unk.Release();
+                out->unk.Attach(unk);
+                if (!allowed(k)) return Usage(std::string("this command takes a ") + wanted + ", not a " + KindName(k));
+                return kOk;
+            }
+        }
+        return Failed("GetObject", last);
+    }
+    long index;
+    if (!ParseNumber(ref, 0, 1L << 20, &index))
+        return Usage("\"" + ref + "\" is neither a number nor an object id");
+    if (!kindGiven && kinds.size() > 1) return Usage("say which kind: " + wanted + " " + ref);
+    if (!allowed(kind)) return Usage(std::string("this command takes a ") + wanted + ", not a " + KindName(kind));
+    std::vector<Object> all;
+    HRESULT hr = Enumerate(kind, &all);
+    if (FAILED(hr)) return Failed("the enumeration of the tree", hr);
+    if (static_cast<size_t>(index) >= all.size())
+        return Usage(std::string("there is no ") + KindName(kind) + " " + ref + " (there are " +
+                     std::to_string(all.size()) + ")");
+    *out = all[static_cast<size_t>(index)];
+    return kOk;
+}
+
+HRESULT Shell::Describe(const Object& o, json* j) {
+    HRESULT hr = E_NOINTERFACE;
+    switch (o.kind) {
+    case Kind::Subsystem: {
+        CComPtr<IVdsSubSystem2> s = As<IVdsSubSystem2>(o.unk, IID_IVdsSubSystem2);
+        VDS_SUB_SYSTEM_PROP2 p{};
+        if (s && SUCCEEDED(hr = s->GetProperties2(&p))) *j = SubsystemJson(p);
+        break;
+    }
+    case Kind::Controller: {
+        CComPtr<IVdsController> c = As<IVdsController>(o.unk, IID_IVdsController);
+        VDS_CONTROLLER_PROP p{};
+        if (c && SUCCEEDED(hr = c->GetProperties(&p))) *j = ControllerJson(p);
+        break;
+    }
+    case Kind::Port: {
+        CComPtr<IVdsControllerPort> c = As<IVdsControllerPort>(o.unk, IID_IVdsControllerPort);
+        VDS_PORT_PROP p{};
+        if (c && SUCCEEDED(hr = c->GetProperties(&p))) *j = PortJson(p);
+        break;
+    }
+    case Kind::Drive: {
+        CComPtr<IVdsDrive2> d = As<IVdsDrive2>(o.unk, IID_IVdsDrive2);
+        VDS_DRIVE_PROP2 p{};
+        if (d && SUCCEEDED(hr = d->GetProperties2(&p))) *j = DriveJson(p);
+        break;
+    }
+    }
+    return hr;
+}
+
+// --- output ----------------------------------------------------------------------------------
+
+void Shell::PrintObject(const json& j) {
+    if (json_) {
+        out_ << j.dump(2) << "\n";
+        return;
+    }
+    size_t width = 0;
+    for (auto it = j.begin(); it != j.end(); ++it) width = std::max(width, it.key().size());
+    for (auto it = j.begin(); it != j.end(); ++it)
+        out_ << std::left << std::setw(int(width)) << it.key() << " : " << ValueText(it.key(), it.value()) << "\n";
+}
+
+void Shell::PrintTable(Kind kind, const json& rows) {
+    if (json_) {
+        out_ << rows.dump(2) << "\n";
+        return;
+    }
+    out_ << KindName(kind) << "s (" << rows.size() << ")\n";
+    int i = 0;
+    for (const json& r : rows) {
+        out_ << "  " << std::setw(2) << std::right << i++ << "  " << r["id"].get<std::string>() << "  " << std::left
+             << std::setw(40) << r["pwszFriendlyName"].get<std::string>();
+        if (r.contains("status")) out_ << "  status " << r["status"].get<int>();
+        if (r.contains("health")) out_ << "  health " << r["health"].get<int>();
+        if (r.contains("ullSize")) out_ << "  " << Gib(r["ullSize"].get<uint64_t>());
+        if (kind == Kind::Drive) out_ << "  flags " << Hex(r["ulFlags"].get<uint32_t>());
+        out_ << "\n";
+    }
+}
+
+void Shell::PrintDone(const std::string& what) {
+    if (json_)
+        out_ << json{{"command", what}, {"result", "S_OK"}}.dump(2) << "\n";
+    else
+        out_ << what << ": done\n";
+}
+
+// --- commands --------------------------------------------------------------------------------
+
+HRESULT Shell::ProviderJson(json* j) {
+    VDS_PROVIDER_PROP p{};
+    HRESULT hr = provider_->GetProperties(&p);
+    if (FAILED(hr)) return hr;
+    *j = {{"id", GuidToString(p.id)},
+          {"pwszName", Take(p.pwszName)},
+          {"guidVersionId", GuidToString(p.guidVersionId)},
+          {"pwszVersion", Take(p.pwszVersion)},
+          {"type", p.type},
+          {"ulFlags", p.ulFlags},
+          {"ulStripeSizeFlags", p.ulStripeSizeFlags},
+          {"sRebuildPriority", p.sRebuildPriority}};
+    return S_OK;
+}
+
+int Shell::ListJson(Kind kind, json* rows) {
+    std::vector<Object> all;
+    HRESULT hr = Enumerate(kind, &all);
+    if (FAILED(hr)) return Failed("the enumeration of the tree", hr);
+    *rows = json::array();
+    for (const Object& o : all) {
+        json j;
+        if (FAILED(hr = Describe(o, &j))) return Failed("GetProperties", hr);
+        rows->push_back(std::move(j));
+    }
+    return kOk;
+}
+
+int Shell::CmdInfo(const std::vector<std::string>& args) {
+    if (!args.empty()) return Usage("info takes no arguments");
+    json j;
+    HRESULT hr = ProviderJson(&j);
+    if (FAILED(hr)) return Failed("GetProperties", hr);
+    PrintObject(j);
+    return kOk;
+}
+
+int Shell::CmdList(const std::vector<std::string>& args) {
+    Kind kind;
+    if (args.size() != 1 || !ParseKind(args[0], &kind))
+        return Usage("list what? subsystems, controllers, ports or drives");
+    json rows;
+    int rc = ListJson(kind, &rows);
+    if (rc != kOk) return rc;
+    PrintTable(kind, rows);
+    return kOk;
+}
+
+int Shell::Overview() {
+    json provider;
+    HRESULT hr = ProviderJson(&provider);
+    if (FAILED(hr)) return Failed("GetProperties", hr);
+    json doc = {{"provider", provider}};
+    if (!json_) PrintObject(provider);
+    for (Kind k : {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}) {
+        json rows;
+        int rc = ListJson(k, &rows);
+        if (rc != kOk) return rc;
+        if (json_)
+            doc[std::string(KindName(k)) + "s"] = rows;
+        else
+            PrintTable(k, rows);
+    }
+    if (json_) out_ << doc.dump(2) << "\n";
+    return kOk;
+}
+
+int Shell::CmdSelect(const std::vector<std::string>& args) {
+    if (args.empty()) return Usage("select what? (select drive 3, select controller 0, select ID)");
+    Object o;
+    int rc = Resolve(args, {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}, &o);
+    if (rc != kOk) return rc;
+    json j;
+    HRESULT hr = Describe(o, &j);
+    if (FAILED(hr)) return Failed("GetProperties", hr);
+    selected_ = o;
+    if (json_)
+        out_ << json{{"selected", KindName(o.kind)}, {"id", j["id"]}, {"pwszFriendlyName", j["pwszFriendlyName"]}}.dump(2)
+             << "\n";
+    else
+        out_ << "selected " << KindName(o.kind) << " " << j["id"].get<std::string>() << "  "
+             << j["pwszFriendlyName"].get<std::string>() << "\n";
+    return kOk;
+}
+
+int Shell::CmdDetail(const std::vector<std::string>& args) {
+    Object o;
+    int rc = Resolve(args, {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}, &o);
+    if (rc != kOk) return rc;
+    json j;
+    HRESULT hr = Describe(o, &j);
+    if (FAILED(hr)) return Failed("GetProperties", hr);
+    PrintObject(j);
+    return kOk;
+}
+
+int Shell::CmdName(const std::vector<std::string>& args) {
+    if (args.size() < 2 || args[0] != "subsystem") return Usage("usage: name subsystem NAME [TARGET]");
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 2, args.end()), {Kind::Subsystem}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsSubSystemNaming> n = As<IVdsSubSystemNaming>(o.unk, IID_IVdsSubSystemNaming);
+    if (!n) return Failed("QueryInterface(IVdsSubSystemNaming)", E_NOINTERFACE);
+    std::u16string name = Utf8ToWide(args[1]);
+    HRESULT hr = n->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str())));
+    if (FAILED(hr)) return Failed("SetFriendlyName", hr);
+    PrintDone("name subsystem");
+    return kOk;
+}
+
+int Shell::CmdReenumerate(const std::vector<std::string>& args) {
+    HRESULT hr;
+    if (args.empty()) {
+        CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(provider_, IID_IVdsHwProvider);
+        if (!hw) return Failed("QueryInterface(IVdsHwProvider)", E_NOINTERFACE);
+        if (FAILED(hr = hw->Reenumerate())) return Failed("Reenumerate", hr);
+        PrintDone("reenumerate");
+        return kOk;
+    }
+    if (args[0] != "subsystem") return Usage("usage: reenumerate [subsystem [TARGET]]");
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 1, args.end()), {Kind::Subsystem}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsSubSystem> s = As<IVdsSubSystem>(o.unk, IID_IVdsSubSystem);
+    if (!s) return Failed("QueryInterface(IVdsSubSystem)", E_NOINTERFACE);
+    if (FAILED(hr = s->Reenumerate())) return Failed("Reenumerate", hr);
+    PrintDone("reenumerate subsystem");
+    return kOk;
+}
+
+int Shell::CmdRefresh(const std::vector<std::string>& args) {
+    if (!args.empty()) return Usage("refresh takes no arguments");
+    CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(provider_, IID_IVdsHwProvider);
+    if (!hw) return Failed("QueryInterface(IVdsHwProvider)", E_NOINTERFACE);
+    HRESULT hr = hw->Refresh();
+    if (FAILED(hr)) return Failed("Refresh", hr);
+    PrintDone("refresh");
+    return kOk;
+}
+
+int Shell::CmdCache(const std::vector<std::string>& args, bool flush) {
+    Object o;
+    int rc = Resolve(args, {Kind::Controller}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsController> c = As<IVdsController>(o.unk, IID_IVdsController);
+    if (!c) return Failed("QueryInterface(IVdsController)", E_NOINTERFACE);
+    HRESULT hr = flush ? c->FlushCache() : c->InvalidateCache();
+    if (FAILED(hr)) return Failed(flush ? "FlushCache" : "InvalidateCache", hr);
+    PrintDone(flush ? "flushcache" : "invalidatecache");
+    return kOk;
+}
+
+int Shell::CmdMaintenance(const std::vector<std::string>& args) {
+    if (args.empty()) return Usage("usage: maintenance beep|blink|stop|pulse COUNT [TARGET]");
+    const std::string& op = args[0];
+    size_t fixed = 1;
+    long count = 0;
+    if (op == "pulse") {
+        if (args.size() < 2 || !ParseNumber(args[1], 1, 0xFFFFFFFFL, &count))
+            return Usage("maintenance pulse needs a COUNT of at least 1");
+        fixed = 2;
+    } else if (op != "beep" && op != "blink" && op != "stop") {
+        return Usage("unknown maintenance operation \"" + op + "\" (beep, blink, stop, pulse)");
+    }
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + long(fixed), args.end()), {Kind::Drive, Kind::Controller}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsMaintenance> m = As<IVdsMaintenance>(o.unk, IID_IVdsMaintenance);
+    if (!m) return Failed("QueryInterface(IVdsMaintenance)", E_NOINTERFACE);
+    HRESULT hr;
+    const char* call;
+    if (op == "beep") {
+        call = "StartMaintenance(BeepAlarm)";
+        hr = m->StartMaintenance(BeepAlarm);
+    } else if (op == "blink") {
+        call = "StartMaintenance(BlinkLight)";
+        hr = m->StartMaintenance(BlinkLight);
+    } else if (op == "stop") {
+        call = "StopMaintenance(BlinkLight)";
+        hr = m->StopMaintenance(BlinkLight);
+    } else {
+        call = "PulseMaintenance(BlinkLight)";
+        hr = m->PulseMaintenance(BlinkLight, static_cast<ULONG>(count));
+    }
+    if (FAILED(hr)) return Failed(call, hr);
+    PrintDone("maintenance " + op);
+    return kOk;
+}
+
+int Shell::CmdFlag(const std::vector<std::string>& args, bool set) {
+    const char* usage = set ? "usage: setflag drive hotspare [TARGET]" : "usage: clearflag drive hotspare [TARGET]";
+    if (args.size() < 2 || args[0] != "drive" || args[1] != "hotspare") return Usage(usage);
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 2, args.end()), {Kind::Drive}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsDrive> d = As<IVdsDrive>(o.unk, IID_IVdsDrive);
+    if (!d) return Failed("QueryInterface(IVdsDrive)", E_NOINTERFACE);
+    HRESULT hr = set ? d->SetFlags(VDS_DRF_HOTSPARE) : d->ClearFlags(VDS_DRF_HOTSPARE);
+    if (FAILED(hr)) return Failed(set ? "SetFlags(VDS_DRF_HOTSPARE)" : "ClearFlags(VDS_DRF_HOTSPARE)", hr);
+    PrintDone(set ? "setflag drive hotspare" : "clearflag drive hotspare");
+    return kOk;
+}
+
+int Shell::CmdExtents(const std::vector<std::string>& args) {
+    Object o;
+    int rc = Resolve(args, {Kind::Drive}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsDrive> d = As<IVdsDrive>(o.unk, IID_IVdsDrive);
+    if (!d) return Failed("QueryInterface(IVdsDrive)", E_NOINTERFACE);
+    VDS_DRIVE_EXTENT* ext = nullptr;
+    LONG n = 0;
+    HRESULT hr = d->QueryExtents(&ext, &n);
+    if (FAILED(hr)) return Failed("QueryExtents", hr);
+    json rows = json::array();
+    for (LONG i = 0; i < n && ext; ++i)
+        rows.push_back({{"id", GuidToString(ext[i].id)},
+                        {"LunId", GuidToString(ext[i].LunId)},
+                        {"ullSize", ext[i].ullSize},
+                        {"bUsed", ext[i].bUsed != 0}});
+    CoTaskMemFree(ext);
+    if (json_) {
+        out_ << rows.dump(2) << "\n";
+    } else {
+        out_ << "extents (" << rows.size() << ")\n";
+        for (const json& r : rows)
+            out_ << "  " << Gib(r["ullSize"].get<uint64_t>()) << "  " << (r["bUsed"].get<bool>() ? "used by LUN " : "free  ")
+                 << (r["bUsed"].get<bool>() ? r["LunId"].get<std::string>() : std::string()) << "\n";
+    }
+    return kOk;
+}
+
+int Shell::CmdGetDrive(const std::vector<std::string>& args) {
+    long bus, slot;
+    if (args.size() < 2 || !ParseNumber(args[0], -32768, 32767, &bus) || !ParseNumber(args[1], -32768, 32767, &slot))
+        return Usage("usage: getdrive BUS SLOT [TARGET] (numbers)");
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 2, args.end()), {Kind::Subsystem}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsSubSystem> s = As<IVdsSubSystem>(o.unk, IID_IVdsSubSystem);
+    if (!s) return Failed("QueryInterface(IVdsSubSystem)", E_NOINTERFACE);
+    IVdsDrive* drive = nullptr;
+    HRESULT hr = s->GetDrive(static_cast<SHORT>(bus), static_cast<SHORT>(slot), &drive);
+    if (FAILED(hr)) return Failed("GetDrive", hr);
+    Object d{Kind::Drive, {}, {}};
+    d.unk.Attach(drive);
+    json j;
+    if (FAILED(hr = Describe(d, &j))) return Failed("GetProperties2", hr);
+    PrintObject(j);
+    return kOk;
+}
+
+int Shell::CmdPortProps(const std::vector<std::string>& args) {
+    long port;
+    if (args.empty() || !ParseNumber(args[0], -32768, 32767, &port)) return Usage("usage: portprops N [TARGET]");
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 1, args.end()), {Kind::Controller}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsController> c = As<IVdsController>(o.unk, IID_IVdsController);
+    if (!c) return Failed("QueryInterface(IVdsController)", E_NOINTERFACE);
+    VDS_PORT_PROP p{};
+    HRESULT hr = c->GetPortProperties(static_cast<SHORT>(port), &p);
+    if (FAILED(hr)) return Failed("GetPortProperties", hr);
+    PrintObject(PortJson(p));
+    return kOk;
+}
+
+}  // namespace trovctl
