@@ -8,6 +8,8 @@
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
+#include "objects/lun.h"
+#include "objects/pool.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
 #include "proxy/kelvane.h"
@@ -410,13 +412,30 @@ HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject**
     return S_OK;
 }
 HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) { return E_NOTIMPL; }
-HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject**) { return E_NOTIMPL; }
+HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject** ppEnum) {
+    if (!PoolsEnabled()) return VDS_E_NOT_SUPPORTED;
+    CLockGuard lock("CProvider::QueryStoragePools", hNotificationMutex);
+    DebugTrace("CProvider::QueryStoragePools() %d pools\n", static_cast<int>(m_mapPools.size()));
+    if (allowQueryRefresh.load()) Refreshable();
+    if (!ppEnum) return E_POINTER;
+    HRESULT hr = QueryObjects(this, m_mapPools, ppEnum);
+    if (FAILED(hr)) return hr;
+    for (auto& [id, e] : m_mapPools)
+        if (auto* p = dynamic_cast<CPool*>(e.pObject))
+            DebugTrace("  Pool %S (%S) guid %s\n", p->Prop().pwszName, p->Prop().pwszDescription, LogGuid(id).c_str());
+    (*ppEnum)->Reset();
+    return S_OK;
+}
 HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) {
     return E_NOTIMPL;
 }
 HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) {
     return E_NOTIMPL;
 }
+
+namespace {
+constexpr uint32_t kEventVolumeDeleted = 108;
+}  // namespace
 
 VDS_OBJECT_ID CProvider::GetUID(VDS_OBJECT_TYPE type, const EventData& event) {
     ObjectMap objects;
@@ -432,8 +451,18 @@ VDS_OBJECT_ID CProvider::GetUID(VDS_OBJECT_TYPE type, const EventData& event) {
         } else if (type == VDS_OT_DRIVE) {
             auto* d = dynamic_cast<CDrive*>(e.pObject);
             if (d && std::memcmp(d->Serial(), event.driveSerial, 32) == 0) return id;
+        } else if (type == VDS_OT_LUN) {
+            auto* lun = dynamic_cast<CLun*>(e.pObject);
+            if (!lun || std::memcmp(lun->PartitionSerial(), event.partitionSerial, 32) != 0) continue;
+            if (event.eventCode == kEventVolumeDeleted) {
+                // The volume is gone on the array: the tree lets go of it now, not at the next refresh.
+                DebugTrace("CProvider::GetUID delete lun %s\n", LogGuid(id).c_str());
+                CLockGuard lock("CProvider::GetUID", hNotificationMutex);
+                if (CSubSystem* ss = lun->SubSystem()) ss->DeleteLun(id);
+                RemoveObject(id);
+            }
+            return id;
         }
-        // LUNs are found by their partition serial once volumes are part of the tree.
     }
     return VDS_OBJECT_ID{};
 }

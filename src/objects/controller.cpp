@@ -10,6 +10,9 @@
 #include "objects/controller_port.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
+#include "objects/iscsi.h"
+#include "objects/lun.h"
+#include "objects/pool.h"
 #include "objects/object_util.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
@@ -141,14 +144,17 @@ HRESULT CController::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CS
         DebugTrace("CController::Initialize() numArrays %d\n", static_cast<int>(cd.arrayCount()));
         for (uint32_t a = 0; a < cd.arrayCount(); ++a) {
             DebugTrace("CController::Initialize() numArrayPartitions %d\n", static_cast<int>(cd.partitionCountOf(a)));
-            // Volumes (LUNs and the partition-less container) and the vdisk's pool are made here.
+            AddVolumes(cd, a);
+            if (PoolsEnabled()) AddPool(cd.array(a));
         }
         DebugTrace("CController::Initialize() nPort %d\n", static_cast<int>(cd.portCount()));
         AddPorts(cd);
         DebugTrace("CController::Initialize() nTarget %d\n", 2);
-        // The iSCSI target, its portals and portal groups are made here.
+        AddTarget(cd, *unified);
         DebugTrace("CController::Initialize() nTargetPortal %d\n", static_cast<int>(cd.portCount()));
+        AddPortals(cd);
         DebugTrace("CController::Initialize() nTargetPortalGroup %d\n", static_cast<int>(cd.portCount()));
+        AddPortalGroups(cd);
     }
 
     provider->RememberObject(*id, ident, this, static_cast<IVdsController*>(this));
@@ -215,6 +221,115 @@ void CController::AddDrives(const ControllerData& cd) {
             if (!held) found->AddRef();  // the map's reference
         }
         found->Release();
+    }
+}
+
+namespace {
+// Enters an object in a map under its id; an id already there keeps its entry, and the new
+// reference goes back.
+template <class I>
+void Enter(ObjectMap& map, const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE kind, I* obj) {
+    if (!map.emplace(id, ObjectEntry{kind, obj}).second) obj->Release();
+}
+}  // namespace
+
+void CController::AddVolumes(const ControllerData& cd, uint32_t a) {
+    const ArrayData& array = cd.array(a);
+    CSubSystem* ss = m_pSubSystem;
+    uint32_t parts = cd.partitionCountOf(a);
+    for (uint32_t p = 0; p < parts; ++p) {
+        if (cd.controllerState != TROV_CTRL_STATE_NORMAL) break;
+        const PartitionData& part = cd.partition(a, p);
+        std::string name = FieldText(part.name, sizeof part.name);
+        if (name.empty()) {
+            std::string arrayName = FieldText(array.name, sizeof array.name);
+            DebugTrace("CController::Initialize() skipping volume with empty name (array %d (%s) partition %d)\n",
+                       static_cast<int>(a), arrayName.c_str(), static_cast<int>(p));
+            continue;
+        }
+        if (part.partitionType != TROV_PART_STANDARD && part.partitionType != TROV_PART_MASTER_VOLUME &&
+            part.partitionType != TROV_PART_SNAPSHOT) {
+            DebugTrace("CController::Initialize() ignoring partition type %d name \"%s\"\n", part.partitionType,
+                       name.c_str());
+            continue;
+        }
+        DebugTrace("CController::Initialize() adding partition type %d name \"%s\"\n", part.partitionType,
+                   name.c_str());
+        VDS_OBJECT_ID id{};
+        CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, &part));
+        if (!lun) continue;
+        static_cast<IVdsLun*>(lun)->AddRef();
+        lun->Initialize(&id, m_pProvider, ss, this, &array, &part);
+        Enter(ss->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+    }
+    if (parts == 0 && cd.controllerState == TROV_CTRL_STATE_NORMAL) {
+        std::string arrayName = FieldText(array.name, sizeof array.name);
+        DebugTrace("CController::Initialize() adding partition-less container \"%s\"\n", arrayName.c_str());
+        VDS_OBJECT_ID id{};
+        CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, nullptr));
+        if (!lun) return;
+        static_cast<IVdsLun*>(lun)->AddRef();
+        lun->Initialize(&id, m_pProvider, ss, this, &array, nullptr);
+        Enter(ss->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+    }
+}
+
+void CController::AddPool(const ArrayData& array) {
+    VDS_OBJECT_ID id{};
+    CComObject<CPool>* pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::VdiskKey(array, m_pSubSystem->m_SysName));
+    if (!pool) return;
+    static_cast<IVdsStoragePool*>(pool)->AddRef();
+    pool->Initialize(&id, m_pProvider, m_pSubSystem, &array, DriveClassOf(array.driveType));
+    Enter(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
+}
+
+void CController::AddTarget(const ControllerData& cd, const UnifiedControllerData& unified) {
+    CSubSystem* ss = m_pSubSystem;
+    bool ulp = ss->b_SupportULP != 0;
+    std::u16string name = CIscsiTarget::TargetName(unified, cd.controller.controllerId, ulp);
+    VDS_OBJECT_ID id{};
+    CComObject<CIscsiTarget>* target = nullptr;
+    if (isRefreshing.load()) {
+        target = MakeTreeObject<CIscsiTarget>(m_pProvider, &id, name);
+    } else if (ulp) {
+        // One target serves both controllers: the second controller finds the first one's.
+        VDS_OBJECT_ID found{};
+        if (m_pProvider->Registry().FindIdentity(VDS_OT_TARGET, name, &found)) return;
+        CoCreateGuid(&id);
+        CComObject<CIscsiTarget>::CreateInstance(&target);
+    } else {
+        CoCreateGuid(&id);
+        CComObject<CIscsiTarget>::CreateInstance(&target);
+    }
+    if (!target) return;
+    static_cast<IVdsIscsiTarget*>(target)->AddRef();
+    target->Initialize(&id, m_pProvider, ss, this, &cd);
+    Enter(ss->m_targets, id, VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(target));
+}
+
+void CController::AddPortals(const ControllerData& cd) {
+    for (uint32_t i = 0; i < cd.portCount(); ++i) {
+        if (!cd.port(i).isIscsi()) continue;
+        VDS_OBJECT_ID id{};
+        CComObject<CIscsiPortal>* portal = MakeTreeObject<CIscsiPortal>(m_pProvider, &id, CIscsiPortal::KeyText(cd.port(i)));
+        if (!portal) continue;
+        static_cast<IVdsIscsiPortal*>(portal)->AddRef();
+        portal->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
+        Enter(m_pSubSystem->m_portals, id, VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(portal));
+    }
+}
+
+void CController::AddPortalGroups(const ControllerData& cd) {
+    for (uint32_t i = 0; i < cd.portCount(); ++i) {
+        if (!cd.port(i).isIscsi()) continue;
+        VDS_OBJECT_ID id{};
+        uint16_t tag = CIscsiPortal::TagFor(cd.controller.controllerId, i);
+        CComObject<CIscsiPortalGroup>* group =
+            MakeTreeObject<CIscsiPortalGroup>(m_pProvider, &id, CIscsiPortalGroup::KeyText(tag));
+        if (!group) continue;
+        static_cast<IVdsIscsiPortalGroup*>(group)->AddRef();
+        group->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
+        Enter(m_pSubSystem->m_portalGroups, id, VDS_OT_PORTAL_GROUP, static_cast<IVdsIscsiPortalGroup*>(group));
     }
 }
 

@@ -74,6 +74,12 @@ private:
     HRESULT CacheCommand(const char* method, bool flush);
     void AddDrives(const ControllerData& cd);
     void AddPorts(const ControllerData& cd);
+    // The LUNs of array `a` (or its dummy volume), its pool, the target, portals and groups.
+    void AddVolumes(const ControllerData& cd, uint32_t a);
+    void AddPool(const ArrayData& array);
+    void AddTarget(const ControllerData& cd, const UnifiedControllerData& unified);
+    void AddPortals(const ControllerData& cd);
+    void AddPortalGroups(const ControllerData& cd);
 
     CProvider* m_pProvider = nullptr;     // counted
     CSubSystem* m_pSubSystem = nullptr;   // counted

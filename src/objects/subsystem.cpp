@@ -9,6 +9,7 @@
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
+#include "objects/pool.h"
 #include "objects/object_util.h"
 #include "platform/wstr.h"
 #include "proxy/kelvane.h"
@@ -95,7 +96,7 @@ HRESULT CSubSystem::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, con
     m_identString.clear();
 
     FillCtrlDriveLunList(entry);
-    // Primordial pools per drive class (win7 hosts, pools not switched off) are made here.
+    if (PoolsEnabled()) AddPrimordialPools();
 
     WStrNCpy(m_prop.pwszFriendlyName, 257, m_SysName.c_str());
     WStrNCpy(m_prop.pwszIdentification, 257, m_identString.c_str());
@@ -124,6 +125,24 @@ HRESULT CSubSystem::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, con
                               : "OOP!!! CSubSystem::Initialize() Controller B Last Event failed! \n");
     }
     return S_OK;
+}
+
+void CSubSystem::AddPrimordialPools() {
+    bool present[8] = {};
+    for (auto& [id, e] : m_drives)
+        if (auto* d = dynamic_cast<CDrive*>(e.pObject)) present[DriveClassOf(d->DriveType())] = true;
+    // SATA, SAS, SSD in this order; never one for FC or an unknown class.
+    for (uint8_t cls : {kClassSata, kClassSas, kClassSsd}) {
+        if (!present[cls]) continue;
+        VDS_OBJECT_ID id{};
+        CComObject<CPool>* pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::PrimordialKey(cls, m_SysName));
+        if (!pool) continue;
+        static_cast<IVdsStoragePool*>(pool)->AddRef();
+        pool->Initialize(&id, m_pProvider, this, nullptr, cls);
+        if (!m_pProvider->PoolMap().emplace(id, ObjectEntry{VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool)})
+                 .second)
+            static_cast<IVdsStoragePool*>(pool)->Release();
+    }
 }
 
 HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
@@ -295,6 +314,9 @@ HRESULT CSubSystem::Reenumerate() {
     ReleaseMap(m_controllers);
     ReleaseMap(m_drives);
     ReleaseMap(m_luns);
+    ReleaseMap(m_targets);
+    ReleaseMap(m_portals);
+    ReleaseMap(m_portalGroups);
     HRESULT rc = FillCtrlDriveLunList(m_entry);
     isRefreshing = 0;
     return rc != 0 ? VDS_E_INTERNAL_ERROR : S_OK;
@@ -343,6 +365,17 @@ HRESULT CSubSystem::SetFriendlyName(LPWSTR pwszFriendlyName) {
     if (cut) return S_OK;
     WStrNCpy(m_prop.pwszFriendlyName, 257, name.c_str());
     m_SysName = name;
+    return S_OK;
+}
+
+HRESULT CSubSystem::DeleteLun(const VDS_OBJECT_ID& id) {
+    DebugTrace("CSubSystem::DeleteLun()\n");
+    auto it = m_luns.find(id);
+    if (it != m_luns.end()) {
+        IUnknown* lun = it->second.pObject;
+        m_luns.erase(it);
+        if (lun) lun->Release();
+    }
     return S_OK;
 }
 

@@ -71,6 +71,8 @@ public:
     HRESULT Initialize(const VDS_OBJECT_ID* id, CProvider* provider, const SubsystemEntry& entry);
     void Dispose();
     void TearDown() override { Dispose(); }
+    // Takes a LUN out of the LUN map (its reference goes with the entry).
+    HRESULT DeleteLun(const VDS_OBJECT_ID& id);
 
     // "Sub " + UniqueSN + " " + UniqueSN: the key of the identity map.
     static std::u16string KeyText(const SubsystemEntry& entry);
@@ -103,6 +105,8 @@ public:
 
 private:
     HRESULT EnumerateMap(const ObjectMap& map, IEnumVdsObject** ppEnum);
+    // One primordial pool per drive class present (SATA, SAS, SSD).
+    void AddPrimordialPools();
 
     CProvider* m_pProvider = nullptr;  // counted
     VDS_SUB_SYSTEM_PROP m_prop{};

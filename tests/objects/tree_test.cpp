@@ -395,8 +395,28 @@ TEST(Drive, ExtentsOfFreeAndMemberDrives) {
     ProviderEnv env;
     ASSERT_EQ(env.Load(), S_OK);
     auto ss = env.SubSystems().at(0);
-    for (const char* serial : {"3SJ01205K", "3SJ01201K"}) {
-        auto d = DriveBySerial(ss, serial);
+    std::map<GUID, std::string, GuidLess> lunNames;
+    for (auto& lun : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return ss->QueryLuns(e); }, IID_IVdsLun)) {
+        VDS_LUN_PROP lp{};
+        ASSERT_EQ(lun->GetProperties(&lp), S_OK);
+        lunNames[lp.id] = PropName(lp.pwszFriendlyName);
+        CoTaskMemFree(lp.pwszIdentification);
+        CoTaskMemFree(lp.pwszUnmaskingList);
+    }
+    constexpr uint64_t GiB = 1ull << 30;
+    struct Case {
+        const char* serial;
+        std::map<std::string, uint64_t> shares;  // LUN name -> its share on the drive
+    } cases[] = {
+        {"3SJ01205K", {}},  // free: the whole drive, unused
+        // A member of the four-drive RAID5: a third of each LUN, then what is left.
+        {"3SJ01201K", {{"db01", 200 * GiB / 3}, {"logs01", 50 * GiB / 3}, {"scratch01", 20 * GiB / 3}}},
+        // A member of the two-drive RAID1: the share formula gives RAID1 s / n, as for a stripe.
+        {"9WM03301Z", {{"archive01", 500 * GiB / 2}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.serial);
+        auto d = DriveBySerial(ss, c.serial);
         VDS_DRIVE_PROP p{};
         d->GetProperties(&p);
         CoTaskMemFree(p.pwszFriendlyName);
@@ -404,11 +424,19 @@ TEST(Drive, ExtentsOfFreeAndMemberDrives) {
         VDS_DRIVE_EXTENT* ext = nullptr;
         LONG n = 0;
         ASSERT_EQ(d->QueryExtents(&ext, &n), S_OK);
-        ASSERT_EQ(n, 1) << serial;  // no volumes in the tree yet: the whole drive unused
-        EXPECT_EQ(ext[0].id, p.id);
-        EXPECT_EQ(ext[0].LunId, GUID{});
-        EXPECT_EQ(ext[0].ullSize, p.ullSize);
-        EXPECT_FALSE(ext[0].bUsed);
+        ASSERT_EQ(n, static_cast<LONG>(c.shares.size() + 1));
+        uint64_t used = 0;
+        for (LONG i = 0; i + 1 < n; ++i) {
+            EXPECT_EQ(ext[i].id, p.id);
+            EXPECT_TRUE(ext[i].bUsed);
+            ASSERT_TRUE(lunNames.count(ext[i].LunId)) << "an extent of an unknown LUN";
+            EXPECT_EQ(ext[i].ullSize, c.shares.at(lunNames[ext[i].LunId]));
+            used += ext[i].ullSize;
+        }
+        EXPECT_EQ(ext[n - 1].id, p.id);
+        EXPECT_EQ(ext[n - 1].LunId, GUID{});
+        EXPECT_EQ(ext[n - 1].ullSize, p.ullSize - used);
+        EXPECT_FALSE(ext[n - 1].bUsed);
         CoTaskMemFree(ext);
         EXPECT_EQ(d->QueryExtents(nullptr, &n), E_POINTER);
     }
