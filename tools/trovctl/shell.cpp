@@ -433,6 +433,9 @@ int Shell::Resolve(const std::vector<std::string>& target, const std::vector<Kin
             IUnknown* unk = nullptr;
             last = priv->GetObject(id, ObjectType(k), &unk);
             if (SUCCEEDED(last) && unk) {
+                // GetObject hands out one reference more than its caller is to release: the
+                // host gives that one back at once, or the object would outlive the provider.
+                unk->Release();
                 out->kind = k;
                 out->id = id;
                 out->unk.Release();
