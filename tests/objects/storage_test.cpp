@@ -4,7 +4,10 @@
 // port without link and one target shared by both controllers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <functional>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -441,6 +444,471 @@ TEST(LunMapping, GeneratedNamesSkipTheArraysNames) {
     gone.controllerA = 0x7777;
     EXPECT_STREQ(NewName(gone, false, 0), "VDS_LNU_ERROR");
     ResetNewNamesForTest();
+}
+
+// --- pools ---------------------------------------------------------------------------------------
+
+struct PoolInfo {
+    VDS_STORAGE_POOL_PROP p{};
+    VDS_POOL_ATTRIBUTES a{};
+    std::string name, description, usage;
+    CComPtr<IVdsStoragePool> pool;
+};
+
+std::vector<PoolInfo> Pools(ProviderEnv& env, HRESULT* hr = nullptr) {
+    std::vector<PoolInfo> out;
+    auto* sp = env.Query<IVdsHwProviderStoragePools>(IID_IVdsHwProviderStoragePools);
+    for (auto& pool : CollectFrom<IVdsStoragePool>(
+             [&](IEnumVdsObject** e) { return sp->QueryStoragePools(0, 0, nullptr, e); }, IID_IVdsStoragePool, hr)) {
+        PoolInfo i;
+        EXPECT_EQ(pool->GetProperties(&i.p), S_OK);
+        EXPECT_EQ(pool->GetAttributes(&i.a), S_OK);
+        i.name = Take(i.p.pwszName);
+        i.description = Take(i.p.pwszDescription);
+        i.usage = Take(i.a.pwszIntendedUsage);
+        i.pool = pool;
+        out.push_back(i);
+    }
+    sp->Release();
+    return out;
+}
+
+TEST(Pool, PrimordialPoolsByClassThenOneConcretePoolPerVdisk) {
+    ProviderEnv env;
+    ASSERT_EQ(env.Load(), S_OK);
+    auto pools = Pools(env);
+    ASSERT_EQ(pools.size(), 4u);
+    // Primordial pools first, in no settled order among themselves; then the vdisks' pools in
+    // the array's order.
+    if (pools[0].name == "SAS Primordial Pool") std::swap(pools[0], pools[1]);
+    std::vector<std::string> names;
+    for (auto& p : pools) names.push_back(p.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"SATA Primordial Pool", "SAS Primordial Pool", "Vdisk VD-SAS-R5",
+                                               "Vdisk VD-SATA-R1"}));
+    auto drives = env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].drives; });
+    auto ss = env.SubSystems().at(0);
+    std::map<std::string, VDS_DRIVE_PROP> byName;
+    uint64_t sasTotal = 0, sasFree = 0;
+    for (auto& d : CollectFrom<IVdsDrive>([&](IEnumVdsObject** e) { return ss->QueryDrives(e); }, IID_IVdsDrive)) {
+        VDS_DRIVE_PROP dp{};
+        d->GetProperties(&dp);
+        std::string ident = Take(dp.pwszIdentification);
+        CoTaskMemFree(dp.pwszFriendlyName);
+        if (ident.rfind("3SJ", 0) == 0) {
+            sasTotal += dp.ullSize;
+            // Free, no spare, healthy: slots 4 to 6 (7 is the global spare).
+            if (dp.ulFlags == 0 && (dp.sSlotNumber >= 4 && dp.sSlotNumber <= 6)) sasFree += dp.ullSize;
+        }
+    }
+    const PoolInfo& sas = pools[1];
+    EXPECT_EQ(sas.description, "SAS Drives (demo-array)");
+    EXPECT_EQ(sas.p.type, VDS_SPT_PRIMORDIAL);
+    EXPECT_EQ(sas.p.status, VDS_SPS_ONLINE);
+    EXPECT_EQ(sas.p.health, VDS_H_HEALTHY);
+    EXPECT_EQ(sas.p.ullTotalManagedSpace, sasTotal);
+    EXPECT_EQ(sas.p.ullTotalConsumedSpace, sasTotal);
+    EXPECT_EQ(sas.p.ullRemainingFreeSpace, sasFree);
+    EXPECT_EQ(sas.a.ullAttributeMask, 0x1Au);
+    EXPECT_EQ(sas.a.busType, VDSBusTypeSas);
+    EXPECT_EQ(sas.usage, "SAS storage");
+
+    const PoolInfo& r5 = pools[2];
+    auto vd = env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].vdisks[0]; });
+    EXPECT_EQ(r5.description, "Vdisk Pool VD-SAS-R5 (demo-array)");
+    EXPECT_EQ(r5.p.type, VDS_SPT_CONCRETE);
+    EXPECT_EQ(r5.p.ullTotalManagedSpace, vd.capacity * 512);
+    EXPECT_EQ(r5.p.ullTotalConsumedSpace, 0u);
+    EXPECT_EQ(r5.p.ullRemainingFreeSpace, (vd.capacity - (270ull * GiB / 512)) * 512);
+    EXPECT_EQ(r5.a.ullAttributeMask, 0x781Fu);
+    EXPECT_EQ(r5.a.raidType, VDS_RT_RAID5);
+    EXPECT_EQ(r5.a.busType, VDSBusTypeSas);
+    EXPECT_TRUE(r5.a.bNoSinglePointOfFailure);
+    EXPECT_EQ(r5.a.ulStripeSize, 64u);  // KiB, as the array gives it
+    EXPECT_EQ(r5.a.ulStripeSizeMax, 0x100000u);
+    EXPECT_EQ(r5.a.ulStripeSizeMin, 0x4000u);
+    EXPECT_EQ(r5.a.ulDefaultStripeSize, 0x10000u);
+    EXPECT_EQ(r5.usage, "VD-SAS-R5");
+    EXPECT_EQ(pools[3].a.raidType, VDS_RT_RAID1);
+    EXPECT_EQ(pools[3].a.busType, VDSBusTypeSata);
+
+    // Drive extents: a concrete pool's members, all in use; the SAS pool's eight drives, three free.
+    VDS_STORAGE_POOL_DRIVE_EXTENT* ext = nullptr;
+    LONG n = 0;
+    ASSERT_EQ(r5.pool->QueryDriveExtents(&ext, &n), S_OK);
+    EXPECT_EQ(n, 4);
+    for (LONG i = 0; i < n; ++i) EXPECT_TRUE(ext[i].bUsed);
+    CoTaskMemFree(ext);
+    ASSERT_EQ(sas.pool->QueryDriveExtents(&ext, &n), S_OK);
+    EXPECT_EQ(n, 8);
+    int unused = 0;
+    for (LONG i = 0; i < n; ++i) unused += ext[i].bUsed ? 0 : 1;
+    EXPECT_EQ(unused, 3);
+    CoTaskMemFree(ext);
+    EXPECT_EQ(sas.pool->QueryDriveExtents(nullptr, &n), E_POINTER);
+
+    // LUNs: the vdisk's three; none for a primordial pool.
+    auto lunsOf = [](IVdsStoragePool* p) {
+        std::set<std::string> names;
+        for (auto& l : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return p->QueryAllocatedLuns(e); }, IID_IVdsLun)) {
+            VDS_LUN_PROP lp{};
+            l->GetProperties(&lp);
+            names.insert(Take(lp.pwszFriendlyName));
+            CoTaskMemFree(lp.pwszIdentification);
+            CoTaskMemFree(lp.pwszUnmaskingList);
+        }
+        return names;
+    };
+    EXPECT_EQ(lunsOf(r5.pool), (std::set<std::string>{"db01", "logs01", "scratch01"}));
+    EXPECT_TRUE(lunsOf(sas.pool).empty());
+    // Any pool's pools are the provider's.
+    auto all = CollectFrom<IVdsStoragePool>([&](IEnumVdsObject** e) { return sas.pool->QueryAllocatedStoragePools(e); },
+                                            IID_IVdsStoragePool);
+    std::set<IVdsStoragePool*> mine, theirs;
+    for (auto& p : all) theirs.insert(p.get());
+    for (auto& p : pools) mine.insert(p.pool.get());
+    EXPECT_EQ(theirs, mine);
+    IVdsProvider* prov = nullptr;
+    ASSERT_EQ(r5.pool->GetProvider(&prov), S_OK);
+    EXPECT_EQ(prov, env.provider);
+    prov->Release();
+    EXPECT_EQ(r5.pool->GetProvider(nullptr), E_POINTER);
+}
+
+TEST(Pool, IdsSurviveARefreshAndARenamedVdiskGetsANewPool) {
+    ProviderEnv env;
+    ASSERT_EQ(env.Load(), S_OK);
+    auto before = Pools(env);
+    auto* hw = env.Query<IVdsHwProvider>(IID_IVdsHwProvider);
+    ASSERT_EQ(hw->Refresh(), S_OK);
+    auto after = Pools(env);
+    auto idsByName = [](const std::vector<PoolInfo>& v) {
+        std::map<std::string, GUID> m;
+        for (auto& p : v) m[p.name] = p.p.id;
+        return m;
+    };
+    EXPECT_EQ(idsByName(after), idsByName(before));
+    env.sim->WithModel([](trovsim::Model& m) {
+        m.subsystems()[0].vdisks[1].name = "VD-ARCHIVE";
+        m.Touch(m.subsystems()[0]);
+    });
+    ASSERT_EQ(hw->Refresh(), S_OK);
+    hw->Release();
+    auto renamed = idsByName(Pools(env));
+    auto old = idsByName(before);
+    ASSERT_EQ(renamed.size(), old.size());
+    ASSERT_TRUE(renamed.count("Vdisk VD-ARCHIVE"));
+    EXPECT_NE(renamed["Vdisk VD-ARCHIVE"], old["Vdisk VD-SATA-R1"]);
+    EXPECT_EQ(renamed["Vdisk VD-SAS-R5"], old["Vdisk VD-SAS-R5"]);
+    EXPECT_EQ(renamed["SAS Primordial Pool"], old["SAS Primordial Pool"]);
+}
+
+TEST(Pool, SwitchedOffByOptionsBit18) {
+    ProviderEnv env;
+    env.tp.settings().SetDword(TROV_PARAMETERS_KEY, "Options", 0x40000);
+    ASSERT_EQ(env.Load(), S_OK);
+    HRESULT hr = S_OK;
+    EXPECT_TRUE(Pools(env, &hr).empty());
+    EXPECT_EQ(hr, VDS_E_NOT_SUPPORTED);
+}
+
+TEST(Pool, SsdDrivesGiveAnSsdPoolNamedSas) {
+    ScenarioFile file(StorageScenario(false));
+    ProviderEnv env(file.path);
+    ASSERT_EQ(env.Load(), S_OK);
+    auto pools = Pools(env);
+    ASSERT_EQ(pools.size(), 7u);  // SAS, SSD and five vdisks
+    std::set<std::string> primordial{pools[0].name, pools[1].name};
+    EXPECT_EQ(primordial, (std::set<std::string>{"SAS Primordial Pool", "SSD Primordial Pool"}));
+    for (auto& p : pools)
+        if (p.name == "SSD Primordial Pool") {
+            EXPECT_EQ(p.a.busType, VDSBusTypeSas);  // a primordial SSD pool says SAS
+        } else if (p.name == "Vdisk VD-DEGRADED") {
+            EXPECT_EQ(p.p.health, VDS_H_DEGRADED);
+        } else if (p.name == "Vdisk VD-REBUILD") {
+            EXPECT_EQ(p.p.health, VDS_H_REBUILDING);
+        } else if (p.name == "Vdisk VD-GROWING") {
+            EXPECT_FALSE(p.a.bNoSinglePointOfFailure);  // RAID0
+        }
+}
+
+TEST(PoolMapping, StateClassesBusesAndRaidTypes) {
+    struct State {
+        uint8_t health, utility, raid;
+        VDS_STORAGE_POOL_STATUS status;
+        VDS_HEALTH poolHealth;
+    } states[] = {
+        {0, 0, 5, VDS_SPS_ONLINE, VDS_H_HEALTHY},     {2, 0, 6, VDS_SPS_ONLINE, VDS_H_HEALTHY},
+        {2, 0, 5, VDS_SPS_ONLINE, VDS_H_DEGRADED},    {1, 0, 5, VDS_SPS_ONLINE, VDS_H_DEGRADED},
+        {1, 3, 5, VDS_SPS_ONLINE, VDS_H_REBUILDING},  {2, 4, 5, VDS_SPS_ONLINE, VDS_H_REBUILDING},
+        {1, 5, 5, VDS_SPS_ONLINE, VDS_H_REBUILDING},  {3, 0, 5, VDS_SPS_OFFLINE, VDS_H_FAILED},
+        {6, 0, 5, VDS_SPS_OFFLINE, VDS_H_FAILED},     {7, 0, 5, VDS_SPS_OFFLINE, VDS_H_UNKNOWN},
+        {8, 0, 5, VDS_SPS_UNKNOWN, VDS_H_UNKNOWN},
+    };
+    for (const State& c : states) {
+        VDS_STORAGE_POOL_STATUS st;
+        VDS_HEALTH h;
+        VdiskPoolState(c.health, c.utility, c.raid, &st, &h);
+        EXPECT_EQ(st, c.status) << int(c.health) << "/" << int(c.utility) << "/" << int(c.raid);
+        EXPECT_EQ(h, c.poolHealth) << int(c.health) << "/" << int(c.utility) << "/" << int(c.raid);
+    }
+    struct Class {
+        uint8_t raw, cls;
+        const char* label;
+        VDS_STORAGE_BUS_TYPE primordial, concrete;
+    } classes[] = {
+        {2, 2, "FC", VDSBusTypeFibre, VDSBusTypeFibre},  {3, 3, "SATA", VDSBusTypeSata, VDSBusTypeSata},
+        {5, 3, "SATA", VDSBusTypeSata, VDSBusTypeSata},  {4, 4, "SAS", VDSBusTypeSas, VDSBusTypeSas},
+        {6, 4, "SAS", VDSBusTypeSas, VDSBusTypeSas},     {7, 7, "SSD", VDSBusTypeSas, VDSBusTypeSata},
+        {9, 7, "SSD", VDSBusTypeSas, VDSBusTypeSata},    {8, 7, "SSD", VDSBusTypeSas, VDSBusTypeSas},
+        {10, 7, "SSD", VDSBusTypeSas, VDSBusTypeSas},    {1, 0, "Unknown", VDSBusTypeUnknown, VDSBusTypeUnknown},
+    };
+    for (const Class& c : classes) {
+        EXPECT_EQ(DriveClassOf(c.raw), c.cls) << int(c.raw);
+        EXPECT_STREQ(DriveClassLabel(c.cls), c.label) << int(c.raw);
+        EXPECT_EQ(PrimordialBusType(c.cls), c.primordial) << int(c.raw);
+        EXPECT_EQ(ConcreteBusType(c.raw), c.concrete) << int(c.raw);
+    }
+    const VDS_RAID_TYPE raid[] = {VDS_RT_RAID0, VDS_RT_RAID1,  VDS_RT_RAID2,  VDS_RT_RAID3,  VDS_RT_RAID4, VDS_RT_RAID5,
+                                  VDS_RT_RAID0, VDS_RT_RAID30, VDS_RT_RAID50, VDS_RT_RAID51, VDS_RT_RAID10, VDS_RT_RAID6,
+                                  VDS_RT_UNKNOWN};
+    for (uint8_t level = 0; level <= 12; ++level) EXPECT_EQ(RaidTypeOf(level), raid[level]) << int(level);
+}
+
+// --- iSCSI ---------------------------------------------------------------------------------------
+
+struct Portal {
+    VDS_ISCSI_PORTAL_PROP p;
+    CComPtr<IVdsIscsiPortal> obj;
+};
+
+std::vector<Portal> Portals(IVdsSubSystem* ss) {
+    CComPtr<IVdsSubSystemIscsi> si;
+    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    std::vector<Portal> out;
+    for (auto& p : CollectFrom<IVdsIscsiPortal>([&](IEnumVdsObject** e) { return si->QueryPortals(e); },
+                                                IID_IVdsIscsiPortal)) {
+        Portal x{};
+        EXPECT_EQ(p->GetProperties(&x.p), S_OK);
+        x.obj = p;
+        out.push_back(x);
+    }
+    return out;
+}
+
+std::vector<CComPtr<IVdsIscsiTarget>> Targets(IVdsSubSystem* ss) {
+    CComPtr<IVdsSubSystemIscsi> si;
+    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    return CollectFrom<IVdsIscsiTarget>([&](IEnumVdsObject** e) { return si->QueryTargets(e); }, IID_IVdsIscsiTarget);
+}
+
+std::vector<USHORT> GroupTags(IVdsIscsiTarget* t) {
+    std::vector<USHORT> tags;
+    for (auto& g : CollectFrom<IVdsIscsiPortalGroup>([&](IEnumVdsObject** e) { return t->QueryPortalGroups(e); },
+                                                     IID_IVdsIscsiPortalGroup)) {
+        VDS_ISCSI_PORTALGROUP_PROP gp{};
+        EXPECT_EQ(g->GetProperties(&gp), S_OK);
+        tags.push_back(gp.tag);
+    }
+    std::sort(tags.begin(), tags.end());  // the group map's order is the ids'
+    return tags;
+}
+
+class Iscsi : public ::testing::Test {
+protected:
+    Iscsi() : env("demo", Options()) {}
+    trovsim::Options Options() {
+        trovsim::Options o;
+        o.logRequests = true;
+        o.logSink = [this](const std::string& line) {
+            std::lock_guard<std::mutex> g(mu);
+            log += line + "\n";
+        };
+        return o;
+    }
+    size_t Count(const std::string& what) {
+        std::lock_guard<std::mutex> g(mu);
+        size_t n = 0;
+        for (size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) ++n;
+        return n;
+    }
+    std::mutex mu;
+    std::string log;
+    ProviderEnv env;
+};
+
+TEST_F(Iscsi, TargetsPortalsAndGroupsOfTheDemoArray) {
+    ASSERT_EQ(env.Load(), S_OK);
+    auto ss = env.SubSystems().at(0);
+    auto targets = Targets(ss);
+    ASSERT_EQ(targets.size(), 2u);
+    std::vector<std::string> names;
+    for (auto& t : targets) {
+        VDS_ISCSI_TARGET_PROP tp{};
+        ASSERT_EQ(t->GetProperties(&tp), S_OK);
+        names.push_back(Take(tp.pwszIscsiName));
+        EXPECT_EQ(Take(tp.pwszFriendlyName), "demo-array");
+    }
+    // Controller A's first: one target per controller, ".a" and ".b".
+    EXPECT_EQ(names, (std::vector<std::string>{"iqn.1995-03.com.trov:01.array.00c0ff1a2b3c.a",
+                                               "iqn.1995-03.com.trov:01.array.00c0ff1a2b3c.b"}));
+    EXPECT_EQ(GroupTags(targets[0]), (std::vector<USHORT>{100, 101}));
+    EXPECT_EQ(GroupTags(targets[1]), (std::vector<USHORT>{0, 1}));
+
+    auto portals = Portals(ss);
+    ASSERT_EQ(portals.size(), 4u);
+    std::vector<std::string> texts;
+    for (auto& p : portals) {
+        texts.push_back(Narrow(p.p.address.wszTextAddress));
+        EXPECT_EQ(p.p.address.type, VDS_IPT_IPV4);
+        EXPECT_EQ(p.p.address.ulPort, 3260u);
+        EXPECT_EQ(p.p.status, VDS_IPS_ONLINE);
+        // The portal's one group carries its tag, and leads back to it.
+        auto groups = CollectFrom<IVdsIscsiPortalGroup>(
+            [&](IEnumVdsObject** e) { return p.obj->QueryAssociatedPortalGroups(e); }, IID_IVdsIscsiPortalGroup);
+        ASSERT_EQ(groups.size(), 1u);
+        auto back = CollectFrom<IVdsIscsiPortal>([&](IEnumVdsObject** e) { return groups[0]->QueryAssociatedPortals(e); },
+                                                 IID_IVdsIscsiPortal);
+        ASSERT_EQ(back.size(), 1u);
+        EXPECT_EQ(back[0].get(), p.obj.get());
+        // Controller A's ports (192.168.10.1x) lead to A's target, B's to B's.
+        IVdsIscsiTarget* t = nullptr;
+        ASSERT_EQ(groups[0]->GetTarget(&t), S_OK);
+        EXPECT_EQ(t, texts.back().rfind("192.168.10.1", 0) == 0 ? targets[0].get() : targets[1].get());
+        if (t) t->Release();
+        uint8_t octets[4];
+        std::memcpy(octets, &p.p.address.ipv4Address, 4);
+        EXPECT_EQ(texts.back(), std::to_string(octets[0]) + "." + std::to_string(octets[1]) + "." +
+                                    std::to_string(octets[2]) + "." + std::to_string(octets[3]));
+    }
+    // A's portals before B's.
+    std::sort(texts.begin(), texts.begin() + 2);
+    std::sort(texts.begin() + 2, texts.end());
+    EXPECT_EQ(texts, (std::vector<std::string>{"192.168.10.10", "192.168.10.11", "192.168.10.20", "192.168.10.21"}));
+
+    // Only LUNs some host may see are the target's.
+    auto luns = CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return targets[0]->QueryAssociatedLuns(e); }, IID_IVdsLun);
+    ASSERT_EQ(luns.size(), 1u);
+    VDS_LUN_PROP lp{};
+    luns[0]->GetProperties(&lp);
+    EXPECT_EQ(Take(lp.pwszFriendlyName), "db01");
+    CoTaskMemFree(lp.pwszIdentification);
+    CoTaskMemFree(lp.pwszUnmaskingList);
+    EXPECT_TRUE(CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return targets[1]->QueryAssociatedLuns(e); }, IID_IVdsLun)
+                    .empty());
+
+    // CreatePortalGroup makes nothing: it hands out the first group, each time the same.
+    IUnknown* got[2] = {};
+    for (auto*& g : got) {
+        IVdsAsync* async = nullptr;
+        ASSERT_EQ(targets[0]->CreatePortalGroup(&async), S_OK);
+        HRESULT result = E_FAIL;
+        VDS_ASYNC_OUTPUT out{};
+        ASSERT_EQ(async->Wait(&result, &out), S_OK);
+        EXPECT_EQ(out.type, VDS_ASYNCOUT_CREATEPORTALGROUP);
+        g = out.cpg.pPortalGroupUnk;
+        async->Release();
+    }
+    ASSERT_NE(got[0], nullptr);
+    EXPECT_EQ(got[0], got[1]);
+    for (auto* g : got) g->Release();
+
+    IVdsAsync* none = nullptr;
+    EXPECT_EQ(targets[0]->Delete(&none), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(portals[0].obj->SetStatus(VDS_IPS_OFFLINE), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(portals[0].obj->SetIpsecTunnelAddress(nullptr, nullptr), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(portals[0].obj->GetIpsecSecurity(nullptr, nullptr), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(portals[0].obj->SetIpsecSecurity(nullptr, 0, nullptr), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(targets[0]->GetProperties(nullptr), E_POINTER);
+}
+
+TEST_F(Iscsi, SecretsInTheirFourFormsAndTheKnownInitiators) {
+    ASSERT_EQ(env.Load(), S_OK);
+    auto t = Targets(env.SubSystems().at(0)).at(0);
+    uint8_t secret[] = "twelve-chars";
+    VDS_ISCSI_SHARED_SECRET s{secret, 12};
+    VDS_ISCSI_SHARED_SECRET zero{secret, 0};  // a size of 0 means no secret, whatever the pointer
+    std::u16string init = u"iqn.1991-05.com.microsoft:host01.demo.local";
+    LPWSTR name = const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(init.c_str()));
+    struct Case {
+        VDS_ISCSI_SHARED_SECRET* secret;
+        LPWSTR name;
+        const char* request;
+    } cases[] = {{nullptr, nullptr, "(116)"}, {&zero, nullptr, "(116)"}, {&s, nullptr, "(115)"},
+                 {nullptr, name, "(117)"},   {&s, name, "(117)"}};
+    for (const Case& c : cases) {
+        size_t before = Count(c.request);
+        EXPECT_EQ(t->SetSharedSecret(c.secret, c.name), S_OK) << c.request;
+        EXPECT_EQ(Count(c.request), before + 1) << c.request;
+    }
+    EXPECT_EQ(t->RememberInitiatorSharedSecret(nullptr, &s), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(t->RememberInitiatorSharedSecret(name, &s), S_OK);
+    EXPECT_EQ(Count("(118)"), 1u);
+
+    LPWSTR* list = nullptr;
+    LONG n = 0;
+    ASSERT_EQ(t->GetConnectedInitiators(&list, &n), S_OK);
+    ASSERT_EQ(n, 2);
+    EXPECT_EQ(Narrow(list[0]), "iqn.1991-05.com.microsoft:host01.demo.local");
+    EXPECT_EQ(Narrow(list[1]), "iqn.1991-05.com.microsoft:host02.demo.local");
+    for (LONG i = 0; i < n; ++i) CoTaskMemFree(list[i]);
+    CoTaskMemFree(list);
+
+    // The array refuses: every secret command's failure is the internal error.
+    env.sim->FailOpcode(115, 7);
+    EXPECT_EQ(t->SetSharedSecret(&s, nullptr), VDS_E_INTERNAL_ERROR);
+}
+
+TEST_F(Iscsi, RenamingTheTargetRenamesTheSubsystem) {
+    ASSERT_EQ(env.Load(), S_OK);
+    auto ss = env.SubSystems().at(0);
+    auto t = Targets(ss).at(1);
+    std::u16string name = u"renamed-array";
+    ASSERT_EQ(t->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str()))), S_OK);
+    EXPECT_EQ(env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].systemName; }), "renamed-array");
+    for (auto& other : Targets(ss)) {
+        VDS_ISCSI_TARGET_PROP tp{};
+        ASSERT_EQ(other->GetProperties(&tp), S_OK);
+        EXPECT_EQ(Take(tp.pwszFriendlyName), "renamed-array");
+        CoTaskMemFree(tp.pwszIscsiName);
+    }
+}
+
+TEST(IscsiShared, OneTargetForBothControllersAndThePortalsAddressForms) {
+    ScenarioFile file(StorageScenario(true));
+    ProviderEnv env(file.path);
+    ASSERT_EQ(env.Load(), S_OK);
+    auto ss = env.SubSystems().at(0);
+    auto targets = Targets(ss);
+    ASSERT_EQ(targets.size(), 1u);
+    VDS_ISCSI_TARGET_PROP tp{};
+    ASSERT_EQ(targets[0]->GetProperties(&tp), S_OK);
+    EXPECT_EQ(Take(tp.pwszIscsiName), "iqn.2026-11.com.trov:lab");
+    CoTaskMemFree(tp.pwszFriendlyName);
+    std::vector<USHORT> tags = GroupTags(targets[0]);
+    EXPECT_EQ(tags, (std::vector<USHORT>{0, 100, 101}));  // every group
+
+    auto portals = Portals(ss);
+    ASSERT_EQ(portals.size(), 3u);
+    std::map<std::string, VDS_ISCSI_PORTAL_PROP> byText;
+    for (auto& p : portals) byText[Narrow(p.p.address.wszTextAddress)] = p.p;
+    // IPv4 with port 0: the default; IPv6 with port 0 keeps it; no link: offline but listed.
+    const std::string v6 = "FE:80:00:00:00:00:00:00:02:02:B3:FF:FE:1E:83:29";
+    ASSERT_EQ(byText.count("10.1.1.10") + byText.count(v6) + byText.count("10.1.1.20"), 3u);
+    EXPECT_EQ(byText["10.1.1.10"].address.ulPort, 3260u);
+    EXPECT_EQ(byText["10.1.1.10"].status, VDS_IPS_ONLINE);
+    EXPECT_EQ(byText[v6].address.type, VDS_IPT_IPV6);
+    EXPECT_EQ(byText[v6].address.ulPort, 0u);
+    EXPECT_EQ(byText["10.1.1.20"].status, VDS_IPS_OFFLINE);
+    EXPECT_EQ(byText["10.1.1.20"].address.ulPort, 3261u);
+    for (auto& p : portals) {
+        auto groups = CollectFrom<IVdsIscsiPortalGroup>(
+            [&](IEnumVdsObject** e) { return p.obj->QueryAssociatedPortalGroups(e); }, IID_IVdsIscsiPortalGroup);
+        ASSERT_EQ(groups.size(), 1u);
+        IVdsIscsiTarget* t = nullptr;
+        ASSERT_EQ(groups[0]->GetTarget(&t), S_OK);
+        EXPECT_EQ(t, targets[0].get());
+        if (t) t->Release();
+    }
 }
 
 }  // namespace
