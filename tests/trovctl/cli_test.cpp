@@ -66,7 +66,7 @@ TEST(Trovctl, OverviewAndErrors) {
     ASSERT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("Controller A;IP=10.0.0.2"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("drives (12)"), std::string::npos) << r.out;
-    EXPECT_NE(Trovctl("list pools").status, 0);
+    EXPECT_NE(Trovctl("list widgets").status, 0);
     EXPECT_NE(Trovctl("frobnicate").status, 0);
     EXPECT_NE(Trovctl("--settings /nonexistent/settings.reg info").status, 0);
 }

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cstring>
 #include <memory>
+#include <set>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -158,7 +160,7 @@ TEST_P(BadLines, AreRefusedWithAClearMessageAndStatus) {
 INSTANTIATE_TEST_SUITE_P(
     Lines, BadLines,
     ::testing::Values(BadLine{"frobnicate", 2, "unknown command \"frobnicate\""},
-                      BadLine{"list pools", 2, "list what?"},
+                      BadLine{"list widgets", 2, "list what?"},
                       BadLine{"list", 2, "list what?"},
                       BadLine{"info now", 2, "info takes no arguments"},
                       BadLine{"select", 2, "select what?"},
@@ -186,11 +188,101 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"getdrive 0 99", 1, "GetDrive failed: VDS_E_OBJECT_NOT_FOUND"},
                       BadLine{"portprops", 2, "usage: portprops N"},
                       BadLine{"portprops 9 controller 0", 1, "GetPortProperties failed: E_INVALIDARG (0x80070057)"},
-                      BadLine{"name subsystem", 2, "usage: name subsystem NAME"},
-                      BadLine{"name controller x", 2, "usage: name subsystem NAME"},
+                      BadLine{"name subsystem", 2, "usage: name subsystem|lun NAME"},
+                      BadLine{"name controller x", 2, "usage: name subsystem|lun NAME"},
                       BadLine{"reenumerate everything", 2, "usage: reenumerate"},
                       BadLine{"refresh now", 2, "refresh takes no arguments"},
-                      BadLine{"detail \"drive 1", 2, "unterminated quote"}));
+                      BadLine{"detail \"drive 1", 2, "unterminated quote"},
+                      BadLine{"name lun", 2, "usage: name subsystem|lun NAME"},
+                      BadLine{"name lun x drive 1", 2, "takes a lun, not a drive"},
+                      BadLine{"name lun logs01 lun 0", 1, "SetFriendlyName failed: VDS_E_NAME_NOT_UNIQUE"},
+                      BadLine{"pool", 2, "usage: pool luns"},
+                      BadLine{"pool luns drive 1", 2, "takes a pool, not a drive"},
+                      BadLine{"target secret", 2, "usage: target secret"},
+                      BadLine{"target secret abc initiator", 2, "usage: target secret"},
+                      BadLine{"target secret abc", 2, "needs a target"},
+                      BadLine{"initiator secret iqn.x", 2, "usage: initiator secret"},
+                      BadLine{"initiators portal 0", 2, "takes a target, not a portal"},
+                      BadLine{"extents controller 0", 2, "takes a drive or lun or plex or pool, not a controller"}));
+
+TEST_F(LoadedShell, TheStorageAndIscsiKindsWithTheirPublishedFields) {
+    struct Case {
+        const char* kind;
+        size_t count;
+        std::vector<const char*> keys;
+    } cases[] = {
+        {"luns", 4, {"id", "ullSize", "pwszFriendlyName", "pwszIdentification", "pwszUnmaskingList", "ulFlags", "type",
+                     "status", "health", "TransitionState", "sRebuildPriority"}},
+        {"plexes", 5, {"id", "ullSize", "type", "status", "health", "TransitionState", "ulFlags", "ulStripeSize",
+                       "sRebuildPriority"}},
+        {"pools", 4, {"id", "status", "health", "type", "pwszName", "pwszDescription", "ullTotalConsumedSpace",
+                      "ullTotalManagedSpace", "ullRemainingFreeSpace", "ullAttributeMask", "raidType", "busType",
+                      "pwszIntendedUsage", "bSpinDown", "bIsThinProvisioned", "ullProvisionedSpace",
+                      "bNoSinglePointOfFailure", "ulStripeSize", "ulStripeSizeMax", "ulStripeSizeMin",
+                      "ulDefaultStripeSize"}},
+        {"targets", 2, {"id", "pwszIscsiName", "pwszFriendlyName", "bChapEnabled"}},
+        {"portals", 4, {"id", "address", "status"}},
+        {"portalgroups", 4, {"id", "tag"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.kind);
+        nlohmann::ordered_json rows = Json(std::string("list ") + c.kind);
+        ASSERT_EQ(rows.size(), c.count);
+        std::string one = c.kind == std::string("plexes") ? "plex" : std::string(c.kind).substr(0, strlen(c.kind) - 1);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            std::vector<std::string> keys;
+            for (auto it = rows[i].begin(); it != rows[i].end(); ++it) keys.push_back(it.key());
+            EXPECT_EQ(keys, std::vector<std::string>(c.keys.begin(), c.keys.end()));
+            EXPECT_TRUE(IsId(rows[i]["id"]));
+            // Every object is found again by its number and by its id.
+            EXPECT_EQ(Json("detail " + one + " " + std::to_string(i)), rows[i]);
+            EXPECT_EQ(Json("detail " + rows[i]["id"].get<std::string>()), rows[i]);
+        }
+    }
+    auto portal = Json("detail portal 0")["address"];
+    EXPECT_EQ(portal["type"], 1);
+    EXPECT_EQ(portal["ulPort"], 3260);
+    EXPECT_EQ(Json("list luns")[0]["pwszUnmaskingList"], "iqn.1991-05.com.microsoft:host01.demo.local");
+}
+
+TEST_F(LoadedShell, LunNamesExtentsPoolLunsAndTheTargetCommands) {
+    std::string db = Json("detail lun 0")["id"], logs = Json("detail lun 1")["id"];
+    Result r = Run("name lun \"an-overlong-volume-name\" " + logs);
+    ASSERT_EQ(r.rc, 0) << r.err;
+    EXPECT_EQ(r.out, "name lun (VDS_S_NAME_TRUNCATED (0x00042700)): done\n");
+    EXPECT_EQ(Json("detail " + logs)["pwszFriendlyName"], "an-overlong-volume-n");
+
+    // db01 on a four-drive RAID5: a third of it on each member.
+    auto ext = Json("extents " + db);
+    ASSERT_EQ(ext.size(), 4u);
+    for (auto& e : ext) {
+        EXPECT_EQ(e["LunId"], db);
+        EXPECT_EQ(e["ullSize"], (200ull << 30) / 3);
+    }
+    auto poolExt = Json("extents pool 2");
+    EXPECT_EQ(poolExt.size(), 4u);
+
+    auto poolLuns = Json("pool luns pool 2");
+    std::set<std::string> names;
+    for (auto& l : poolLuns) names.insert(l["pwszFriendlyName"]);
+    EXPECT_EQ(names, (std::set<std::string>{"db01", "an-overlong-volume-n", "scratch01"}));
+
+    EXPECT_EQ(Json("initiators target 0"), nlohmann::ordered_json::parse(
+                                              R"(["iqn.1991-05.com.microsoft:host01.demo.local",
+                                                  "iqn.1991-05.com.microsoft:host02.demo.local"])"));
+    for (const char* line : {"target secret twelve-chars target 0", "target secret - target 0",
+                             "target secret twelve-chars initiator iqn.x target 1", "target secret - initiator iqn.x target 1",
+                             "initiator secret iqn.x secret12 target 0", "initiator secret iqn.x - target 0"}) {
+        Result t = Run(line);
+        EXPECT_EQ(t.rc, 0) << line << ": " << t.err;
+    }
+    std::string log = SimLog();
+    for (const char* op : {"(115)", "(116)", "(117)", "(118)"}) EXPECT_NE(log.find(op), std::string::npos) << op;
+
+    auto group = Json("createportalgroup target 0");
+    EXPECT_TRUE(IsId(group["id"]));
+    EXPECT_EQ(Json("createportalgroup target 1"), group);  // the same first group each time
+}
 
 TEST_F(LoadedShell, ADriveBecomesASpareAndAnOrdinaryDriveAgain) {
     auto howUsed = [&] {

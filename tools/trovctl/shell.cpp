@@ -28,6 +28,12 @@ const char* KindName(Kind k) {
     case Kind::Controller: return "controller";
     case Kind::Port: return "port";
     case Kind::Drive: return "drive";
+    case Kind::Lun: return "lun";
+    case Kind::Plex: return "plex";
+    case Kind::Pool: return "pool";
+    case Kind::Target: return "target";
+    case Kind::Portal: return "portal";
+    case Kind::PortalGroup: return "portalgroup";
     }
     return "?";
 }
@@ -38,6 +44,12 @@ VDS_OBJECT_TYPE ObjectType(Kind k) {
     case Kind::Controller: return VDS_OT_CONTROLLER;
     case Kind::Port: return VDS_OT_PORT;
     case Kind::Drive: return VDS_OT_DRIVE;
+    case Kind::Lun: return VDS_OT_LUN;
+    case Kind::Plex: return VDS_OT_LUN_PLEX;
+    case Kind::Pool: return VDS_OT_STORAGE_POOL;
+    case Kind::Target: return VDS_OT_TARGET;
+    case Kind::Portal: return VDS_OT_PORTAL;
+    case Kind::PortalGroup: return VDS_OT_PORTAL_GROUP;
     }
     return VDS_OT_UNKNOWN;
 }
@@ -51,7 +63,13 @@ bool ParseKind(const std::string& w, Kind* k) {
     } names[] = {{"subsystem", "subsystems", Kind::Subsystem},
                  {"controller", "controllers", Kind::Controller},
                  {"port", "ports", Kind::Port},
-                 {"drive", "drives", Kind::Drive}};
+                 {"drive", "drives", Kind::Drive},
+                 {"lun", "luns", Kind::Lun},
+                 {"plex", "plexes", Kind::Plex},
+                 {"pool", "pools", Kind::Pool},
+                 {"target", "targets", Kind::Target},
+                 {"portal", "portals", Kind::Portal},
+                 {"portalgroup", "portalgroups", Kind::PortalGroup}};
     for (const auto& n : names)
         if (w == n.one || w == n.many) {
             *k = n.kind;
@@ -153,6 +171,84 @@ json DriveJson(VDS_DRIVE_PROP2& p) {
             {"ulSpindleSpeed", p.ulSpindleSpeed}};
 }
 
+json LunJson(VDS_LUN_PROP& p) {
+    return {{"id", GuidToString(p.id)},
+            {"ullSize", p.ullSize},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"pwszIdentification", Take(p.pwszIdentification)},
+            {"pwszUnmaskingList", Take(p.pwszUnmaskingList)},
+            {"ulFlags", p.ulFlags},
+            {"type", p.type},
+            {"status", p.status},
+            {"health", p.health},
+            {"TransitionState", p.TransitionState},
+            {"sRebuildPriority", p.sRebuildPriority}};
+}
+
+json PlexJson(const VDS_LUN_PLEX_PROP& p) {
+    return {{"id", GuidToString(p.id)},       {"ullSize", p.ullSize},
+            {"type", p.type},                 {"status", p.status},
+            {"health", p.health},             {"TransitionState", p.TransitionState},
+            {"ulFlags", p.ulFlags},           {"ulStripeSize", p.ulStripeSize},
+            {"sRebuildPriority", p.sRebuildPriority}};
+}
+
+json PoolJson(VDS_STORAGE_POOL_PROP& p, VDS_POOL_ATTRIBUTES* a) {
+    json j = {{"id", GuidToString(p.id)},
+              {"status", p.status},
+              {"health", p.health},
+              {"type", p.type},
+              {"pwszName", Take(p.pwszName)},
+              {"pwszDescription", Take(p.pwszDescription)},
+              {"ullTotalConsumedSpace", p.ullTotalConsumedSpace},
+              {"ullTotalManagedSpace", p.ullTotalManagedSpace},
+              {"ullRemainingFreeSpace", p.ullRemainingFreeSpace}};
+    if (a) {
+        j["ullAttributeMask"] = a->ullAttributeMask;
+        j["raidType"] = a->raidType;
+        j["busType"] = a->busType;
+        j["pwszIntendedUsage"] = Take(a->pwszIntendedUsage);
+        j["bSpinDown"] = a->bSpinDown != 0;
+        j["bIsThinProvisioned"] = a->bIsThinProvisioned != 0;
+        j["ullProvisionedSpace"] = a->ullProvisionedSpace;
+        j["bNoSinglePointOfFailure"] = a->bNoSinglePointOfFailure != 0;
+        j["ulStripeSize"] = a->ulStripeSize;
+        j["ulStripeSizeMax"] = a->ulStripeSizeMax;
+        j["ulStripeSizeMin"] = a->ulStripeSizeMin;
+        j["ulDefaultStripeSize"] = a->ulDefaultStripeSize;
+    }
+    return j;
+}
+
+json TargetJson(VDS_ISCSI_TARGET_PROP& p) {
+    return {{"id", GuidToString(p.id)},
+            {"pwszIscsiName", Take(p.pwszIscsiName)},
+            {"pwszFriendlyName", Take(p.pwszFriendlyName)},
+            {"bChapEnabled", p.bChapEnabled != 0}};
+}
+
+json PortalJson(const VDS_ISCSI_PORTAL_PROP& p) {
+    const VDS_IPADDRESS& a = p.address;
+    json addr = {{"type", a.type}, {"wszTextAddress", WideToUtf8(a.wszTextAddress)}, {"ulPort", a.ulPort}};
+    if (a.type == VDS_IPT_IPV4) addr["ipv4Address"] = a.ipv4Address;
+    return {{"id", GuidToString(p.id)}, {"address", addr}, {"status", p.status}};
+}
+
+json GroupJson(const VDS_ISCSI_PORTALGROUP_PROP& p) { return {{"id", GuidToString(p.id)}, {"tag", p.tag}}; }
+
+// The words that name an object of a kind in a listing.
+std::string RowLabel(Kind kind, const json& r) {
+    switch (kind) {
+    case Kind::Pool: return r["pwszName"].get<std::string>();
+    case Kind::Target: return r["pwszIscsiName"].get<std::string>();
+    case Kind::Portal: return r["address"]["wszTextAddress"].get<std::string>() + ":" +
+                              std::to_string(r["address"]["ulPort"].get<uint32_t>());
+    case Kind::PortalGroup: return "tag " + std::to_string(r["tag"].get<int>());
+    case Kind::Plex: return "plex of " + std::to_string(r["ullSize"].get<uint64_t>()) + " bytes";
+    default: return r["pwszFriendlyName"].get<std::string>();
+    }
+}
+
 // The text form of a value: numbers as they are, flags also in hexadecimal.
 std::string ValueText(const std::string& key, const json& v) {
     if (v.is_string()) return v.get<std::string>();
@@ -211,11 +307,13 @@ std::string HrText(HRESULT hr) {
 const char* HelpText() {
     return R"(Commands (one per line; in one-shot use the words follow the options):
   info                              the provider's properties
-  list subsystems|controllers|ports|drives
-                                    every object of a kind, numbered
+  list KINDS                        every object of a kind, numbered: subsystems, controllers,
+                                    ports, drives, luns, plexes, pools, targets, portals,
+                                    portalgroups
   select TARGET                     remember an object for the commands below
   detail [TARGET]                   every property of an object (default: the selection)
   name subsystem NAME [TARGET]      rename a subsystem (at most 80 characters)
+  name lun NAME [TARGET]            rename a LUN (at most 20 characters; longer names are cut)
   reenumerate [subsystem [TARGET]]  rescan the provider, or one subsystem
   refresh                           rebuild the object tree from the array
   flushcache [TARGET]               write a controller's cache to the drives
@@ -225,17 +323,32 @@ const char* HelpText() {
   maintenance pulse COUNT [TARGET]  flash the locate light COUNT times
   setflag drive hotspare [TARGET]   make a drive a global spare
   clearflag drive hotspare [TARGET] make a spare an ordinary free drive again
-  extents [TARGET]                  the pieces of a drive and what uses them
+  extents [TARGET]                  the pieces of a drive, a LUN, a plex or a pool
   getdrive BUS SLOT [TARGET]        the drive at a bus and slot of a subsystem
   portprops N [TARGET]              the properties of a controller's port N
+  pool luns [TARGET]                the LUNs a pool holds
+  target secret SECRET|- [initiator NAME] [TARGET]
+                                    set (or with - clear) a target's CHAP secret, for all
+                                    initiators or for one
+  initiator secret NAME SECRET|- [TARGET]
+                                    remember (or with - forget) an initiator's secret
+  initiators [TARGET]               the initiators the target's controller knows
+  createportalgroup [TARGET]        the portal group a target hands out (none is ever made)
   help                              this text
   quit | exit                       leave the shell
-TARGET: KIND N (the N-th of "list KIND"), KIND ID, or ID, where KIND is subsystem, controller,
-port or drive and ID is an object id (xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx). Without a target a
-command uses the selection; a subsystem command with one subsystem present uses that one.
+TARGET: KIND N (the N-th of "list KIND"), KIND ID, or ID, where KIND is one of the kinds above
+in the singular (drive, lun, portalgroup, ...) and ID an object id
+(xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx). Without a target a command uses the selection, or the
+only object of its kind when there is just one.
 Exit status: 0 done, 1 the provider refused (its result is printed by name and number),
 2 a bad command line.)";
 }
+
+namespace {
+const std::vector<Kind> kAllKinds = {Kind::Subsystem, Kind::Controller, Kind::Port,   Kind::Drive,
+                                     Kind::Lun,       Kind::Plex,       Kind::Pool,   Kind::Target,
+                                     Kind::Portal,    Kind::PortalGroup};
+}  // namespace
 
 Shell::Shell(IVdsProvider* provider, std::ostream& out, std::ostream& err, bool json)
     : provider_(provider), out_(out), err_(err), json_(json) {}
@@ -285,6 +398,11 @@ int Shell::Execute(const std::vector<std::string>& words) {
     if (cmd == "extents") return CmdExtents(args);
     if (cmd == "getdrive") return CmdGetDrive(args);
     if (cmd == "portprops") return CmdPortProps(args);
+    if (cmd == "pool") return CmdPool(args);
+    if (cmd == "target") return CmdTarget(args);
+    if (cmd == "initiator") return CmdInitiator(args);
+    if (cmd == "initiators") return CmdInitiators(args);
+    if (cmd == "createportalgroup") return CmdCreatePortalGroup(args);
     return Usage("unknown command \"" + cmd + "\" (try help)");
 }
 
@@ -332,36 +450,90 @@ int Shell::RunInteractive() {
 // --- objects ---------------------------------------------------------------------------------
 
 HRESULT Shell::Enumerate(Kind kind, std::vector<Object>* out) {
-    CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(provider_, IID_IVdsHwProvider);
-    if (!hw) return E_NOINTERFACE;
+    HRESULT hr;
     IEnumVdsObject* e = nullptr;
-    HRESULT hr = hw->QuerySubSystems(&e);
-    if (FAILED(hr)) return hr;
-    std::vector<Object> subsystems;
-    if (FAILED(hr = Drain(e, Kind::Subsystem, &subsystems))) return hr;
-    for (Object& s : subsystems) {
-        CComPtr<IVdsSubSystem> ss = As<IVdsSubSystem>(s.unk, IID_IVdsSubSystem);
-        if (!ss) return E_NOINTERFACE;
-        if (kind == Kind::Subsystem) {
-            out->push_back(s);
-        } else if (kind == Kind::Drive) {
+    if (kind == Kind::Pool) {
+        CComPtr<IVdsHwProviderStoragePools> sp = As<IVdsHwProviderStoragePools>(provider_, IID_IVdsHwProviderStoragePools);
+        if (!sp) return E_NOINTERFACE;
+        if (FAILED(hr = sp->QueryStoragePools(0, 0, nullptr, &e)) || FAILED(hr = Drain(e, Kind::Pool, out))) return hr;
+    } else {
+        CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(provider_, IID_IVdsHwProvider);
+        if (!hw) return E_NOINTERFACE;
+        if (FAILED(hr = hw->QuerySubSystems(&e))) return hr;
+        std::vector<Object> subsystems;
+        if (FAILED(hr = Drain(e, Kind::Subsystem, &subsystems))) return hr;
+        for (Object& s : subsystems) {
+            CComPtr<IVdsSubSystem> ss = As<IVdsSubSystem>(s.unk, IID_IVdsSubSystem);
+            CComPtr<IVdsSubSystemIscsi> si = As<IVdsSubSystemIscsi>(s.unk, IID_IVdsSubSystemIscsi);
+            if (!ss) return E_NOINTERFACE;
             e = nullptr;
-            if (FAILED(hr = ss->QueryDrives(&e)) || FAILED(hr = Drain(e, Kind::Drive, out))) return hr;
-        } else {
-            std::vector<Object> controllers;
-            e = nullptr;
-            if (FAILED(hr = ss->QueryControllers(&e)) || FAILED(hr = Drain(e, Kind::Controller, &controllers)))
-                return hr;
-            for (Object& c : controllers) {
-                if (kind == Kind::Controller) {
-                    out->push_back(c);
-                    continue;
+            switch (kind) {
+            case Kind::Subsystem: out->push_back(s); break;
+            case Kind::Drive:
+                if (FAILED(hr = ss->QueryDrives(&e)) || FAILED(hr = Drain(e, Kind::Drive, out))) return hr;
+                break;
+            case Kind::Lun:
+            case Kind::Plex: {
+                std::vector<Object> luns;
+                if (FAILED(hr = ss->QueryLuns(&e)) || FAILED(hr = Drain(e, Kind::Lun, &luns))) return hr;
+                for (Object& l : luns) {
+                    if (kind == Kind::Lun) {
+                        out->push_back(l);
+                        continue;
+                    }
+                    CComPtr<IVdsLun> lun = As<IVdsLun>(l.unk, IID_IVdsLun);
+                    e = nullptr;
+                    if (lun && (FAILED(hr = lun->QueryPlexes(&e)) || FAILED(hr = Drain(e, Kind::Plex, out)))) return hr;
                 }
-                CComPtr<IVdsControllerControllerPort> ccp =
-                    As<IVdsControllerControllerPort>(c.unk, IID_IVdsControllerControllerPort);
-                if (!ccp) continue;
-                e = nullptr;
-                if (FAILED(hr = ccp->QueryControllerPorts(&e)) || FAILED(hr = Drain(e, Kind::Port, out))) return hr;
+                break;
+            }
+            case Kind::Target:
+                if (!si) return E_NOINTERFACE;
+                if (FAILED(hr = si->QueryTargets(&e)) || FAILED(hr = Drain(e, Kind::Target, out))) return hr;
+                break;
+            case Kind::Portal:
+                if (!si) return E_NOINTERFACE;
+                if (FAILED(hr = si->QueryPortals(&e)) || FAILED(hr = Drain(e, Kind::Portal, out))) return hr;
+                break;
+            case Kind::PortalGroup: {
+                if (!si) return E_NOINTERFACE;
+                std::vector<Object> targets, groups;
+                if (FAILED(hr = si->QueryTargets(&e)) || FAILED(hr = Drain(e, Kind::Target, &targets))) return hr;
+                for (Object& t : targets) {
+                    CComPtr<IVdsIscsiTarget> target = As<IVdsIscsiTarget>(t.unk, IID_IVdsIscsiTarget);
+                    e = nullptr;
+                    if (target && (FAILED(hr = target->QueryPortalGroups(&e)) ||
+                                   FAILED(hr = Drain(e, Kind::PortalGroup, &groups))))
+                        return hr;
+                }
+                // A target shared by both controllers lists every group once.
+                for (Object& g : groups) {
+                    bool seen = false;
+                    for (const Object& o : *out) seen = seen || o.unk.get() == g.unk.get();
+                    if (!seen) out->push_back(g);
+                }
+                break;
+            }
+            case Kind::Controller:
+            case Kind::Port: {
+                std::vector<Object> controllers;
+                if (FAILED(hr = ss->QueryControllers(&e)) || FAILED(hr = Drain(e, Kind::Controller, &controllers)))
+                    return hr;
+                for (Object& c : controllers) {
+                    if (kind == Kind::Controller) {
+                        out->push_back(c);
+                        continue;
+                    }
+                    CComPtr<IVdsControllerControllerPort> ccp =
+                        As<IVdsControllerControllerPort>(c.unk, IID_IVdsControllerControllerPort);
+                    if (!ccp) continue;
+                    e = nullptr;
+                    if (FAILED(hr = ccp->QueryControllerPorts(&e)) || FAILED(hr = Drain(e, Kind::Port, out)))
+                        return hr;
+                }
+                break;
+            }
+            case Kind::Pool: break;
             }
         }
     }
@@ -401,14 +573,11 @@ int Shell::Resolve(const std::vector<std::string>& target, const std::vector<Kin
             selected_ = Object{Kind::Subsystem, {}, {}};
             return Usage(gone);
         }
-        if (allowed(Kind::Subsystem)) {
-            std::vector<Object> all;
-            HRESULT hr = Enumerate(Kind::Subsystem, &all);
-            if (FAILED(hr)) return Failed("QuerySubSystems", hr);
-            if (all.size() == 1) {
-                *out = all[0];
-                return kOk;
-            }
+        // With one object of the command's first kind there is nothing to choose.
+        std::vector<Object> all;
+        if (SUCCEEDED(Enumerate(kinds[0], &all)) && all.size() == 1) {
+            *out = all[0];
+            return kOk;
         }
         return Usage("this command needs a " + wanted + ": name one (" + KindName(kinds[0]) +
                      " N) or select it first");
@@ -443,6 +612,18 @@ int Shell::Resolve(const std::vector<std::string>& target, const std::vector<Kin
                 if (!allowed(k)) return Usage(std::string("this command takes a ") + wanted + ", not a " + KindName(k));
                 return kOk;
             }
+        }
+        // Not every object is reachable by GetObject (a portal group is registered under the
+        // portal's kind): look for the id among the objects the queries list.
+        for (Kind k : tries) {
+            std::vector<Object> all;
+            if (FAILED(Enumerate(k, &all))) continue;
+            for (Object& o : all)
+                if (o.id == id) {
+                    *out = o;
+                    if (!allowed(k)) return Usage(std::string("this command takes a ") + wanted + ", not a " + KindName(k));
+                    return kOk;
+                }
         }
         return Failed("GetObject", last);
     }
@@ -488,6 +669,46 @@ HRESULT Shell::Describe(const Object& o, json* j) {
         if (d && SUCCEEDED(hr = d->GetProperties2(&p))) *j = DriveJson(p);
         break;
     }
+    case Kind::Lun: {
+        CComPtr<IVdsLun> l = As<IVdsLun>(o.unk, IID_IVdsLun);
+        VDS_LUN_PROP p{};
+        if (l && SUCCEEDED(hr = l->GetProperties(&p))) *j = LunJson(p);
+        break;
+    }
+    case Kind::Plex: {
+        CComPtr<IVdsLunPlex> x = As<IVdsLunPlex>(o.unk, IID_IVdsLunPlex);
+        VDS_LUN_PLEX_PROP p{};
+        if (x && SUCCEEDED(hr = x->GetProperties(&p))) *j = PlexJson(p);
+        break;
+    }
+    case Kind::Pool: {
+        CComPtr<IVdsStoragePool> x = As<IVdsStoragePool>(o.unk, IID_IVdsStoragePool);
+        VDS_STORAGE_POOL_PROP p{};
+        VDS_POOL_ATTRIBUTES a{};
+        if (x && SUCCEEDED(hr = x->GetProperties(&p))) {
+            bool attrs = SUCCEEDED(x->GetAttributes(&a));
+            *j = PoolJson(p, attrs ? &a : nullptr);
+        }
+        break;
+    }
+    case Kind::Target: {
+        CComPtr<IVdsIscsiTarget> x = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
+        VDS_ISCSI_TARGET_PROP p{};
+        if (x && SUCCEEDED(hr = x->GetProperties(&p))) *j = TargetJson(p);
+        break;
+    }
+    case Kind::Portal: {
+        CComPtr<IVdsIscsiPortal> x = As<IVdsIscsiPortal>(o.unk, IID_IVdsIscsiPortal);
+        VDS_ISCSI_PORTAL_PROP p{};
+        if (x && SUCCEEDED(hr = x->GetProperties(&p))) *j = PortalJson(p);
+        break;
+    }
+    case Kind::PortalGroup: {
+        CComPtr<IVdsIscsiPortalGroup> x = As<IVdsIscsiPortalGroup>(o.unk, IID_IVdsIscsiPortalGroup);
+        VDS_ISCSI_PORTALGROUP_PROP p{};
+        if (x && SUCCEEDED(hr = x->GetProperties(&p))) *j = GroupJson(p);
+        break;
+    }
     }
     return hr;
 }
@@ -510,14 +731,18 @@ void Shell::PrintTable(Kind kind, const json& rows) {
         out_ << rows.dump(2) << "\n";
         return;
     }
-    out_ << KindName(kind) << "s (" << rows.size() << ")\n";
+    out_ << (kind == Kind::Plex ? std::string("plexes") : std::string(KindName(kind)) + "s") << " (" << rows.size()
+         << ")\n";
     int i = 0;
     for (const json& r : rows) {
         out_ << "  " << std::setw(2) << std::right << i++ << "  " << r["id"].get<std::string>() << "  " << std::left
-             << std::setw(40) << r["pwszFriendlyName"].get<std::string>();
+             << std::setw(40) << RowLabel(kind, r);
         if (r.contains("status")) out_ << "  status " << r["status"].get<int>();
         if (r.contains("health")) out_ << "  health " << r["health"].get<int>();
         if (r.contains("ullSize")) out_ << "  " << Gib(r["ullSize"].get<uint64_t>());
+        if (r.contains("ullTotalManagedSpace"))
+            out_ << "  " << Gib(r["ullRemainingFreeSpace"].get<uint64_t>()) << " free of "
+                 << Gib(r["ullTotalManagedSpace"].get<uint64_t>());
         if (kind == Kind::Drive) out_ << "  flags " << Hex(r["ulFlags"].get<uint32_t>());
         out_ << "\n";
     }
@@ -572,7 +797,8 @@ int Shell::CmdInfo(const std::vector<std::string>& args) {
 int Shell::CmdList(const std::vector<std::string>& args) {
     Kind kind;
     if (args.size() != 1 || !ParseKind(args[0], &kind))
-        return Usage("list what? subsystems, controllers, ports or drives");
+        return Usage("list what? subsystems, controllers, ports, drives, luns, plexes, pools, targets, portals or "
+                     "portalgroups");
     json rows;
     int rc = ListJson(kind, &rows);
     if (rc != kOk) return rc;
@@ -586,8 +812,14 @@ int Shell::Overview() {
     if (FAILED(hr)) return Failed("GetProperties", hr);
     json doc = {{"provider", provider}};
     if (!json_) PrintObject(provider);
-    for (Kind k : {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}) {
+    for (Kind k : kAllKinds) {
+        if (k == Kind::Plex) continue;  // one per LUN: listed on request
         json rows;
+        if (k == Kind::Pool) {
+            // A host without pools (or pools switched off) has none to show.
+            std::vector<Object> pools;
+            if (FAILED(Enumerate(k, &pools))) continue;
+        }
         int rc = ListJson(k, &rows);
         if (rc != kOk) return rc;
         if (json_)
@@ -602,7 +834,7 @@ int Shell::Overview() {
 int Shell::CmdSelect(const std::vector<std::string>& args) {
     if (args.empty()) return Usage("select what? (select drive 3, select controller 0, select ID)");
     Object o;
-    int rc = Resolve(args, {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}, &o);
+    int rc = Resolve(args, kAllKinds, &o);
     if (rc != kOk) return rc;
     json j;
     HRESULT hr = Describe(o, &j);
@@ -619,7 +851,7 @@ int Shell::CmdSelect(const std::vector<std::string>& args) {
 
 int Shell::CmdDetail(const std::vector<std::string>& args) {
     Object o;
-    int rc = Resolve(args, {Kind::Subsystem, Kind::Controller, Kind::Port, Kind::Drive}, &o);
+    int rc = Resolve(args, kAllKinds, &o);
     if (rc != kOk) return rc;
     json j;
     HRESULT hr = Describe(o, &j);
@@ -629,16 +861,27 @@ int Shell::CmdDetail(const std::vector<std::string>& args) {
 }
 
 int Shell::CmdName(const std::vector<std::string>& args) {
-    if (args.size() < 2 || args[0] != "subsystem") return Usage("usage: name subsystem NAME [TARGET]");
+    if (args.size() < 2 || (args[0] != "subsystem" && args[0] != "lun"))
+        return Usage("usage: name subsystem|lun NAME [TARGET]");
+    bool lun = args[0] == "lun";
     Object o;
-    int rc = Resolve(std::vector<std::string>(args.begin() + 2, args.end()), {Kind::Subsystem}, &o);
+    int rc = Resolve(std::vector<std::string>(args.begin() + 2, args.end()), {lun ? Kind::Lun : Kind::Subsystem}, &o);
     if (rc != kOk) return rc;
-    CComPtr<IVdsSubSystemNaming> n = As<IVdsSubSystemNaming>(o.unk, IID_IVdsSubSystemNaming);
-    if (!n) return Failed("QueryInterface(IVdsSubSystemNaming)", E_NOINTERFACE);
     std::u16string name = Utf8ToWide(args[1]);
-    HRESULT hr = n->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str())));
+    LPWSTR text = const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str()));
+    HRESULT hr;
+    if (lun) {
+        CComPtr<IVdsLunNaming> n = As<IVdsLunNaming>(o.unk, IID_IVdsLunNaming);
+        if (!n) return Failed("QueryInterface(IVdsLunNaming)", E_NOINTERFACE);
+        hr = n->SetFriendlyName(text);
+    } else {
+        CComPtr<IVdsSubSystemNaming> n = As<IVdsSubSystemNaming>(o.unk, IID_IVdsSubSystemNaming);
+        if (!n) return Failed("QueryInterface(IVdsSubSystemNaming)", E_NOINTERFACE);
+        hr = n->SetFriendlyName(text);
+    }
     if (FAILED(hr)) return Failed("SetFriendlyName", hr);
-    PrintDone("name subsystem");
+    // A name the provider had to cut succeeds with a word of its own.
+    PrintDone(hr == S_OK ? "name " + args[0] : "name " + args[0] + " (" + HrText(hr) + ")");
     return kOk;
 }
 
@@ -737,28 +980,71 @@ int Shell::CmdFlag(const std::vector<std::string>& args, bool set) {
 
 int Shell::CmdExtents(const std::vector<std::string>& args) {
     Object o;
-    int rc = Resolve(args, {Kind::Drive}, &o);
+    int rc = Resolve(args, {Kind::Drive, Kind::Lun, Kind::Plex, Kind::Pool}, &o);
     if (rc != kOk) return rc;
-    CComPtr<IVdsDrive> d = As<IVdsDrive>(o.unk, IID_IVdsDrive);
-    if (!d) return Failed("QueryInterface(IVdsDrive)", E_NOINTERFACE);
+    json rows = json::array();
+    // Takes the array a query just filled (the query runs before this is called).
+    auto driveExtents = [&](HRESULT hr, VDS_DRIVE_EXTENT* ext, LONG n) {
+        if (FAILED(hr)) return hr;
+        for (LONG i = 0; i < n && ext; ++i)
+            rows.push_back({{"id", GuidToString(ext[i].id)},
+                            {"LunId", GuidToString(ext[i].LunId)},
+                            {"ullSize", ext[i].ullSize},
+                            {"bUsed", ext[i].bUsed != 0}});
+        CoTaskMemFree(ext);
+        return S_OK;
+    };
+    HRESULT hr = S_OK;
     VDS_DRIVE_EXTENT* ext = nullptr;
     LONG n = 0;
-    HRESULT hr = d->QueryExtents(&ext, &n);
-    if (FAILED(hr)) return Failed("QueryExtents", hr);
-    json rows = json::array();
-    for (LONG i = 0; i < n && ext; ++i)
-        rows.push_back({{"id", GuidToString(ext[i].id)},
-                        {"LunId", GuidToString(ext[i].LunId)},
-                        {"ullSize", ext[i].ullSize},
-                        {"bUsed", ext[i].bUsed != 0}});
-    CoTaskMemFree(ext);
+    if (o.kind == Kind::Drive) {
+        CComPtr<IVdsDrive> d = As<IVdsDrive>(o.unk, IID_IVdsDrive);
+        if (!d) return Failed("QueryInterface(IVdsDrive)", E_NOINTERFACE);
+        hr = d->QueryExtents(&ext, &n);
+        hr = driveExtents(hr, ext, n);
+    } else if (o.kind == Kind::Plex) {
+        CComPtr<IVdsLunPlex> x = As<IVdsLunPlex>(o.unk, IID_IVdsLunPlex);
+        if (!x) return Failed("QueryInterface(IVdsLunPlex)", E_NOINTERFACE);
+        hr = x->QueryExtents(&ext, &n);
+        hr = driveExtents(hr, ext, n);
+    } else if (o.kind == Kind::Lun) {
+        // A LUN's pieces are those of its plexes.
+        CComPtr<IVdsLun> l = As<IVdsLun>(o.unk, IID_IVdsLun);
+        IEnumVdsObject* e = nullptr;
+        std::vector<Object> plexes;
+        if (!l) return Failed("QueryInterface(IVdsLun)", E_NOINTERFACE);
+        if (FAILED(hr = l->QueryPlexes(&e)) || FAILED(hr = Drain(e, Kind::Plex, &plexes))) return Failed("QueryPlexes", hr);
+        for (Object& p : plexes) {
+            CComPtr<IVdsLunPlex> x = As<IVdsLunPlex>(p.unk, IID_IVdsLunPlex);
+            ext = nullptr;
+            n = 0;
+            if (!x) continue;
+            hr = x->QueryExtents(&ext, &n);
+            if (FAILED(hr = driveExtents(hr, ext, n))) break;
+        }
+    } else {
+        CComPtr<IVdsStoragePool> x = As<IVdsStoragePool>(o.unk, IID_IVdsStoragePool);
+        if (!x) return Failed("QueryInterface(IVdsStoragePool)", E_NOINTERFACE);
+        VDS_STORAGE_POOL_DRIVE_EXTENT* pe = nullptr;
+        hr = x->QueryDriveExtents(&pe, &n);
+        if (SUCCEEDED(hr)) {
+            for (LONG i = 0; i < n && pe; ++i)
+                rows.push_back({{"id", GuidToString(pe[i].id)}, {"ullSize", pe[i].ullSize}, {"bUsed", pe[i].bUsed != 0}});
+            CoTaskMemFree(pe);
+        }
+    }
+    if (FAILED(hr)) return Failed(o.kind == Kind::Pool ? "QueryDriveExtents" : "QueryExtents", hr);
     if (json_) {
         out_ << rows.dump(2) << "\n";
     } else {
         out_ << "extents (" << rows.size() << ")\n";
-        for (const json& r : rows)
-            out_ << "  " << Gib(r["ullSize"].get<uint64_t>()) << "  " << (r["bUsed"].get<bool>() ? "used by LUN " : "free  ")
-                 << (r["bUsed"].get<bool>() ? r["LunId"].get<std::string>() : std::string()) << "\n";
+        for (const json& r : rows) {
+            bool used = r["bUsed"].get<bool>();
+            out_ << "  drive " << r["id"].get<std::string>() << "  " << Gib(r["ullSize"].get<uint64_t>()) << "  "
+                 << (used ? "used" : "free");
+            if (used && r.contains("LunId")) out_ << " by LUN " << r["LunId"].get<std::string>();
+            out_ << "\n";
+        }
     }
     return kOk;
 }
@@ -795,6 +1081,133 @@ int Shell::CmdPortProps(const std::vector<std::string>& args) {
     HRESULT hr = c->GetPortProperties(static_cast<SHORT>(port), &p);
     if (FAILED(hr)) return Failed("GetPortProperties", hr);
     PrintObject(PortJson(p));
+    return kOk;
+}
+
+int Shell::CmdPool(const std::vector<std::string>& args) {
+    if (args.empty() || args[0] != "luns") return Usage("usage: pool luns [TARGET]");
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 1, args.end()), {Kind::Pool}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsStoragePool> pool = As<IVdsStoragePool>(o.unk, IID_IVdsStoragePool);
+    if (!pool) return Failed("QueryInterface(IVdsStoragePool)", E_NOINTERFACE);
+    IEnumVdsObject* e = nullptr;
+    std::vector<Object> luns;
+    HRESULT hr = pool->QueryAllocatedLuns(&e);
+    if (FAILED(hr) || FAILED(hr = Drain(e, Kind::Lun, &luns))) return Failed("QueryAllocatedLuns", hr);
+    json rows = json::array();
+    for (Object& l : luns) {
+        json j;
+        if (FAILED(hr = Describe(l, &j))) return Failed("GetProperties", hr);
+        rows.push_back(std::move(j));
+    }
+    PrintTable(Kind::Lun, rows);
+    return kOk;
+}
+
+namespace {
+// A secret word of the command line: "-" stands for none.
+bool SecretOf(const std::string& word, std::string* secret) {
+    if (word == "-") return false;
+    *secret = word;
+    return true;
+}
+}  // namespace
+
+int Shell::CmdTarget(const std::vector<std::string>& args) {
+    const char* usage = "usage: target secret SECRET|- [initiator NAME] [TARGET]";
+    if (args.size() < 2 || args[0] != "secret") return Usage(usage);
+    std::string secret;
+    bool present = SecretOf(args[1], &secret);
+    size_t next = 2;
+    std::u16string initiator;
+    bool named = false;
+    if (args.size() > next && args[next] == "initiator") {
+        if (args.size() < next + 2) return Usage(usage);
+        initiator = Utf8ToWide(args[next + 1]);
+        named = true;
+        next += 2;
+    }
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + long(next), args.end()), {Kind::Target}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
+    if (!t) return Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    VDS_ISCSI_SHARED_SECRET s{reinterpret_cast<UCHAR*>(secret.data()), static_cast<ULONG>(secret.size())};
+    HRESULT hr = t->SetSharedSecret(present ? &s : nullptr,
+                                    named ? const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(initiator.c_str())) : nullptr);
+    if (FAILED(hr)) return Failed("SetSharedSecret", hr);
+    PrintDone("target secret");
+    return kOk;
+}
+
+int Shell::CmdInitiator(const std::vector<std::string>& args) {
+    if (args.size() < 3 || args[0] != "secret") return Usage("usage: initiator secret NAME SECRET|- [TARGET]");
+    std::string secret;
+    bool present = SecretOf(args[2], &secret);
+    Object o;
+    int rc = Resolve(std::vector<std::string>(args.begin() + 3, args.end()), {Kind::Target}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
+    if (!t) return Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    std::u16string name = Utf8ToWide(args[1]);
+    VDS_ISCSI_SHARED_SECRET s{reinterpret_cast<UCHAR*>(secret.data()), static_cast<ULONG>(secret.size())};
+    HRESULT hr = t->RememberInitiatorSharedSecret(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str())),
+                                                  present ? &s : nullptr);
+    if (FAILED(hr)) return Failed("RememberInitiatorSharedSecret", hr);
+    PrintDone("initiator secret");
+    return kOk;
+}
+
+int Shell::CmdInitiators(const std::vector<std::string>& args) {
+    Object o;
+    int rc = Resolve(args, {Kind::Target}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
+    if (!t) return Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    LPWSTR* list = nullptr;
+    LONG n = 0;
+    HRESULT hr = t->GetConnectedInitiators(&list, &n);
+    if (FAILED(hr)) return Failed("GetConnectedInitiators", hr);
+    json names = json::array();
+    for (LONG i = 0; i < n && list; ++i) {
+        names.push_back(list[i] ? WideToUtf8(list[i]) : std::string());
+        CoTaskMemFree(list[i]);
+    }
+    CoTaskMemFree(list);
+    if (json_) {
+        out_ << names.dump(2) << "\n";
+    } else {
+        out_ << "initiators (" << names.size() << ")\n";
+        for (const json& name : names) out_ << "  " << name.get<std::string>() << "\n";
+    }
+    return kOk;
+}
+
+int Shell::CmdCreatePortalGroup(const std::vector<std::string>& args) {
+    Object o;
+    int rc = Resolve(args, {Kind::Target}, &o);
+    if (rc != kOk) return rc;
+    CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
+    if (!t) return Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    IVdsAsync* async = nullptr;
+    HRESULT hr = t->CreatePortalGroup(&async);
+    if (FAILED(hr)) return Failed("CreatePortalGroup", hr);
+    HRESULT result = S_OK;
+    VDS_ASYNC_OUTPUT output{};
+    hr = async->Wait(&result, &output);
+    async->Release();
+    if (FAILED(hr)) return Failed("Wait", hr);
+    if (FAILED(result)) return Failed("CreatePortalGroup", result);
+    if (!output.cpg.pPortalGroupUnk) {
+        err_ << "trovctl: CreatePortalGroup returned no portal group\n";
+        return kFailed;
+    }
+    Object g{Kind::PortalGroup, {}, {}};
+    g.unk.Attach(output.cpg.pPortalGroupUnk);
+    json j;
+    if (FAILED(hr = Describe(g, &j))) return Failed("GetProperties", hr);
+    PrintObject(j);
     return kOk;
 }
 

@@ -21,7 +21,7 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-enum class Kind { Subsystem, Controller, Port, Drive };
+enum class Kind { Subsystem, Controller, Port, Drive, Lun, Plex, Pool, Target, Portal, PortalGroup };
 
 struct Object {
     Kind kind;
@@ -75,6 +75,11 @@ private:
     int CmdExtents(const std::vector<std::string>& args);
     int CmdGetDrive(const std::vector<std::string>& args);
     int CmdPortProps(const std::vector<std::string>& args);
+    int CmdPool(const std::vector<std::string>& args);
+    int CmdTarget(const std::vector<std::string>& args);
+    int CmdInitiator(const std::vector<std::string>& args);
+    int CmdInitiators(const std::vector<std::string>& args);
+    int CmdCreatePortalGroup(const std::vector<std::string>& args);
 
     HRESULT ProviderJson(nlohmann::ordered_json* j);
     // The rows of a listing; an exit status (the failure is reported).
