@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/lock_guard.h"
+#include "core/monitor.h"
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
@@ -16,6 +17,11 @@
 #include "proxy/session.h"
 #include "support/debuglog.h"
 #include "support/lang.h"
+
+namespace {
+// How long the unload waits for the monitor threads: one pass's sleeps and a little more.
+constexpr int kMonitorEndWaitMs = 11000;
+}  // namespace
 
 namespace {
 
@@ -226,6 +232,9 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
     }
     DebugTrace("Setting provider online\n");
     isProviderOnline = 1;
+    // The monitors are started once, for the subsystems of the first load, and only for a host
+    // that listens.
+    if (!isRefreshing && m_pSink) DealEventProvider(this);
     DebugTrace("CProvider::OnLoad() out\n");
     return S_OK;
 }
@@ -272,6 +281,10 @@ HRESULT CProvider::OnUnload(BOOL bForceUnload) {
     DebugTrace("CProvider::OnUnload enter\n");
     isProviderOnline = 0;
     ProxyUnInit();
+    // Every monitor thread has let go of the tree before it is taken apart: the shared running
+    // flag that ProxyUnInit waits for is cleared by the first monitor to end, not the last.
+    if (!WaitForMonitorThreads(kMonitorEndWaitMs))
+        DebugTrace("CProvider::OnUnload %d monitor thread(s) still running\n", MonitorThreadsAlive());
     ReleaseTree();
     DebugTrace("CProvider::OnUnload exit\n");
     DebugClose();
@@ -435,6 +448,7 @@ HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_I
 
 namespace {
 constexpr uint32_t kEventVolumeDeleted = 108;
+
 }  // namespace
 
 VDS_OBJECT_ID CProvider::GetUID(VDS_OBJECT_TYPE type, const EventData& event) {

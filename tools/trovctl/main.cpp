@@ -136,14 +136,19 @@ int main(int argc, char** argv) {
         std::cerr << "trovctl: cannot open the provider module: " << err << "\n";
         return 1;
     }
-    HRESULT hr = host.Load(nullptr);
+    // The shell is made before the load so that the monitor's notifications have somewhere to go;
+    // a one-shot command other than watch needs none, and so runs no monitor.
+    trovctl::Shell shell(nullptr, std::cout, std::cerr, opt.json);
+    bool listens = !script.empty() || words.empty() || words[0] == "shell" || words[0] == "watch";
+    HRESULT hr = host.Load(listens ? ProviderHost::NotifyFn([&shell](const VDS_NOTIFICATION& n) { shell.OnNotification(n); })
+                                   : ProviderHost::NotifyFn());
     if (FAILED(hr)) {
         std::cerr << "trovctl: OnLoad failed: " << trovctl::HrText(hr) << "\n";
         return 1;
     }
     int rc;
+    shell.SetProvider(host.provider());
     {
-        trovctl::Shell shell(host.provider(), std::cout, std::cerr, opt.json);
         if (!script.empty()) {
             std::ifstream in(script);
             rc = shell.RunScript(in, script);

@@ -76,7 +76,8 @@ HRESULT ProviderHost::Load(NotifyFn onNotify) {
     if (FAILED(hr)) return hr;
     IVdsProviderPrivate* priv = Query<IVdsProviderPrivate>(IID_IVdsProviderPrivate);
     if (!priv) return E_NOINTERFACE;
-    sink_ = new Sink(std::move(onNotify));
+    // Without a listener the host gives no sink, and the provider runs no event monitor.
+    if (onNotify) sink_ = new Sink(std::move(onNotify));
     hr = priv->OnLoad(nullptr, sink_);
     priv->Release();
     return hr;

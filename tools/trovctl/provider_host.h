@@ -19,7 +19,8 @@ public:
 
     // Opens the module at `path` and finds its entry points. False with *err on failure.
     bool Open(const std::string& path, std::string* err);
-    // Creates the provider and calls OnLoad with the host's advise sink.
+    // Creates the provider and calls OnLoad; with `onNotify` the host's advise sink goes along
+    // (and the provider starts its event monitor), without it none.
     HRESULT Load(NotifyFn onNotify);
     // Calls OnUnload and drops the provider.
     HRESULT Unload();

@@ -10,6 +10,7 @@
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 #include "platform/hresult.h"
 #include "platform/platform.h"
@@ -334,6 +335,8 @@ const char* HelpText() {
                                     remember (or with - forget) an initiator's secret
   initiators [TARGET]               the initiators the target's controller knows
   createportalgroup [TARGET]        the portal group a target hands out (none is ever made)
+  watch SECONDS                     print the provider's notifications as they arrive, for a time
+  watch on|off                      print them as they arrive (interactive), or keep them
   help                              this text
   quit | exit                       leave the shell
 TARGET: KIND N (the N-th of "list KIND"), KIND ID, or ID, where KIND is one of the kinds above
@@ -403,6 +406,7 @@ int Shell::Execute(const std::vector<std::string>& words) {
     if (cmd == "initiator") return CmdInitiator(args);
     if (cmd == "initiators") return CmdInitiators(args);
     if (cmd == "createportalgroup") return CmdCreatePortalGroup(args);
+    if (cmd == "watch") return CmdWatch(args);
     return Usage("unknown command \"" + cmd + "\" (try help)");
 }
 
@@ -1208,6 +1212,105 @@ int Shell::CmdCreatePortalGroup(const std::vector<std::string>& args) {
     json j;
     if (FAILED(hr = Describe(g, &j))) return Failed("GetProperties", hr);
     PrintObject(j);
+    return kOk;
+}
+
+// Lock order: the provider's monitor calls in here holding the provider's own mutex, and prints
+// under notifyMu_ (which calls into the provider again, on the same thread). The shell's thread
+// never calls into the provider while it holds notifyMu_.
+void Shell::OnNotification(const VDS_NOTIFICATION& n) {
+    std::lock_guard<std::mutex> g(notifyMu_);
+    if (watching_)
+        PrintNotification(n);
+    else
+        pending_.push_back(n);
+}
+
+void Shell::StartWatching() {
+    for (;;) {
+        std::deque<VDS_NOTIFICATION> kept;
+        {
+            std::lock_guard<std::mutex> g(notifyMu_);
+            if (pending_.empty()) {
+                watching_ = true;
+                return;
+            }
+            kept.swap(pending_);
+        }
+        for (const VDS_NOTIFICATION& n : kept) PrintNotification(n);
+    }
+}
+
+void Shell::StopWatching() {
+    std::lock_guard<std::mutex> g(notifyMu_);
+    watching_ = false;
+}
+
+void Shell::PrintNotification(const VDS_NOTIFICATION& n) {
+    const char* type = "object";
+    const char* event = "event";
+    GUID id{};
+    Kind kind = Kind::Subsystem;
+    switch (n.objectType) {
+    case VDS_NTT_CONTROLLER:
+        type = "controller";
+        kind = Kind::Controller;
+        id = n.Controller.controllerId;
+        event = n.Controller.ulEvent == VDS_NF_CONTROLLER_ARRIVE ? "arrive" : "depart";
+        break;
+    case VDS_NTT_LUN:
+        type = "lun";
+        kind = Kind::Lun;
+        id = n.Lun.LunId;
+        event = n.Lun.ulEvent == VDS_NF_LUN_ARRIVE ? "arrive" : n.Lun.ulEvent == VDS_NF_LUN_DEPART ? "depart" : "modify";
+        break;
+    case VDS_NTT_DRIVE:
+        type = "drive";
+        kind = Kind::Drive;
+        id = n.Drive.driveId;
+        event = "depart";
+        break;
+    default: break;
+    }
+    // The name, when the object is still known to the provider.
+    std::string name = "(unknown)";
+    CComPtr<IVdsProviderPrivate> priv = As<IVdsProviderPrivate>(provider_, IID_IVdsProviderPrivate);
+    IUnknown* unk = nullptr;
+    if (priv && id != GUID{} && SUCCEEDED(priv->GetObject(id, ObjectType(kind), &unk)) && unk) {
+        unk->Release();  // GetObject's extra reference
+        Object o{kind, id, {}};
+        o.unk.Attach(unk);
+        json j;
+        if (SUCCEEDED(Describe(o, &j)) && j.contains("pwszFriendlyName")) name = j["pwszFriendlyName"];
+    }
+    if (json_)
+        out_ << json{{"objectType", n.objectType}, {"type", type}, {"event", event}, {"id", GuidToString(id)},
+                     {"name", name}}
+                    .dump()
+             << "\n";
+    else
+        out_ << "notification: " << type << " " << event << " " << GuidToString(id) << " " << name << "\n";
+    out_.flush();
+}
+
+void Shell::WatchFor(int ms) {
+    StartWatching();
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    StopWatching();
+}
+
+int Shell::CmdWatch(const std::vector<std::string>& args) {
+    long seconds = 0;
+    if (args.size() == 1 && (args[0] == "on" || args[0] == "off")) {
+        if (args[0] == "on")
+            StartWatching();
+        else
+            StopWatching();
+        return kOk;
+    }
+    if (args.size() != 1 || !ParseNumber(args[0], 0, 86400, &seconds))
+        return Usage("usage: watch SECONDS | watch on|off");
+    WatchFor(static_cast<int>(seconds * 1000));
     return kOk;
 }
 

@@ -4,7 +4,9 @@
 // from the selection. Everything goes through the provider's published interfaces.
 #pragma once
 
+#include <deque>
 #include <iosfwd>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -57,6 +59,12 @@ public:
     int Overview();
 
     void SetJson(bool json) { json_ = json; }
+    void SetProvider(IVdsProvider* provider) { provider_ = provider; }
+    // A notification from the provider's monitor (any thread): printed at once while watching,
+    // else kept for the next "watch".
+    void OnNotification(const VDS_NOTIFICATION& n);
+    // Waits (real time) `ms`, printing what arrives; the notifications kept are printed first.
+    void WatchFor(int ms);
     bool quitRequested() const { return quit_; }
     const Object* selection() const { return selected_.unk ? &selected_ : nullptr; }
 
@@ -80,6 +88,10 @@ private:
     int CmdInitiator(const std::vector<std::string>& args);
     int CmdInitiators(const std::vector<std::string>& args);
     int CmdCreatePortalGroup(const std::vector<std::string>& args);
+    int CmdWatch(const std::vector<std::string>& args);
+    void PrintNotification(const VDS_NOTIFICATION& n);
+    void StartWatching();
+    void StopWatching();
 
     HRESULT ProviderJson(nlohmann::ordered_json* j);
     // The rows of a listing; an exit status (the failure is reported).
@@ -106,6 +118,9 @@ private:
     bool json_;
     bool quit_ = false;
     Object selected_{Kind::Subsystem, {}, {}};
+    std::mutex notifyMu_;
+    std::deque<VDS_NOTIFICATION> pending_;
+    bool watching_ = false;
 };
 
 }  // namespace trovctl

@@ -1,0 +1,24 @@
+// The event monitor: one thread per subsystem of the first load polls both controllers' event
+// logs every ten seconds (ten one-second sleeps on the Platform clock), passes new events on to
+// the host as notifications, decides from their codes whether the tree is stale, and repairs a
+// lost connection to the proxy service.
+#pragma once
+
+#include <cstdint>
+
+#include "proxy/records.h"
+#include "proxy/wire.h"
+
+class CProvider;
+
+// Starts the monitor threads for the subsystems the provider serves now.
+void DealEventProvider(CProvider* provider);
+// One pass for the subsystem of `param`: 0 done, 1 nothing could be done now, 2 stop the thread.
+int CheckEventsFromRAIDController(CProvider* provider, const SubsystemEntry& param);
+// Passes an event on to the host's sink when its code is one of the notified ones.
+void NotifyEvent(CProvider* provider, const EventData& event);
+
+// Monitor threads alive now (each thread counts itself until it has left every shared object).
+int MonitorThreadsAlive();
+// Waits (real time, at most `ms`) until no monitor thread is alive; false on time-out.
+bool WaitForMonitorThreads(int ms);
