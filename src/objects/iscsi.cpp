@@ -66,6 +66,16 @@ std::string Ipv6Text(const uint8_t* a) {
     return s;
 }
 
+// The host's copy of a target's name: a 514-byte block of task memory (256 characters and the
+// NUL), which the host frees with CoTaskMemFree.
+LPWSTR TaskName(const WCHAR* text) {
+    constexpr size_t kChars = 257;
+    auto* p = static_cast<WCHAR*>(CoTaskMemAlloc(kChars * sizeof(WCHAR)));
+    if (!p) return nullptr;
+    WStrNCpy(p, kChars, text ? text : u"");
+    return p;
+}
+
 // A narrow copy of a wide text for the array's tables.
 std::string Narrow(const WCHAR* s) { return s ? WideToUtf8(s) : std::string(); }
 
@@ -143,14 +153,14 @@ HRESULT CIscsiTarget::GetProperties(VDS_ISCSI_TARGET_PROP* pTargetProp) {
     // A rename happens on the subsystem: the name is taken from there each time.
     if (m_pSubSystem && m_prop.pwszFriendlyName) WStrNCpy(m_prop.pwszFriendlyName, 257, m_pSubSystem->m_SysName.c_str());
     VDS_ISCSI_TARGET_PROP p = m_prop;
-    p.pwszFriendlyName = NewObjectString(m_prop.pwszFriendlyName ? m_prop.pwszFriendlyName : u"");
+    p.pwszFriendlyName = TaskName(m_prop.pwszFriendlyName);
     if (!p.pwszFriendlyName) {
         DebugTrace("OOP!!! CIscsiTarget::GetProperties() pTargetProp->pwszFriendlyName == null, line %d\n", __LINE__);
         return E_OUTOFMEMORY;
     }
-    p.pwszIscsiName = NewObjectString(m_prop.pwszIscsiName ? m_prop.pwszIscsiName : u"");
+    p.pwszIscsiName = TaskName(m_prop.pwszIscsiName);
     if (!p.pwszIscsiName) {
-        FreeObjectString(p.pwszFriendlyName);
+        CoTaskMemFree(p.pwszFriendlyName);
         DebugTrace("OOP!!! CIscsiTarget::GetProperties() pTargetProp->pwszIscsiName == null, line %d\n", __LINE__);
         return E_OUTOFMEMORY;
     }

@@ -435,7 +435,9 @@ void CLun::ReadUnmaskingList(const PartitionData& partition) {
     if (list.size() + 1 > 257) {
         // A list longer than the standard block gets a block of its own size.
         FreeObjectString(m_prop.pwszUnmaskingList);
-        m_prop.pwszUnmaskingList = WStrDup(reinterpret_cast<const WCHAR*>(list.c_str()));
+        auto* block = new (std::nothrow) WCHAR[list.size() + 1]();
+        if (block) std::memcpy(block, list.c_str(), list.size() * sizeof(WCHAR));
+        m_prop.pwszUnmaskingList = block;  // an object string: FreeObjectString lets go of it
     } else if (m_prop.pwszUnmaskingList) {
         WStrNCpy(m_prop.pwszUnmaskingList, 257, list.c_str());
     }

@@ -78,6 +78,10 @@ std::vector<VDS_LUN_PLEX_PROP> Plexes(IVdsLun* lun) {
     return out;
 }
 
+// An initiator name of 200 characters: two of them make an unmasking list longer than the
+// standard string block.
+std::string LongHost(char c) { return "iqn.2026-11.test:" + std::string(183, c); }
+
 // The array of these tests, as the emulator reads it.
 json StorageScenario(bool ulp) {
     json s;
@@ -109,7 +113,9 @@ json StorageScenario(bool ulp) {
         json{{"name", "VD-DEGRADED"}, {"raid", 5}, {"owner", "A"}, {"members", {"LAB0002", "LAB0003", "LAB0004"}},
              {"health", 1},
              {"partitions",
-              {part("deg01", 10), json{{"name", ""}, {"sizeGiB", 1}}, json{{"name", "store01"}, {"sizeGiB", 1}, {"type", 1}},
+              {json{{"name", "deg01"}, {"sizeGiB", 10},
+                    {"views", {json{{"host", LongHost('a')}, {"lun", 3}}, json{{"host", LongHost('b')}, {"lun", 3}}}}},
+               json{{"name", ""}, {"sizeGiB", 1}}, json{{"name", "store01"}, {"sizeGiB", 1}, {"type", 1}},
                json{{"name", "odd01"}, {"sizeGiB", 1}, {"type", 4}}}}},
         json{{"name", "VD-REBUILD"}, {"raid", 5}, {"owner", "B"}, {"members", {"LAB0005", "LAB0006", "LAB0007"}},
              {"health", 1}, {"utility", {{"kind", 3}, {"durationMs", 100000000}}},
@@ -221,6 +227,7 @@ TEST(Lun, StatesOfMirrorDegradedRebuildExpansionAndDummy) {
     EXPECT_EQ(states, (std::multiset<std::pair<int, int>>{{VDS_LPS_ONLINE, VDS_H_HEALTHY}, {VDS_LPS_FAILED, VDS_H_FAILED}}));
 
     const LunInfo& deg = ByName(luns, "deg01");
+    EXPECT_EQ(deg.unmask, LongHost('a') + ";" + LongHost('b'));  // 401 characters, kept whole
     EXPECT_EQ(deg.p.status, VDS_LS_ONLINE);
     EXPECT_EQ(deg.p.health, VDS_H_FAILING_REDUNDANCY);
     auto degPlex = Plexes(deg.lun);
