@@ -469,3 +469,56 @@ TEST(HelpText, NamesEveryCommand) {
 }
 
 }  // namespace
+
+namespace {
+
+// The shell as the host's listener: notifications kept until "watch" shows them.
+class ShellSink final : public IVdsAdviseSink {
+public:
+    explicit ShellSink(Shell& shell) : shell_(shell) {}
+    HRESULT QueryInterface(REFIID riid, void** ppv) override {
+        if (!ppv) return E_POINTER;
+        if (riid == IID_IUnknown || riid == IID_IVdsAdviseSink) {
+            *ppv = static_cast<IVdsAdviseSink*>(this);
+            return S_OK;
+        }
+        return E_NOINTERFACE;
+    }
+    ULONG AddRef() override { return 2; }
+    ULONG Release() override { return 1; }  // lives on the test's stack
+    HRESULT OnNotify(LONG n, VDS_NOTIFICATION* list) override {
+        for (LONG i = 0; i < n; ++i) shell_.OnNotification(list[i]);
+        return S_OK;
+    }
+
+private:
+    Shell& shell_;
+};
+
+TEST(ShellWatch, PrintsTheMonitorsNotificationsWithTypeEventIdAndName) {
+    ProviderEnv env;
+    std::ostringstream out, err;
+    Shell shell(nullptr, out, err, false);
+    ShellSink sink(shell);
+    env.tp.clock().SetAuto(false);
+    ASSERT_EQ(env.Load(&sink), S_OK);
+    shell.SetProvider(env.provider);
+    FakeClock& clock = env.tp.clock();
+    ASSERT_TRUE(testlib::Eventually([&] { return clock.Sleepers() == 1; }));
+    ASSERT_EQ(env.sim->RaiseEvent(0x01000100, 62, 0, "3SJ01205K"), 0u);
+    for (int i = 0; i < 10; ++i) {
+        size_t calls = clock.SleepCalls().size();
+        clock.Advance(1000);
+        ASSERT_TRUE(testlib::Eventually([&] { return clock.SleepCalls().size() > calls && clock.Sleepers() == 1; }));
+    }
+    EXPECT_EQ(out.str(), "");  // kept, not printed, until asked for
+    ASSERT_EQ(shell.ExecuteLine("watch 0"), 0);
+    std::string text = out.str();
+    EXPECT_EQ(text.rfind("notification: drive depart ", 0), 0u) << text;
+    EXPECT_NE(text.find("s/n 3SJ01205K"), std::string::npos) << text;
+    EXPECT_EQ(shell.ExecuteLine("watch soon"), trovctl::kUsage);
+    clock.ReleaseAll();
+    env.Unload();
+}
+
+}  // namespace
