@@ -1,5 +1,6 @@
 #include "core/events.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "support/debuglog.h"
@@ -16,10 +17,13 @@ bool AlwaysRefreshes(uint32_t code) {
     return false;
 }
 
-template <class T>
-bool Same(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof(T)) == 0;
+// The records are packed and may lie at any address: fields are compared as bytes, never through
+// a reference of their own type.
+bool SameBytes(const EventData& a, const EventData& b, size_t offset, size_t size) {
+    return std::memcmp(reinterpret_cast<const uint8_t*>(&a) + offset, reinterpret_cast<const uint8_t*>(&b) + offset,
+                       size) == 0;
 }
+#define SAME_FIELD(f) SameBytes(a, b, offsetof(EventData, f), sizeof(EventData::f))
 
 }  // namespace
 
@@ -52,9 +56,9 @@ bool NotificationKind(uint32_t code, VDS_NOTIFICATION_TARGET_TYPE* objectType, U
 
 bool IsSameEvent(const EventData& a, const EventData& b) {
     return a.word4 == b.word4 && a.eventCode == b.eventCode && a.errorcode == b.errorcode &&
-           Same(a.bytes16, b.bytes16) && a.controllerHandle == b.controllerHandle && Same(a.words24, b.words24) &&
-           a.eventParam == b.eventParam && Same(a.words44, b.words44) && Same(a.driveSerial, b.driveSerial) &&
-           Same(a.partitionSerial, b.partitionSerial) && std::memcmp(a.spans120, b.spans120, 20) == 0 &&
+           SAME_FIELD(bytes16) && a.controllerHandle == b.controllerHandle && SAME_FIELD(words24) &&
+           a.eventParam == b.eventParam && SAME_FIELD(words44) && SAME_FIELD(driveSerial) &&
+           SAME_FIELD(partitionSerial) && SAME_FIELD(spans120) &&
            a.word140 == b.word140 && a.owner == b.owner && a.duplicateCount == b.duplicateCount;
 }
 
