@@ -108,14 +108,12 @@ void DealEventSubSystem(CProvider* provider, SubsystemEntry param) {
         }
         if (CheckEventsFromRAIDController(provider, param) == 2) break;
     }
-    // The flag is shared: the first monitor to end clears it for all.
-    g_session.processEventRunning = 0;
     DebugTrace("DealEventSubSystem Out\n");
-    NotifyThreadEnded();
-    {
-        std::lock_guard<std::mutex> g(g_aliveMu);
-        --g_alive;
-    }
+    // The flag is shared: the first monitor to end clears it for all.
+    NotifyThreadEnded(&g_session.processEventRunning);
+    // The last thing the thread does, under the lock: the unload may go on at once.
+    std::lock_guard<std::mutex> g(g_aliveMu);
+    --g_alive;
     g_aliveCv.notify_all();
 }
 }  // namespace

@@ -165,7 +165,7 @@ void recv_events() {
     }
     std::free(buffer);
     DebugTrace("recv_events thread exit.\n");
-    recvEventsRunning = 0;
-    NotifyThreadEnded();
     DebugTrace("%s() out\n", "recv_events");
+    // The last thing the thread does: once the flag is down the process may end its platform.
+    NotifyThreadEnded(&recvEventsRunning);
 }

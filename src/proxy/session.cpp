@@ -74,8 +74,10 @@ bool ThreadsRunning() { return recvEventsRunning.load() != 0 || g_session.proces
 
 }  // namespace
 
-void NotifyThreadEnded() {
+void NotifyThreadEnded(std::atomic<int>* runningFlag) {
     std::lock_guard<std::mutex> g(g_threadsMu);
+    // The flag goes down under the lock, so a waiter that sees it down finds the notification done.
+    if (runningFlag) *runningFlag = 0;
     g_threadsCv.notify_all();
 }
 

@@ -34,8 +34,8 @@ void ProxyUnInit();
 void sig_action(int signal);
 void shut();
 
-// Wakes ProxyUnInit's wait when a running flag clears.
-void NotifyThreadEnded();
+// Clears a thread's running flag (when given) and wakes ProxyUnInit's wait, under one lock.
+void NotifyThreadEnded(std::atomic<int>* runningFlag = nullptr);
 
 // Returns the session to its state at process start (tests only).
 void ResetSessionForTest();
