@@ -24,8 +24,9 @@ constexpr int kSleepsPerPass = 10;
 constexpr uint32_t kSleepMs = 1000;
 
 std::atomic<CProvider*> g_monitorProvider{nullptr};
-std::mutex g_aliveMu;
-std::condition_variable g_aliveCv;
+// Never destroyed: a detached monitor may still be leaving them when the process exits.
+std::mutex& g_aliveMu = *new std::mutex;
+std::condition_variable& g_aliveCv = *new std::condition_variable;
 int g_alive = 0;
 
 bool Stopping() { return g_session.terminating.load() != 0 || isProviderOnline.load() == 0; }

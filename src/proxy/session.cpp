@@ -30,8 +30,9 @@ constexpr int kVersionMismatch = 29;
 constexpr uint32_t kLoginRecordSize = 344;
 constexpr int kConnectTries = 10;
 
-std::mutex g_threadsMu;
-std::condition_variable g_threadsCv;
+// Never destroyed: a detached thread may still be leaving them when the process exits.
+std::mutex& g_threadsMu = *new std::mutex;
+std::condition_variable& g_threadsCv = *new std::condition_variable;
 
 const char* kLostText = "The VDS Provider has lost its connection to the TROV Proxy service.";
 const char* kRestoredText = "The VDS Provider has restored its connection to the TROV Proxy service.";
