@@ -9,7 +9,7 @@
 
 MutexHandle hVdsMutex = nullptr;
 
-CommandExchange::CommandExchange(const CommandSpec& spec) : spec_(spec) {
+CommandExchange::CommandExchange(const CommandDef& cmd) : cmd_(cmd) {
     if (hVdsMutex) {
         Plat()->WaitMutex(hVdsMutex);  // no time-out; the result isn't looked at
         locked_ = true;
@@ -25,14 +25,14 @@ uint8_t* CommandExchange::Begin(uint32_t dataLen, bool cleared) {
     if (!pkt_) return nullptr;
     if (dataLen > wire::kPacketBufferSize - wire::kHeaderSize) dataLen = 0;  // a caller's fault; never overrun
     dataLen_ = dataLen;
-    MakeHeader(pkt_, wire::RSREQUEST, spec_.opcode);
+    MakeHeader(pkt_, wire::RSREQUEST, cmd_.opcode);
     wire::StoreBe32(pkt_ + wire::kDataLenOffset, dataLen);
     if (cleared) std::memset(pkt_ + wire::kHeaderSize, 0, dataLen);
     return pkt_;
 }
 
 int CommandExchange::Run(size_t errorOffset) {
-    const char* name = spec_.logMethod ? spec_.logMethod : spec_.method;
+    const char* name = cmd_.logMethod ? cmd_.logMethod : cmd_.method;
     if (!pkt_) {
         DebugTrace("OOP!! Kelvane::%s exec_cmnd(Line %d) error, it return len = %d\n", name, __LINE__, -1);
         return -1;
@@ -59,12 +59,12 @@ int CommandExchange::Run(size_t errorOffset) {
         }
     }
     uint32_t type = wire::DataTypeOf(pkt_), op = wire::OpCodeOf(pkt_);
-    if (type != wire::RSREPLY || op != spec_.opcode) {
-        uint32_t shown = spec_.shownOpcode != UINT32_MAX ? spec_.shownOpcode : spec_.opcode;
+    if (type != wire::RSREPLY || op != cmd_.opcode) {
+        uint32_t shown = cmd_.shownOpcode != UINT32_MAX ? cmd_.shownOpcode : cmd_.opcode;
         DebugTrace("OOP!! Kelvane::%s DataType or OpCode(Line %d) error, ph->DataType(=%d), RSREPLY(=%d), "
                    "ph->OpCode(=%d), %s(=%d) \n",
                    name, __LINE__, static_cast<int>(type), static_cast<int>(wire::RSREPLY), static_cast<int>(op),
-                   spec_.opName, static_cast<int>(shown));
+                   cmd_.opName, static_cast<int>(shown));
         return -1;
     }
     replyLen_ = len;
@@ -74,13 +74,13 @@ int CommandExchange::Run(size_t errorOffset) {
     if (errorCode_ != 0) {
         DebugTrace("OOP!! Kelvane::%s return error code(Line %d) error, it return len = %d\n", name, __LINE__, n);
         failedOnCode_ = true;
-        return spec_.codeResult ? static_cast<int>(errorCode_) : -1;
+        return cmd_.codeResult ? static_cast<int>(errorCode_) : -1;
     }
     return 0;
 }
 
 namespace {
-const CommandSpec kGetSubsystems{"get_subsystems", "GET_CONTROLLERHANDLEDB", 0, false};
+const CommandDef kGetSubsystems{"get_subsystems", "GET_CONTROLLERHANDLEDB", 0, false};
 constexpr uint32_t kGetSubsystemsDataLen = 312;
 constexpr size_t kSubsystemCountOffset = 44;
 constexpr size_t kSubsystemEntriesOffset = 52;
@@ -119,20 +119,20 @@ int Kelvane::get_subsystems(std::vector<SubsystemEntry>& list) {
 namespace {
 constexpr size_t kHandleOffset = 44;
 
-const CommandSpec kGetControllerData{"get_controller_data", "GET_CONTROLLER", 1, false};
-const CommandSpec kGetEvent{"get_event", "GET_EVENT", 9, false};
-const CommandSpec kGetEvents{"get_events", "GET_EVENT", 9, false};
-const CommandSpec kAssignSpare{"assign_spare", "ASSIGN_POOL_SPARE", 19, false};
-const CommandSpec kBlinkDrive{"blink_drive", "BLINK_DRIVE", 20, false};
-const CommandSpec kFlushCache{"flush_cache", "FLUSH_CACHE", 21, false};
-const CommandSpec kFreeCache{"free_cache", "FREE_CACHE", 22, false};
-const CommandSpec kSilenceAlarm{"silence_alarm", "SILENCE_ALARM", 23, false};
-const CommandSpec kGetPercent{"get_percent", "GET_PERCENT_COMPLETED", 28, false};
-const CommandSpec kSetAdvNet{"set_adv_net", "SET_ADV_NET_INTERFACE", 29, false};
-const CommandSpec kGetPartView{"get_part_view", "GET_PARTITION_VIEW", 70, false};
-const CommandSpec kRescanBus{"rescan_bus", "RESCAN_ALL_BUS", 105, false};
-const CommandSpec kGetNeedRefresh{"get_need_refresh", "GET_NEED_REFRESH", 108, true};
-const CommandSpec kGetUnified{"get_unified_controller_data", "GET_UNIFIED_CONTROLLER", 109, true};
+const CommandDef kGetControllerData{"get_controller_data", "GET_CONTROLLER", 1, false};
+const CommandDef kGetEvent{"get_event", "GET_EVENT", 9, false};
+const CommandDef kGetEvents{"get_events", "GET_EVENT", 9, false};
+const CommandDef kAssignSpare{"assign_spare", "ASSIGN_POOL_SPARE", 19, false};
+const CommandDef kBlinkDrive{"blink_drive", "BLINK_DRIVE", 20, false};
+const CommandDef kFlushCache{"flush_cache", "FLUSH_CACHE", 21, false};
+const CommandDef kFreeCache{"free_cache", "FREE_CACHE", 22, false};
+const CommandDef kSilenceAlarm{"silence_alarm", "SILENCE_ALARM", 23, false};
+const CommandDef kGetPercent{"get_percent", "GET_PERCENT_COMPLETED", 28, false};
+const CommandDef kSetAdvNet{"set_adv_net", "SET_ADV_NET_INTERFACE", 29, false};
+const CommandDef kGetPartView{"get_part_view", "GET_PARTITION_VIEW", 70, false};
+const CommandDef kRescanBus{"rescan_bus", "RESCAN_ALL_BUS", 105, false};
+const CommandDef kGetNeedRefresh{"get_need_refresh", "GET_NEED_REFRESH", 108, true};
+const CommandDef kGetUnified{"get_unified_controller_data", "GET_UNIFIED_CONTROLLER", 109, true};
 
 constexpr uint32_t kBlinkPauseMs = 5000;
 
@@ -141,10 +141,10 @@ void PutSerial(uint8_t* pkt, size_t offset, const uint8_t* serial) {
 }
 
 // A cleared command of a handle and, where given, a byte and a serial; answered by error_code.
-int HandleCommand(const CommandSpec& spec, uint32_t dataLen, uint32_t handle, int byteAt48, size_t serialAt,
+int HandleCommand(const CommandDef& cmd, uint32_t dataLen, uint32_t handle, int byteAt48, size_t serialAt,
                   const uint8_t* serial) {
-    CommandExchange x(spec);
-    DebugTrace("Kelvane::%s handle = 0x%08x\n", spec.method, handle);
+    CommandExchange x(cmd);
+    DebugTrace("Kelvane::%s handle = 0x%08x\n", cmd.method, handle);
     uint8_t* pkt = x.Begin(dataLen, true);
     if (pkt) {
         wire::StoreBe32(pkt + kHandleOffset, handle);
@@ -346,35 +346,35 @@ int Kelvane::get_unified_controller_data(uint32_t handle, UnifiedControllerData*
 // Provisioning, snapshots, views, cache and ownership, the authentication table, host lists.
 
 namespace {
-const CommandSpec kGetVersion{"get_version", "GET_VERSION", 11, false};
-const CommandSpec kSetPartName{"set_part_name", "SET_PART_NAME", 12, false};
-const CommandSpec kAddArrayPart{"add_array_part", "ADD_ARRAY_PART", 14, true};
-const CommandSpec kDeletePart{"delete_part", "DELETE_PART", 15, false};
-const CommandSpec kCreateArray{"create_array", "CREATE_ARRAY", 16, false};
-const CommandSpec kExpandPart{"expand_part", "EXPAND_PART", 17, false};
+const CommandDef kGetVersion{"get_version", "GET_VERSION", 11, false};
+const CommandDef kSetPartName{"set_part_name", "SET_PART_NAME", 12, false};
+const CommandDef kAddArrayPart{"add_array_part", "ADD_ARRAY_PART", 14, true};
+const CommandDef kDeletePart{"delete_part", "DELETE_PART", 15, false};
+const CommandDef kCreateArray{"create_array", "CREATE_ARRAY", 16, false};
+const CommandDef kExpandPart{"expand_part", "EXPAND_PART", 17, false};
 // Its failure lines borrow get_version's name; the OpCode shown is its own.
-const CommandSpec kExpandArray{"expand_array", "EXPAND_ARRAY", 18, false, "get_version"};
-const CommandSpec kDeleteArray{"delete_array", "DELETE_ARRAY", 24, false};
-const CommandSpec kAbortUtility{"abort_utility", "ABORT_UTILITY", 27, false};
-const CommandSpec kSetPartLun{"set_part_lun", "CHANGE_PART_LUN", 30, false};
-const CommandSpec kGetDmsTag{"get_dms_tag", "GET_DMS_TAG", 50, true};
+const CommandDef kExpandArray{"expand_array", "EXPAND_ARRAY", 18, false, "get_version"};
+const CommandDef kDeleteArray{"delete_array", "DELETE_ARRAY", 24, false};
+const CommandDef kAbortUtility{"abort_utility", "ABORT_UTILITY", 27, false};
+const CommandDef kSetPartLun{"set_part_lun", "CHANGE_PART_LUN", 30, false};
+const CommandDef kGetDmsTag{"get_dms_tag", "GET_DMS_TAG", 50, true};
 // Its format line names ADD_ARRAY_PART and 14 though the OpCode is 51.
-const CommandSpec kCreateSnapshot{"create_snapshot", "ADD_ARRAY_PART", 51, true, nullptr, 14};
-const CommandSpec kGetBackingStores{"get_backing_store_list", "GET_BACKING_STORE_LIST", 55, true};
-const CommandSpec kGetMasterVolumes{"get_master_volume_list", "GET_MASTER_VOLUME_LIST", 56, true};
-const CommandSpec kGetSnapshots{"get_snapshot_list", "GET_SNAPSHOT_LIST", 57, true};
-const CommandSpec kConvertMaster{"convert_master_volume", "CONVERT_MASTER_VOLUME", 61, true};
-const CommandSpec kCreateCustomView{"create_custom_view", "CREATE_CUSTOM_VIEW", 71, false};
-const CommandSpec kCacheParams{"change_partition_cache_params", "SET_PARTITION_CACHE_PARAM", 80, false};
-const CommandSpec kResetController{"reset_controller", "REBOOT_CONTROLLER", 85, false};
-const CommandSpec kSetOwner{"set_owner", "SET_PREFERRED_OWNER", 92, false};
-const CommandSpec kGetAuthRecord{"get_authDB_record", "GET_AUTHDB_RECORD", 113, true};
-const CommandSpec kSetTargetSecret{"set_target_secret", "SET_TARGET_SECRET", 115, true};
-const CommandSpec kClearTargetSecrets{"clear_all_target_secret", "CLEAR_ALL_TARGET_SECRET", 116, true};
-const CommandSpec kSetNamedTargetSecret{"set_target_secret", "SET_TARGET_SECRET_BY_NAME", 117, true};
-const CommandSpec kRememberInitiator{"remeber_initiator_secret", "REMEMBER_INITIATOR_SECRET", 118, true};
-const CommandSpec kGetKnownHosts{"get_flex_known_hosts", "GET_FLEX_KNOWN_HOSTS", 119, true};
-const CommandSpec kGetHbaInfo{"get_connect_Hba_info_list", "GET_CONNECT_HBA_INFO_LIST", 125, true};
+const CommandDef kCreateSnapshot{"create_snapshot", "ADD_ARRAY_PART", 51, true, nullptr, 14};
+const CommandDef kGetBackingStores{"get_backing_store_list", "GET_BACKING_STORE_LIST", 55, true};
+const CommandDef kGetMasterVolumes{"get_master_volume_list", "GET_MASTER_VOLUME_LIST", 56, true};
+const CommandDef kGetSnapshots{"get_snapshot_list", "GET_SNAPSHOT_LIST", 57, true};
+const CommandDef kConvertMaster{"convert_master_volume", "CONVERT_MASTER_VOLUME", 61, true};
+const CommandDef kCreateCustomView{"create_custom_view", "CREATE_CUSTOM_VIEW", 71, false};
+const CommandDef kCacheParams{"change_partition_cache_params", "SET_PARTITION_CACHE_PARAM", 80, false};
+const CommandDef kResetController{"reset_controller", "REBOOT_CONTROLLER", 85, false};
+const CommandDef kSetOwner{"set_owner", "SET_PREFERRED_OWNER", 92, false};
+const CommandDef kGetAuthRecord{"get_authDB_record", "GET_AUTHDB_RECORD", 113, true};
+const CommandDef kSetTargetSecret{"set_target_secret", "SET_TARGET_SECRET", 115, true};
+const CommandDef kClearTargetSecrets{"clear_all_target_secret", "CLEAR_ALL_TARGET_SECRET", 116, true};
+const CommandDef kSetNamedTargetSecret{"set_target_secret", "SET_TARGET_SECRET_BY_NAME", 117, true};
+const CommandDef kRememberInitiator{"remeber_initiator_secret", "REMEMBER_INITIATOR_SECRET", 118, true};
+const CommandDef kGetKnownHosts{"get_flex_known_hosts", "GET_FLEX_KNOWN_HOSTS", 119, true};
+const CommandDef kGetHbaInfo{"get_connect_Hba_info_list", "GET_CONNECT_HBA_INFO_LIST", 125, true};
 
 constexpr uint32_t kDeletePartPauseMs = 2000;
 constexpr uint32_t kCreateArrayPauseMs = 1000;
@@ -647,11 +647,11 @@ int Kelvane::get_backing_store_list(uint32_t handle, uint8_t controllerId, uint3
 
 namespace {
 // The master volume and snapshot lists: one request, one reply layout, different table sizes.
-int VolumeList(const CommandSpec& spec, uint32_t dataLen, uint32_t (*bound)(uint32_t), bool snapshots,
+int VolumeList(const CommandDef& cmd, uint32_t dataLen, uint32_t (*bound)(uint32_t), bool snapshots,
                uint32_t handle, uint8_t byteB, uint8_t byteA, const uint8_t* key, uint32_t* outCount,
                VolumeEntry* out) {
-    CommandExchange x(spec);
-    DebugTrace("Kelvane::%s handle = 0x%08x, %d, %d\n", spec.method, handle, byteA, byteB);
+    CommandExchange x(cmd);
+    DebugTrace("Kelvane::%s handle = 0x%08x, %d, %d\n", cmd.method, handle, byteA, byteB);
     uint8_t* pkt = x.Begin(dataLen, false);
     if (pkt) {
         wire::StoreBe32(pkt + kHandleOffset, handle);
@@ -670,7 +670,7 @@ int VolumeList(const CommandSpec& spec, uint32_t dataLen, uint32_t (*bound)(uint
     // The snapshot list is handed over with the array's code too, as long as the reply was sound.
     bool deliver = rc == 0 || (snapshots && x.failedOnErrorCode());
     if (!deliver) return rc;
-    uint32_t count = ListCount(spec.method, wire::LoadBe32(pkt + rec::kPktVolumeListCount), bound,
+    uint32_t count = ListCount(cmd.method, wire::LoadBe32(pkt + rec::kPktVolumeListCount), bound,
                                CarriedEntries(x.replyDataLen(), rec::kPktVolumeListEntries, rec::kVolumeEntrySize));
     std::memcpy(out, pkt + rec::kPktVolumeListEntries, count * rec::kVolumeEntrySize);
     *outCount = count;
@@ -825,13 +825,13 @@ struct AuthField {
 // Lengths are the caller's and the copy is exact; a length beyond its field is refused before
 // anything is sent, rather than spilling into the next field.
 // `out`, when given, receives the record from 52 on a zero error_code.
-int AuthCommand(const CommandSpec& spec, uint32_t handle, std::initializer_list<AuthField> fields,
+int AuthCommand(const CommandDef& cmd, uint32_t handle, std::initializer_list<AuthField> fields,
                 uint8_t* out = nullptr) {
-    CommandExchange x(spec);
-    DebugTrace("Kelvane::%s handle = 0x%08x\n", spec.method, handle);
+    CommandExchange x(cmd);
+    DebugTrace("Kelvane::%s handle = 0x%08x\n", cmd.method, handle);
     for (const AuthField& f : fields) {
         if (f.length > f.max || (f.length > 0 && !f.data)) {
-            DebugTrace("OOP!! Kelvane::%s a field of %u bytes at %u does not fit its %u bytes\n", spec.method,
+            DebugTrace("OOP!! Kelvane::%s a field of %u bytes at %u does not fit its %u bytes\n", cmd.method,
                        f.length, static_cast<unsigned>(f.at), f.max);
             return -1;
         }

@@ -3,7 +3,7 @@
 // Every command is one exchange in the packet buffer, run by CommandExchange, the one piece that
 // carries the reply rule:
 //
-//   CommandExchange x(kSpec);                  // takes kelvane_lock_vds, logs the entry line
+//   CommandExchange x(kCommand);               // takes kelvane_lock_vds, logs the entry line
 //   uint8_t* pkt = x.Begin(dataLen, cleared);  // header, DataLen, payload zeroed if `cleared`
 //   ... store the request fields at their packet offsets ...
 //   int rc = x.Run();                          // exchange and judge the reply: 0, -1 or the code
@@ -13,7 +13,7 @@
 // Run() sends 36 + DataLen bytes, takes up to 36 bytes of reply with one receive, reads the
 // payload only when exactly 36 came and DataLen isn't 0, then checks DataType (RSREPLY) and
 // OpCode, then error_code. Each failure is logged in the method's own name (or the name the
-// spec'd log borrows) and fails with -1; a non-zero error_code is returned as the value for
+// cmd'd log borrows) and fails with -1; a non-zero error_code is returned as the value for
 // commands whose result kind is "code". A reply that announces more payload than the packet
 // buffer holds fails without reading it: the buffer is never overrun.
 #pragma once
@@ -29,7 +29,7 @@
 // The mutex of one command exchange; made at module load. Null: commands run unlocked.
 extern MutexHandle hVdsMutex;
 
-struct CommandSpec {
+struct CommandDef {
     const char* method;   // "get_percent": log lines read "Kelvane::get_percent ..."
     const char* opName;   // "GET_PERCENT_COMPLETED": named in the DataType-or-OpCode line
     uint32_t opcode;
@@ -42,7 +42,7 @@ struct CommandSpec {
 
 class CommandExchange {
 public:
-    explicit CommandExchange(const CommandSpec& spec);
+    explicit CommandExchange(const CommandDef& cmd);
     ~CommandExchange();
     CommandExchange(const CommandExchange&) = delete;
     CommandExchange& operator=(const CommandExchange&) = delete;
@@ -64,7 +64,7 @@ public:
     bool failedOnErrorCode() const { return failedOnCode_; }
 
 private:
-    const CommandSpec& spec_;
+    const CommandDef& cmd_;
     uint8_t* pkt_ = nullptr;
     uint32_t dataLen_ = 0;
     uint32_t errorCode_ = 0;

@@ -56,7 +56,7 @@ private:
 
 enum class Length { None, hh, h, l, ll, z, j, t, L, I32, I64, Isize };
 
-struct Spec {
+struct Conversion {
     bool left = false;     // '-'
     bool plus = false;     // '+'
     bool space = false;    // ' '
@@ -69,12 +69,12 @@ struct Spec {
 };
 
 // Pads `s` to the field width, to the side the flags ask for.
-void PutPadded(Sink* out, const Spec& spec, const char* s, size_t n) {
-    size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+void PutPadded(Sink* out, const Conversion& cs, const char* s, size_t n) {
+    size_t width = cs.width > 0 ? static_cast<size_t>(cs.width) : 0;
     size_t pad = width > n ? width - n : 0;
-    if (!spec.left) out->PutChars(' ', pad);
+    if (!cs.left) out->PutChars(' ', pad);
     out->Put(s, n);
-    if (spec.left) out->PutChars(' ', pad);
+    if (cs.left) out->PutChars(' ', pad);
 }
 
 // The first `limit` code units of s (or all, limit < 0) without splitting a surrogate pair.
@@ -88,17 +88,17 @@ std::string WideArg(const WCHAR* s, int limit) {
 }
 
 // Builds "%<flags><width>.<precision><lengthText><conv>" for snprintf.
-std::string SubFormat(const Spec& spec, const char* lengthText, char conv) {
+std::string SubFormat(const Conversion& cs, const char* lengthText, char conv) {
     std::string f = "%";
-    if (spec.left) f += '-';
-    if (spec.plus) f += '+';
-    if (spec.space) f += ' ';
-    if (spec.alt) f += '#';
-    if (spec.zero) f += '0';
-    if (spec.width >= 0) f += std::to_string(spec.width);
-    if (spec.precision >= 0) {
+    if (cs.left) f += '-';
+    if (cs.plus) f += '+';
+    if (cs.space) f += ' ';
+    if (cs.alt) f += '#';
+    if (cs.zero) f += '0';
+    if (cs.width >= 0) f += std::to_string(cs.width);
+    if (cs.precision >= 0) {
         f += '.';
-        f += std::to_string(spec.precision);
+        f += std::to_string(cs.precision);
     }
     f += lengthText;
     f += conv;
@@ -123,9 +123,9 @@ void PutLibc(Sink* out, const std::string& fmt, T value) {
 }
 #pragma GCC diagnostic pop
 
-void PutSigned(Sink* out, const Spec& spec, va_list* ap) {
+void PutSigned(Sink* out, const Conversion& cs, va_list* ap) {
     long long v;
-    switch (spec.length) {
+    switch (cs.length) {
     case Length::hh: v = static_cast<signed char>(va_arg(*ap, int)); break;
     case Length::h: v = static_cast<short>(va_arg(*ap, int)); break;
     case Length::l: v = va_arg(*ap, long); break;
@@ -137,12 +137,12 @@ void PutSigned(Sink* out, const Spec& spec, va_list* ap) {
     case Length::t: v = static_cast<long long>(va_arg(*ap, ptrdiff_t)); break;
     default: v = va_arg(*ap, int); break;
     }
-    PutLibc(out, SubFormat(spec, "ll", 'd'), v);
+    PutLibc(out, SubFormat(cs, "ll", 'd'), v);
 }
 
-void PutUnsigned(Sink* out, const Spec& spec, va_list* ap) {
+void PutUnsigned(Sink* out, const Conversion& cs, va_list* ap) {
     unsigned long long v;
-    switch (spec.length) {
+    switch (cs.length) {
     case Length::hh: v = static_cast<unsigned char>(va_arg(*ap, unsigned)); break;
     case Length::h: v = static_cast<unsigned short>(va_arg(*ap, unsigned)); break;
     case Length::l: v = va_arg(*ap, unsigned long); break;
@@ -154,47 +154,47 @@ void PutUnsigned(Sink* out, const Spec& spec, va_list* ap) {
     case Length::t: v = static_cast<unsigned long long>(va_arg(*ap, ptrdiff_t)); break;
     default: v = va_arg(*ap, unsigned); break;
     }
-    PutLibc(out, SubFormat(spec, "ll", spec.conv), v);
+    PutLibc(out, SubFormat(cs, "ll", cs.conv), v);
 }
 
-void PutFloat(Sink* out, const Spec& spec, va_list* ap) {
-    if (spec.length == Length::L) {
+void PutFloat(Sink* out, const Conversion& cs, va_list* ap) {
+    if (cs.length == Length::L) {
         long double v = va_arg(*ap, long double);
-        PutLibc(out, SubFormat(spec, "L", spec.conv), v);
+        PutLibc(out, SubFormat(cs, "L", cs.conv), v);
     } else {
         double v = va_arg(*ap, double);
-        PutLibc(out, SubFormat(spec, "", spec.conv), v);
+        PutLibc(out, SubFormat(cs, "", cs.conv), v);
     }
 }
 
-void PutNarrowString(Sink* out, const Spec& spec, const char* s) {
+void PutNarrowString(Sink* out, const Conversion& cs, const char* s) {
     if (!s) s = "(null)";
     size_t n = 0;
-    while (s[n] && (spec.precision < 0 || n < static_cast<size_t>(spec.precision))) ++n;
-    PutPadded(out, spec, s, n);
+    while (s[n] && (cs.precision < 0 || n < static_cast<size_t>(cs.precision))) ++n;
+    PutPadded(out, cs, s, n);
 }
 
-void PutWideString(Sink* out, const Spec& spec, const WCHAR* s) {
+void PutWideString(Sink* out, const Conversion& cs, const WCHAR* s) {
     if (!s) {
-        PutNarrowString(out, spec, nullptr);
+        PutNarrowString(out, cs, nullptr);
         return;
     }
-    std::string text = WideArg(s, spec.precision);
-    PutPadded(out, spec, text.data(), text.size());
+    std::string text = WideArg(s, cs.precision);
+    PutPadded(out, cs, text.data(), text.size());
 }
 
-void PutWideChar(Sink* out, const Spec& spec, unsigned c) {
+void PutWideChar(Sink* out, const Conversion& cs, unsigned c) {
     WCHAR w[2] = {static_cast<WCHAR>(c), 0};
     // A lone NUL still occupies its column, as %c does.
     std::string text = w[0] ? WideToUtf8(std::u16string(w, 1)) : std::string(1, '\0');
-    PutPadded(out, spec, text.data(), text.size());
+    PutPadded(out, cs, text.data(), text.size());
 }
 
-void PutPointer(Sink* out, const Spec& spec, const void* p) {
+void PutPointer(Sink* out, const Conversion& cs, const void* p) {
     char text[2 * sizeof(void*) + 1];
     std::snprintf(text, sizeof text, "%0*llX", static_cast<int>(2 * sizeof(void*)),
                   static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(p)));
-    PutPadded(out, spec, text, std::strlen(text));
+    PutPadded(out, cs, text, std::strlen(text));
 }
 
 // Widths and precisions above this are clamped: no log line needs them, and the scratch buffer
@@ -227,74 +227,74 @@ int TrovVFormat(char* buf, size_t size, const char* format, va_list apIn) {
             out.Put(start, static_cast<size_t>(f - start));
             continue;
         }
-        const char* specStart = f;
+        const char* convStart = f;
         ++f;
         if (*f == '%') {
             out.Put("%", 1);
             ++f;
             continue;
         }
-        Spec spec;
+        Conversion cs;
         for (;; ++f) {
-            if (*f == '-') spec.left = true;
-            else if (*f == '+') spec.plus = true;
-            else if (*f == ' ') spec.space = true;
-            else if (*f == '#') spec.alt = true;
-            else if (*f == '0') spec.zero = true;
+            if (*f == '-') cs.left = true;
+            else if (*f == '+') cs.plus = true;
+            else if (*f == ' ') cs.space = true;
+            else if (*f == '#') cs.alt = true;
+            else if (*f == '0') cs.zero = true;
             else break;
         }
         if (*f == '*') {
             int w = va_arg(ap, int);
             if (w < 0) {
-                spec.left = true;
+                cs.left = true;
                 w = w < -kMaxField ? kMaxField : -w;
             }
-            spec.width = w > kMaxField ? kMaxField : w;
+            cs.width = w > kMaxField ? kMaxField : w;
             ++f;
         } else if (*f >= '0' && *f <= '9') {
-            spec.width = ReadNumber(&f);
+            cs.width = ReadNumber(&f);
         }
         if (*f == '.') {
             ++f;
             if (*f == '*') {
                 int p = va_arg(ap, int);
-                spec.precision = p < 0 ? -1 : (p > kMaxField ? kMaxField : p);
+                cs.precision = p < 0 ? -1 : (p > kMaxField ? kMaxField : p);
                 ++f;
             } else {
-                spec.precision = ReadNumber(&f);
+                cs.precision = ReadNumber(&f);
             }
         }
-        if (f[0] == 'h' && f[1] == 'h') spec.length = Length::hh, f += 2;
-        else if (f[0] == 'h') spec.length = Length::h, f += 1;
-        else if (f[0] == 'l' && f[1] == 'l') spec.length = Length::ll, f += 2;
-        else if (f[0] == 'l') spec.length = Length::l, f += 1;
-        else if (f[0] == 'q') spec.length = Length::ll, f += 1;
-        else if (f[0] == 'z') spec.length = Length::z, f += 1;
-        else if (f[0] == 'j') spec.length = Length::j, f += 1;
-        else if (f[0] == 't') spec.length = Length::t, f += 1;
-        else if (f[0] == 'L') spec.length = Length::L, f += 1;
-        else if (f[0] == 'I' && f[1] == '6' && f[2] == '4') spec.length = Length::I64, f += 3;
-        else if (f[0] == 'I' && f[1] == '3' && f[2] == '2') spec.length = Length::I32, f += 3;
-        else if (f[0] == 'I') spec.length = Length::Isize, f += 1;
-        else if (f[0] == 'w') spec.length = Length::l, f += 1;  // %ws, %wc: wide
+        if (f[0] == 'h' && f[1] == 'h') cs.length = Length::hh, f += 2;
+        else if (f[0] == 'h') cs.length = Length::h, f += 1;
+        else if (f[0] == 'l' && f[1] == 'l') cs.length = Length::ll, f += 2;
+        else if (f[0] == 'l') cs.length = Length::l, f += 1;
+        else if (f[0] == 'q') cs.length = Length::ll, f += 1;
+        else if (f[0] == 'z') cs.length = Length::z, f += 1;
+        else if (f[0] == 'j') cs.length = Length::j, f += 1;
+        else if (f[0] == 't') cs.length = Length::t, f += 1;
+        else if (f[0] == 'L') cs.length = Length::L, f += 1;
+        else if (f[0] == 'I' && f[1] == '6' && f[2] == '4') cs.length = Length::I64, f += 3;
+        else if (f[0] == 'I' && f[1] == '3' && f[2] == '2') cs.length = Length::I32, f += 3;
+        else if (f[0] == 'I') cs.length = Length::Isize, f += 1;
+        else if (f[0] == 'w') cs.length = Length::l, f += 1;  // %ws, %wc: wide
 
-        spec.conv = *f;
+        cs.conv = *f;
         if (!*f) {
             // A format that ends inside a conversion: show what stood there.
-            out.Put(specStart, static_cast<size_t>(f - specStart));
+            out.Put(convStart, static_cast<size_t>(f - convStart));
             break;
         }
         ++f;
-        switch (spec.conv) {
+        switch (cs.conv) {
         case 'd':
         case 'i':
-            PutSigned(&out, spec, &ap);
+            PutSigned(&out, cs, &ap);
             break;
         case 'u':
         case 'x':
         case 'X':
         case 'o':
-            PutUnsigned(&out, spec, &ap);
+            PutUnsigned(&out, cs, &ap);
             break;
         case 'e':
         case 'E':
@@ -304,30 +304,30 @@ int TrovVFormat(char* buf, size_t size, const char* format, va_list apIn) {
         case 'G':
         case 'a':
         case 'A':
-            PutFloat(&out, spec, &ap);
+            PutFloat(&out, cs, &ap);
             break;
         case 'c':
-            if (spec.length == Length::l) {
-                PutWideChar(&out, spec, va_arg(ap, unsigned));
+            if (cs.length == Length::l) {
+                PutWideChar(&out, cs, va_arg(ap, unsigned));
             } else {
                 char c = static_cast<char>(va_arg(ap, int));
-                PutPadded(&out, spec, &c, 1);
+                PutPadded(&out, cs, &c, 1);
             }
             break;
         case 'C':
-            PutWideChar(&out, spec, va_arg(ap, unsigned));
+            PutWideChar(&out, cs, va_arg(ap, unsigned));
             break;
         case 's':
-            if (spec.length == Length::l) PutWideString(&out, spec, va_arg(ap, const WCHAR*));
-            else PutNarrowString(&out, spec, va_arg(ap, const char*));
+            if (cs.length == Length::l) PutWideString(&out, cs, va_arg(ap, const WCHAR*));
+            else PutNarrowString(&out, cs, va_arg(ap, const char*));
             break;
         case 'S':
             // %hS names a narrow string on the original platform; plain %S a wide one.
-            if (spec.length == Length::h) PutNarrowString(&out, spec, va_arg(ap, const char*));
-            else PutWideString(&out, spec, va_arg(ap, const WCHAR*));
+            if (cs.length == Length::h) PutNarrowString(&out, cs, va_arg(ap, const char*));
+            else PutWideString(&out, cs, va_arg(ap, const WCHAR*));
             break;
         case 'p':
-            PutPointer(&out, spec, va_arg(ap, const void*));
+            PutPointer(&out, cs, va_arg(ap, const void*));
             break;
         case 'n':
             // Writing through a pointer taken from a log argument helps nobody: consumed, ignored.
@@ -335,7 +335,7 @@ int TrovVFormat(char* buf, size_t size, const char* format, va_list apIn) {
             break;
         default:
             // Unknown conversion: printed as it stands, no argument consumed.
-            out.Put(specStart, static_cast<size_t>(f - specStart));
+            out.Put(convStart, static_cast<size_t>(f - convStart));
             break;
         }
         if (out.Full()) break;
