@@ -12,9 +12,9 @@
 //
 // Run() sends 36 + DataLen bytes, takes up to 36 bytes of reply with one receive, reads the
 // payload only when exactly 36 came and DataLen isn't 0, then checks DataType (RSREPLY) and
-// OpCode, then error_code. Each failure is logged in the method's own name (or, for a few commands,
-// the name of another command they borrow) and fails with -1; a non-zero error_code is returned as the value for
-// commands whose result kind is "code". A reply that announces more payload than the packet
+// OpCode, then error_code. Each failure is logged in the method's own name (a few commands borrow
+// another's) and fails with -1; a non-zero error_code is returned as the value for commands whose
+// result kind is "code". A reply that announces more payload than the packet
 // buffer holds fails without reading it: the buffer is never overrun.
 #pragma once
 
