@@ -10,6 +10,7 @@
 #include "objects/drive.h"
 #include "objects/enumerator.h"
 #include "objects/lun.h"
+#include "objects/object_util.h"
 #include "objects/pool.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
@@ -227,8 +228,7 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
         ss->AddRef();
         ss->Initialize(&id, this, e);
         DebugTrace("OnLoad: finished initializing subsystem %ls\n", ss->FriendlyName() ? ss->FriendlyName() : u"");
-        if (!m_mapSubSystems.emplace(id, ObjectEntry{VDS_OT_SUB_SYSTEM, static_cast<IVdsSubSystem*>(ss)}).second)
-            ss->Release();  // the map holds it already
+        EnterInMap(m_mapSubSystems, id, VDS_OT_SUB_SYSTEM, static_cast<IVdsSubSystem*>(ss));
     }
     DebugTrace("Setting provider online\n");
     isProviderOnline = 1;

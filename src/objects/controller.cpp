@@ -60,10 +60,7 @@ void CController::Dispose() {
     ReleaseMap(m_ports);
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
     std::memset(&m_prop, 0, sizeof m_prop);
-    if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
-    if (m_pProvider) static_cast<IVdsProvider*>(m_pProvider)->Release();
-    m_pSubSystem = nullptr;
-    m_pProvider = nullptr;
+    ReleaseParents(&m_pProvider, &m_pSubSystem, nullptr);
     m_initialised = 0;
 }
 
@@ -78,10 +75,7 @@ HRESULT CController::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CS
     }
     Dispose();
     m_initialised = kInitialisedMark;
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
-    m_pProvider = provider;
-    m_pSubSystem = subsystem;
+    HoldParents(provider, subsystem, nullptr, &m_pProvider, &m_pSubSystem, nullptr);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_CONTROLLER, static_cast<IVdsController*>(this)});
 
@@ -185,8 +179,7 @@ void CController::AddDrives(const ControllerData& cd) {
             if (!drive) continue;
             drive->AddRef();
             drive->Initialize(&id, m_pProvider, ss, this, &d);
-            if (!ss->m_drives.emplace(id, ObjectEntry{VDS_OT_DRIVE, static_cast<IVdsDrive*>(drive)}).second)
-                drive->Release();
+            EnterInMap(ss->m_drives, id, VDS_OT_DRIVE, static_cast<IVdsDrive*>(drive));
             std::string sn = FieldText(d.serialNumber, 32);
             DebugTrace("  Drive %-20s encl %d bus %d slot %2d guid %08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X\n",
                        sn.c_str(), d.enclosureNumber, d.channel, d.slotNumber, id.Data1, id.Data2, id.Data3,
@@ -224,18 +217,8 @@ void CController::AddDrives(const ControllerData& cd) {
     }
 }
 
-namespace {
-// Enters an object in a map under its id; an id already there keeps its entry, and the new
-// reference goes back.
-template <class I>
-void Enter(ObjectMap& map, const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE kind, I* obj) {
-    if (!map.emplace(id, ObjectEntry{kind, obj}).second) obj->Release();
-}
-}  // namespace
-
 void CController::AddVolumes(const ControllerData& cd, uint32_t a) {
     const ArrayData& array = cd.array(a);
-    CSubSystem* ss = m_pSubSystem;
     uint32_t parts = cd.partitionCountOf(a);
     for (uint32_t p = 0; p < parts; ++p) {
         if (cd.controllerState != TROV_CTRL_STATE_NORMAL) break;
@@ -255,23 +238,22 @@ void CController::AddVolumes(const ControllerData& cd, uint32_t a) {
         }
         DebugTrace("CController::Initialize() adding partition type %d name \"%s\"\n", part.partitionType,
                    name.c_str());
-        VDS_OBJECT_ID id{};
-        CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, &part));
-        if (!lun) continue;
-        static_cast<IVdsLun*>(lun)->AddRef();
-        lun->Initialize(&id, m_pProvider, ss, this, &array, &part);
-        Enter(ss->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+        AddLun(array, &part);
     }
     if (parts == 0 && cd.controllerState == TROV_CTRL_STATE_NORMAL) {
         std::string arrayName = FieldText(array.name, sizeof array.name);
         DebugTrace("CController::Initialize() adding partition-less container \"%s\"\n", arrayName.c_str());
-        VDS_OBJECT_ID id{};
-        CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, nullptr));
-        if (!lun) return;
-        static_cast<IVdsLun*>(lun)->AddRef();
-        lun->Initialize(&id, m_pProvider, ss, this, &array, nullptr);
-        Enter(ss->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+        AddLun(array, nullptr);
     }
+}
+
+void CController::AddLun(const ArrayData& array, const PartitionData* partition) {
+    VDS_OBJECT_ID id{};
+    CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, partition));
+    if (!lun) return;
+    static_cast<IVdsLun*>(lun)->AddRef();
+    lun->Initialize(&id, m_pProvider, m_pSubSystem, this, &array, partition);
+    EnterInMap(m_pSubSystem->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
 }
 
 void CController::AddPool(const ArrayData& array) {
@@ -280,7 +262,7 @@ void CController::AddPool(const ArrayData& array) {
     if (!pool) return;
     static_cast<IVdsStoragePool*>(pool)->AddRef();
     pool->Initialize(&id, m_pProvider, m_pSubSystem, &array, DriveClassOf(array.driveType));
-    Enter(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
+    EnterInMap(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
 }
 
 void CController::AddTarget(const ControllerData& cd, const UnifiedControllerData& unified) {
@@ -304,7 +286,7 @@ void CController::AddTarget(const ControllerData& cd, const UnifiedControllerDat
     if (!target) return;
     static_cast<IVdsIscsiTarget*>(target)->AddRef();
     target->Initialize(&id, m_pProvider, ss, this, &cd);
-    Enter(ss->m_targets, id, VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(target));
+    EnterInMap(ss->m_targets, id, VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(target));
 }
 
 void CController::AddPortals(const ControllerData& cd) {
@@ -315,7 +297,7 @@ void CController::AddPortals(const ControllerData& cd) {
         if (!portal) continue;
         static_cast<IVdsIscsiPortal*>(portal)->AddRef();
         portal->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
-        Enter(m_pSubSystem->m_portals, id, VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(portal));
+        EnterInMap(m_pSubSystem->m_portals, id, VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(portal));
     }
 }
 
@@ -329,7 +311,7 @@ void CController::AddPortalGroups(const ControllerData& cd) {
         if (!group) continue;
         static_cast<IVdsIscsiPortalGroup*>(group)->AddRef();
         group->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
-        Enter(m_pSubSystem->m_portalGroups, id, VDS_OT_PORTAL_GROUP, static_cast<IVdsIscsiPortalGroup*>(group));
+        EnterInMap(m_pSubSystem->m_portalGroups, id, VDS_OT_PORTAL_GROUP, static_cast<IVdsIscsiPortalGroup*>(group));
     }
 }
 
@@ -348,7 +330,7 @@ void CController::AddPorts(const ControllerData& cd) {
         DebugTrace("CControllerPort::Initialize(): pPort = %p\n", static_cast<void*>(p));
         p->AddRef();
         p->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, ch);
-        if (!m_ports.emplace(id, ObjectEntry{VDS_OT_PORT, static_cast<IVdsControllerPort*>(p)}).second) p->Release();
+        EnterInMap(m_ports, id, VDS_OT_PORT, static_cast<IVdsControllerPort*>(p));
     }
 }
 
@@ -363,13 +345,7 @@ HRESULT CController::GetProperties(VDS_CONTROLLER_PROP* pControllerProp) {
     return S_OK;
 }
 
-HRESULT CController::GetSubSystem(IVdsSubSystem** ppSubSystem) {
-    if (!ppSubSystem) return E_POINTER;
-    if (!m_pSubSystem) return E_UNEXPECTED;
-    *ppSubSystem = static_cast<IVdsSubSystem*>(m_pSubSystem);
-    (*ppSubSystem)->AddRef();
-    return S_OK;
-}
+HRESULT CController::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
 
 HRESULT CController::GetPortProperties(SHORT sPortNumber, VDS_PORT_PROP* pPortProp) {
     if (!pPortProp) return E_POINTER;

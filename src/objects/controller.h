@@ -76,6 +76,8 @@ private:
     void AddPorts(const ControllerData& cd);
     // The LUNs of array `a` (or its dummy volume), its pool, the target, portals and groups.
     void AddVolumes(const ControllerData& cd, uint32_t a);
+    // One LUN of the array: a partition, or the dummy volume when `partition` is null.
+    void AddLun(const ArrayData& array, const PartitionData* partition);
     void AddPool(const ArrayData& array);
     void AddTarget(const ControllerData& cd, const UnifiedControllerData& unified);
     void AddPortals(const ControllerData& cd);

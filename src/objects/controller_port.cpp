@@ -13,19 +13,6 @@
 #include "platform/wstr.h"
 #include "support/debuglog.h"
 
-namespace {
-std::string HexBytes(const uint8_t* p, size_t n, const char* sep) {
-    std::string out;
-    char b[4];
-    for (size_t i = 0; i < n; ++i) {
-        if (i && *sep) out += sep;
-        std::snprintf(b, sizeof b, "%02X", p[i]);
-        out += b;
-    }
-    return out;
-}
-}  // namespace
-
 CControllerPort::CControllerPort() : CVdsBase(VDS_OT_PORT) {}
 
 CControllerPort::~CControllerPort() { Dispose(); }
@@ -62,12 +49,7 @@ void CControllerPort::Dispose() {
     FreeObjectString(m_prop.pwszIdentification);
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
     std::memset(&m_prop, 0, sizeof m_prop);
-    if (m_pController) static_cast<IVdsController*>(m_pController)->Release();
-    if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
-    if (m_pProvider) static_cast<IVdsProvider*>(m_pProvider)->Release();
-    m_pController = nullptr;
-    m_pSubSystem = nullptr;
-    m_pProvider = nullptr;
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
     m_initialised = 0;
 }
 
@@ -78,12 +60,7 @@ HRESULT CControllerPort::Initialize(const VDS_OBJECT_ID* id, CProvider* provider
     CLockGuard lock("CControllerPort::Initialize", hNotificationMutex);
     Dispose();
     m_initialised = CController::kInitialisedMark;
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
-    static_cast<IVdsController*>(controller)->AddRef();
-    m_pProvider = provider;
-    m_pSubSystem = subsystem;
-    m_pController = controller;
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_PORT, static_cast<IVdsControllerPort*>(this)});
 

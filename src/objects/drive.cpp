@@ -84,12 +84,7 @@ HRESULT CDrive::InternalQueryInterface(REFIID riid, void** ppv) {
 void CDrive::ReleaseAll() {
     FreeObjectString(m_prop.pwszFriendlyName);
     FreeObjectString(m_prop.pwszIdentification);
-    if (m_pController) static_cast<IVdsController*>(m_pController)->Release();
-    if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
-    if (m_pProvider) static_cast<IVdsProvider*>(m_pProvider)->Release();
-    m_pController = nullptr;
-    m_pSubSystem = nullptr;
-    m_pProvider = nullptr;
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
 }
 
 void CDrive::Dispose() {
@@ -126,12 +121,7 @@ HRESULT CDrive::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSys
     if (!id || !provider || !subsystem || !record) return E_POINTER;
     ReleaseAll();
     std::memset(&m_prop, 0, sizeof m_prop);
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
-    if (controller) static_cast<IVdsController*>(controller)->AddRef();
-    m_pProvider = provider;
-    m_pSubSystem = subsystem;
-    m_pController = controller;
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_DRIVE, static_cast<IVdsDrive*>(this)});
 
@@ -268,10 +258,7 @@ HRESULT CDrive::GetProperties2(VDS_DRIVE_PROP2* pDriveProp2) {
 HRESULT CDrive::GetSubSystem(IVdsSubSystem** ppSubSystem) {
     if (!ppSubSystem) return E_POINTER;
     CLockGuard lock("CDrive::GetSubSystem", hNotificationMutex);
-    if (!m_pSubSystem) return E_UNEXPECTED;
-    *ppSubSystem = static_cast<IVdsSubSystem*>(m_pSubSystem);
-    (*ppSubSystem)->AddRef();
-    return S_OK;
+    return HandOutSubSystem(m_pSubSystem, ppSubSystem);
 }
 
 HRESULT CDrive::SetStatus(VDS_DRIVE_STATUS) {

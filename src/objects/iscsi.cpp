@@ -11,6 +11,7 @@
 #include "core/provider.h"
 #include "objects/async.h"
 #include "objects/controller.h"
+#include "objects/controller_port.h"
 #include "objects/enumerator.h"
 #include "objects/lun.h"
 #include "objects/object_util.h"
@@ -20,50 +21,11 @@
 #include "support/debuglog.h"
 
 namespace {
-constexpr uint32_t kPortalMark = 0x132B41A;  // 20100122: set by Initialize
 constexpr ULONG kDefaultIscsiPort = 3260;
-
-// References on the three parents, stored where the object keeps them.
-void TakeRefs(CProvider* provider, CSubSystem* subsystem, CController* controller, CProvider*& p, CSubSystem*& s,
-              CController*& c) {
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
-    static_cast<IVdsController*>(controller)->AddRef();
-    p = provider;
-    s = subsystem;
-    c = controller;
-}
-
-void DropRefs(CProvider*& provider, CSubSystem*& subsystem, CController*& controller) {
-    if (controller) static_cast<IVdsController*>(controller)->Release();
-    if (subsystem) static_cast<IVdsSubSystem*>(subsystem)->Release();
-    if (provider) static_cast<IVdsProvider*>(provider)->Release();
-    controller = nullptr;
-    subsystem = nullptr;
-    provider = nullptr;
-}
-
-HRESULT GetSubSystemOf(CSubSystem* s, IVdsSubSystem** pp) {
-    if (!pp) return E_POINTER;
-    if (!s) return E_UNEXPECTED;
-    *pp = static_cast<IVdsSubSystem*>(s);
-    (*pp)->AddRef();
-    return S_OK;
-}
 
 HRESULT NotSupported(const char* line) {
     DebugTrace("%s", line);
     return VDS_E_NOT_SUPPORTED;
-}
-
-std::string Ipv6Text(const uint8_t* a) {
-    std::string s;
-    char b[4];
-    for (int i = 0; i < 16; ++i) {
-        std::snprintf(b, sizeof b, i ? ":%02X" : "%02X", a[i]);
-        s += b;
-    }
-    return s;
 }
 
 // The host's copy of a target's name: a 514-byte block of task memory (256 characters and the
@@ -79,13 +41,6 @@ LPWSTR TaskName(const WCHAR* text) {
 // A narrow copy of a wide text for the array's tables.
 std::string Narrow(const WCHAR* s) { return s ? WideToUtf8(s) : std::string(); }
 
-// A block of (length + 1) wide characters holding `text`, from task memory.
-LPWSTR TaskString(const std::u16string& text) {
-    auto* p = static_cast<WCHAR*>(CoTaskMemAlloc((text.size() + 1) * sizeof(WCHAR)));
-    if (!p) return nullptr;
-    std::memcpy(p, text.c_str(), (text.size() + 1) * sizeof(WCHAR));
-    return p;
-}
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -115,14 +70,14 @@ void CIscsiTarget::Dispose() {
     FreeObjectString(m_prop.pwszIscsiName);
     FreeObjectString(m_prop.pwszFriendlyName);
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
-    DropRefs(m_pProvider, m_pSubSystem, m_pController);
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
 }
 
 void CIscsiTarget::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem,
                               CController* controller, const ControllerData* record) {
     if (!id || !provider || !subsystem || !controller || !record) return;
     Dispose();
-    TakeRefs(provider, subsystem, controller, m_pProvider, m_pSubSystem, m_pController);
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     std::memset(&m_prop, 0, sizeof m_prop);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(this)});
@@ -168,7 +123,7 @@ HRESULT CIscsiTarget::GetProperties(VDS_ISCSI_TARGET_PROP* pTargetProp) {
     return S_OK;
 }
 
-HRESULT CIscsiTarget::GetSubSystem(IVdsSubSystem** ppSubSystem) { return GetSubSystemOf(m_pSubSystem, ppSubSystem); }
+HRESULT CIscsiTarget::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
 
 HRESULT CIscsiTarget::QueryPortalGroups(IEnumVdsObject** ppEnum) {
     if (!ppEnum) return E_POINTER;
@@ -337,7 +292,7 @@ HRESULT CIscsiTarget::GetConnectedInitiators(LPWSTR** pppwszInitiatorList, LONG*
     if (!list) return E_OUTOFMEMORY;
     for (uint32_t i = 0; i < count; ++i) {
         const KnownHostEntry& h = hosts->entries[i];
-        list[i] = TaskString(Utf8ToWide(FieldText(h.hostName, sizeof h.hostName)));
+        list[i] = FromU16(Utf8ToWide(FieldText(h.hostName, sizeof h.hostName)));
         if (!list[i]) {
             for (uint32_t j = 0; j < i; ++j) CoTaskMemFree(list[j]);
             CoTaskMemFree(list);
@@ -364,22 +319,13 @@ HRESULT CIscsiPortal::InternalQueryInterface(REFIID riid, void** ppv) {
 }
 
 std::u16string CIscsiPortal::KeyText(const PortData& port) {
-    const IscsiInterface& ip = port.interface.iscsi;
-    std::string text;
-    if (ip.ipVersion == 4) {
-        const uint8_t* a = ip.ipv4();
-        char b[20];
-        std::snprintf(b, sizeof b, "%d.%d.%d.%d", a[0], a[1], a[2], a[3]);
-        text = b;
-    } else if (ip.ipVersion == 6) {
-        text = Ipv6Text(ip.ipAddress);
-    }
-    return AsciiToWide((text + " Portal").c_str());
+    bool known = false;
+    return CControllerPort::AddressName(port, &known) + u" Portal";
 }
 
 void CIscsiPortal::Dispose() {
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
-    DropRefs(m_pProvider, m_pSubSystem, m_pController);
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
     m_initialised = 0;
 }
 
@@ -388,32 +334,26 @@ HRESULT CIscsiPortal::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, C
     if (!id || !provider || !subsystem || !controller || !record) return E_POINTER;
     CLockGuard lock("CIscsiPortal::Initialize", hNotificationMutex);
     Dispose();
-    m_initialised = kPortalMark;
-    TakeRefs(provider, subsystem, controller, m_pProvider, m_pSubSystem, m_pController);
+    m_initialised = CController::kInitialisedMark;
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     std::memset(&m_prop, 0, sizeof m_prop);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(this)});
     const IscsiInterface& ip = record->port(index).interface.iscsi;
     m_prop.status = ip.linkUp ? VDS_IPS_ONLINE : VDS_IPS_OFFLINE;
-    std::string text;
     if (ip.ipVersion == 4) {
-        const uint8_t* a = ip.ipv4();
         m_prop.address.type = VDS_IPT_IPV4;
-        std::memcpy(&m_prop.address.ipv4Address, a, 4);  // first octet at the lowest address
+        std::memcpy(&m_prop.address.ipv4Address, ip.ipv4(), 4);  // first octet at the lowest address
         m_prop.address.ulPort = ip.servicePort ? ip.servicePort : kDefaultIscsiPort;
-        char b[20];
-        std::snprintf(b, sizeof b, "%d.%d.%d.%d", a[0], a[1], a[2], a[3]);
-        text = b;
         DebugTrace("CIscsiPortal::Initialize() iSCSIinfo.servicePort = %d !!\n", static_cast<int>(ip.servicePort));
     } else if (ip.ipVersion == 6) {
         m_prop.address.type = VDS_IPT_IPV6;
         std::memcpy(m_prop.address.ipv6Address, ip.ipAddress, 16);
         // The default port is the IPv4 branch's alone.
         m_prop.address.ulPort = ip.servicePort;
-        text = Ipv6Text(ip.ipAddress);
     }
-    std::u16string wide = AsciiToWide(text.c_str());
-    WStrNCpy(m_prop.address.wszTextAddress, 257, wide.c_str());
+    bool known = false;
+    WStrNCpy(m_prop.address.wszTextAddress, 257, CControllerPort::AddressName(record->port(index), &known).c_str());
     m_Owner = record->controller.controllerId;
     m_tag = TagFor(m_Owner, index);
     provider->RememberObject(*id, KeyText(record->port(index)), this, static_cast<IVdsIscsiPortal*>(this));
@@ -427,7 +367,7 @@ HRESULT CIscsiPortal::GetProperties(VDS_ISCSI_PORTAL_PROP* pPortalProp) {
     return S_OK;
 }
 
-HRESULT CIscsiPortal::GetSubSystem(IVdsSubSystem** ppSubSystem) { return GetSubSystemOf(m_pSubSystem, ppSubSystem); }
+HRESULT CIscsiPortal::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
 
 HRESULT CIscsiPortal::QueryAssociatedPortalGroups(IEnumVdsObject** ppEnum) {
     if (!ppEnum) return E_POINTER;
@@ -478,7 +418,7 @@ std::u16string CIscsiPortalGroup::KeyText(uint16_t tag) { return AsciiToWide(std
 
 void CIscsiPortalGroup::Dispose() {
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
-    DropRefs(m_pProvider, m_pSubSystem, m_pController);
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
 }
 
 void CIscsiPortalGroup::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem,
@@ -486,7 +426,7 @@ void CIscsiPortalGroup::Initialize(const VDS_OBJECT_ID* id, CProvider* provider,
     if (!id || !provider || !subsystem || !controller || !record) return;
     CLockGuard lock("CIscsiPortalGroup::Initialize", hNotificationMutex);
     Dispose();
-    TakeRefs(provider, subsystem, controller, m_pProvider, m_pSubSystem, m_pController);
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     std::memset(&m_prop, 0, sizeof m_prop);
     m_prop.id = *id;
     // Registered under the portal's kind and with the portal's log line: a slip kept as it is;

@@ -103,16 +103,6 @@ VDS_LUN_PLEX_TYPE PlexTypeFor(VDS_LUN_TYPE lunType, uint32_t members) {
     }
 }
 
-std::string HexText(const uint8_t* bytes, size_t n) {
-    std::string s;
-    char b[3];
-    for (size_t i = 0; i < n; ++i) {
-        std::snprintf(b, sizeof b, "%02X", bytes[i]);
-        s += b;
-    }
-    return s;
-}
-
 namespace {
 void DiskSnBytes(const uint8_t* p, uint8_t out[16]) {
     std::memset(out, 0, 16);
@@ -130,7 +120,7 @@ void DiskSnBytes(const uint8_t* p, uint8_t out[16]) {
 std::string DiskSnFromPartitionSnNew(const uint8_t* partSn) {
     uint8_t b[16];
     DiskSnBytes(partSn, b);
-    std::string s = HexText(b, 16);
+    std::string s = HexBytes(b, 16);
     DebugTrace("DiskSn string: %s\n", s.c_str());
     return s;
 }
@@ -217,15 +207,11 @@ HRESULT CLunPlex::InternalQueryInterface(REFIID riid, void** ppv) {
 void CLunPlex::Dispose() {
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
     if (m_pLun) static_cast<IVdsLun*>(m_pLun)->Release();
-    if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
-    if (m_pProvider) static_cast<IVdsProvider*>(m_pProvider)->Release();
     m_pLun = nullptr;
-    m_pSubSystem = nullptr;
-    m_pProvider = nullptr;
+    ReleaseParents(&m_pProvider, &m_pSubSystem, nullptr);
 }
 
-bool CLunPlex::HoldsDrive(const CDrive& d, bool countForStatus) const {
-    (void)countForStatus;
+bool CLunPlex::HoldsDrive(const CDrive& d) const {
     bool spare = (d.Flags() & VDS_DRF_HOTSPARE) != 0;
     if (d.IsFree() && !spare) return false;
     if (!rec::ArrayKeyMatches(d.DriveBlock(), m_pLun->m_ArraySn)) return false;
@@ -238,11 +224,8 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
                           bool mirrorHalf, bool firstHalf) {
     if (!id || !provider || !subsystem || !lun) return;
     Dispose();
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
+    HoldParents(provider, subsystem, nullptr, &m_pProvider, &m_pSubSystem, nullptr);
     static_cast<IVdsLun*>(lun)->AddRef();
-    m_pProvider = provider;
-    m_pSubSystem = subsystem;
     m_pLun = lun;
     m_isMirrorHalf = mirrorHalf;
     m_isFirstHalf = firstHalf;
@@ -256,7 +239,7 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
 
     uint32_t drives = 0;
     for (auto& [did, e] : subsystem->m_drives)
-        if (auto* d = dynamic_cast<CDrive*>(e.pObject); d && HoldsDrive(*d, true)) ++drives;
+        if (auto* d = dynamic_cast<CDrive*>(e.pObject); d && HoldsDrive(*d)) ++drives;
     if (m_isMirrorHalf && lp.health == VDS_H_FAILING_REDUNDANCY) {
         // A mirror half that kept all its drives is whole; one that lost any has failed.
         uint32_t half = lun->MemberAmount() / 2;
@@ -303,7 +286,7 @@ HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberO
     std::vector<VDS_DRIVE_EXTENT> kept;
     for (auto& [did, e] : m_pSubSystem->m_drives) {
         auto* d = dynamic_cast<CDrive*>(e.pObject);
-        if (!d || !HoldsDrive(*d, false)) continue;
+        if (!d || !HoldsDrive(*d)) continue;
         VDS_DRIVE_EXTENT* ext = nullptr;
         LONG n = 0;
         if (FAILED(d->QueryExtents(&ext, &n)) || !ext) continue;
@@ -360,7 +343,7 @@ HRESULT CLun::InternalQueryInterface(REFIID riid, void** ppv) {
 }
 
 std::u16string CLun::KeyText(const ArrayData& array, const PartitionData* partition) {
-    return AsciiToWide((partition ? HexText(partition->PartSn, 13) : HexText(array.serialNumber, 16)).c_str());
+    return AsciiToWide((partition ? HexBytes(partition->PartSn, 13) : HexBytes(array.serialNumber, 16)).c_str());
 }
 
 CVdsBase::SortKey CLun::GetSortKey() const {
@@ -398,12 +381,7 @@ void CLun::Dispose() {
     FreeObjectString(m_prop.pwszUnmaskingList);
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
     std::memset(&m_prop, 0, sizeof m_prop);
-    if (m_pController) static_cast<IVdsController*>(m_pController)->Release();
-    if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
-    if (m_pProvider) static_cast<IVdsProvider*>(m_pProvider)->Release();
-    m_pController = nullptr;
-    m_pSubSystem = nullptr;
-    m_pProvider = nullptr;
+    ReleaseParents(&m_pProvider, &m_pSubSystem, &m_pController);
 }
 
 void CLun::TearDown() {
@@ -461,12 +439,7 @@ void CLun::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* 
     if (!id || !provider || !subsystem || !controller || !array) return;
     InitializeCounter counter;
     Dispose();
-    static_cast<IVdsProvider*>(provider)->AddRef();
-    static_cast<IVdsSubSystem*>(subsystem)->AddRef();
-    static_cast<IVdsController*>(controller)->AddRef();
-    m_pProvider = provider;
-    m_pSubSystem = subsystem;
-    m_pController = controller;
+    HoldParents(provider, subsystem, controller, &m_pProvider, &m_pSubSystem, &m_pController);
     m_prop.id = *id;
     provider->AddObject(*id, ObjectEntry{VDS_OT_LUN, static_cast<IVdsLun*>(this)});
 
@@ -530,7 +503,7 @@ void CLun::DumpMySelf() const {
                "m_numDrivesPerLowLevelArray=%d\n",
                m_Owner, static_cast<int>(m_stripeSize), m_prop.pwszIdentification, static_cast<int>(m_memberCount),
                m_RaidLevel, m_numDrivesPerLowLevelArray);
-    DebugTrace("m_ArraySn = %s\n", HexText(m_ArraySn, sizeof m_ArraySn).c_str());
+    DebugTrace("m_ArraySn = %s\n", HexBytes(m_ArraySn, sizeof m_ArraySn).c_str());
     DebugTrace("VDS_LUN_PROP: id %s size 0x%I64x name %S ident %S unmask %S flags 0x%x type %d status %d health %d "
                "transition %d rebuild %d\n",
                LogGuid(m_prop.id).c_str(), m_prop.ullSize, m_prop.pwszFriendlyName, m_prop.pwszIdentification,
@@ -564,10 +537,7 @@ HRESULT CLun::GetProperties(VDS_LUN_PROP* pLunProp) {
 HRESULT CLun::GetSubSystem(IVdsSubSystem** ppSubSystem) {
     if (!ppSubSystem) return E_POINTER;
     CLockGuard lock("CLun::GetSubSystem", hNotificationMutex);
-    if (!m_pSubSystem) return E_UNEXPECTED;
-    *ppSubSystem = static_cast<IVdsSubSystem*>(m_pSubSystem);
-    (*ppSubSystem)->AddRef();
-    return S_OK;
+    return HandOutSubSystem(m_pSubSystem, ppSubSystem);
 }
 
 HRESULT CLun::QueryPlexes(IEnumVdsObject** ppEnum) {

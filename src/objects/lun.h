@@ -33,8 +33,6 @@ SHORT RaidCarrier(uint8_t raidLevel);
 // The plex type of a LUN type (13: simple for a two-member mirror, stripe otherwise).
 VDS_LUN_PLEX_TYPE PlexTypeFor(VDS_LUN_TYPE lunType, uint32_t members);
 
-// Uppercase hexadecimal of `n` bytes, two digits each, no separators.
-std::string HexText(const uint8_t* bytes, size_t n);
 // The 16-byte disk serial made from a partition serial, as text: two digits per byte (New) or as
 // few as the value needs (Old).
 std::string DiskSnFromPartitionSnNew(const uint8_t* partSn);
@@ -73,7 +71,7 @@ public:
 
 private:
     // A drive of this plex: a member of the LUN's vdisk holding a slot in it, of this half.
-    bool HoldsDrive(const class CDrive& d, bool countForStatus) const;
+    bool HoldsDrive(const class CDrive& d) const;
 
     CProvider* m_pProvider = nullptr;    // counted
     CSubSystem* m_pSubSystem = nullptr;  // counted
@@ -193,10 +191,8 @@ private:
     uint64_t m_minDriveSize = 0;
     uint8_t m_driveType = 0;
     uint8_t m_RaidLevel = 0;
-    uint8_t m_requestedRaidLevel = 0;
     uint8_t m_numDrivesPerLowLevelArray = 0;
     uint8_t m_utilityRunning = 0;
     uint8_t m_specialType = 0;
     bool m_isDummy = false;
-    uint64_t m_wmiUpdateCookie = 0;
 };

@@ -1,7 +1,10 @@
 #include "objects/object_util.h"
 
+#include <cstdio>
 #include <cstring>
 
+#include "objects/controller.h"
+#include "objects/subsystem.h"
 #include "platform/wstr.h"
 
 namespace {
@@ -70,4 +73,42 @@ void ReleaseMap(ObjectMap& map) {
     old.swap(map);  // a release may reach code that walks the map
     for (auto& [id, e] : old)
         if (e.pObject) e.pObject->Release();
+}
+
+std::string HexBytes(const uint8_t* p, size_t n, const char* sep) {
+    std::string out;
+    char b[4];
+    for (size_t i = 0; i < n; ++i) {
+        if (i && *sep) out += sep;
+        std::snprintf(b, sizeof b, "%02X", p[i]);
+        out += b;
+    }
+    return out;
+}
+
+void HoldParents(CProvider* provider, CSubSystem* subsystem, CController* controller, CProvider** outProvider,
+                 CSubSystem** outSubSystem, CController** outController) {
+    if (provider) static_cast<IVdsProvider*>(provider)->AddRef();
+    if (subsystem) static_cast<IVdsSubSystem*>(subsystem)->AddRef();
+    if (controller) static_cast<IVdsController*>(controller)->AddRef();
+    *outProvider = provider;
+    *outSubSystem = subsystem;
+    if (outController) *outController = controller;
+}
+
+void ReleaseParents(CProvider** provider, CSubSystem** subsystem, CController** controller) {
+    if (controller && *controller) static_cast<IVdsController*>(*controller)->Release();
+    if (*subsystem) static_cast<IVdsSubSystem*>(*subsystem)->Release();
+    if (*provider) static_cast<IVdsProvider*>(*provider)->Release();
+    if (controller) *controller = nullptr;
+    *subsystem = nullptr;
+    *provider = nullptr;
+}
+
+HRESULT HandOutSubSystem(CSubSystem* subsystem, IVdsSubSystem** out) {
+    if (!out) return E_POINTER;
+    if (!subsystem) return E_UNEXPECTED;
+    *out = static_cast<IVdsSubSystem*>(subsystem);
+    (*out)->AddRef();
+    return S_OK;
 }

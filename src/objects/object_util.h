@@ -26,6 +26,8 @@ HRESULT CopyPropStrings(const WCHAR* a, const WCHAR* b, LPWSTR* outA, LPWSTR* ou
 // A record's fixed-width text up to its first NUL (or its whole width), widened byte by byte.
 std::u16string WidenField(const char* field, size_t width);
 std::string FieldText(const char* field, size_t width);
+// Uppercase hexadecimal of `n` bytes, two digits each, `sep` between them.
+std::string HexBytes(const uint8_t* p, size_t n, const char* sep = "");
 // The text without its trailing blanks.
 std::string TrimRight(std::string s);
 
@@ -39,6 +41,25 @@ CComObject<T>* MakeTreeObject(CProvider* provider, VDS_OBJECT_ID* id, const std:
     CComObject<T>* obj = nullptr;
     if (FAILED(CComObject<T>::CreateInstance(&obj))) return nullptr;
     return obj;
+}
+
+class CSubSystem;
+class CController;
+
+// The counted references most objects of the tree hold on their parents (the controller may be
+// null): taken together when an object is set up, let go together.
+void HoldParents(CProvider* provider, CSubSystem* subsystem, CController* controller, CProvider** outProvider,
+                 CSubSystem** outSubSystem, CController** outController);
+void ReleaseParents(CProvider** provider, CSubSystem** subsystem, CController** controller);
+// The subsystem as a GetSubSystem hands it out: E_POINTER without an out pointer, E_UNEXPECTED
+// without a subsystem, else a counted reference.
+HRESULT HandOutSubSystem(CSubSystem* subsystem, IVdsSubSystem** out);
+
+// Enters an object in a map under its id with a reference the caller gives up; an id already
+// there keeps its entry, and the reference goes back.
+template <class I>
+void EnterInMap(ObjectMap& map, const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE kind, I* obj) {
+    if (!map.emplace(id, ObjectEntry{kind, obj}).second) obj->Release();
 }
 
 // Releases every object of a map and empties it.

@@ -139,9 +139,7 @@ void CSubSystem::AddPrimordialPools() {
         if (!pool) continue;
         static_cast<IVdsStoragePool*>(pool)->AddRef();
         pool->Initialize(&id, m_pProvider, this, nullptr, cls);
-        if (!m_pProvider->PoolMap().emplace(id, ObjectEntry{VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool)})
-                 .second)
-            static_cast<IVdsStoragePool*>(pool)->Release();
+        EnterInMap(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
     }
 }
 
@@ -171,8 +169,7 @@ HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
         if (!ctrl) return E_OUTOFMEMORY;
         ctrl->AddRef();
         ctrl->Initialize(&id, m_pProvider, this, handle, cd);
-        if (!m_controllers.emplace(id, ObjectEntry{VDS_OT_CONTROLLER, static_cast<IVdsController*>(ctrl)}).second)
-            ctrl->Release();  // already held under this id
+        EnterInMap(m_controllers, id, VDS_OT_CONTROLLER, static_cast<IVdsController*>(ctrl));
     }
     DebugTrace("number of Controllers: %d\n", static_cast<int>(m_controllers.size()));
     DebugTrace("number of Luns: %d\n", static_cast<int>(m_luns.size()));

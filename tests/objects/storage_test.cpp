@@ -19,6 +19,7 @@
 
 #include "core/globals.h"
 #include "objects/lun.h"
+#include "objects/object_util.h"
 #include "objects/pool.h"
 #include "sim/model.h"
 #include "testlib/provider_env.h"
@@ -157,7 +158,7 @@ TEST(Lun, TheDemoVolumesWithTheirPropertiesAndOrder) {
     auto serials = env.sim->WithModel([](trovsim::Model& m) {
         std::map<std::string, std::string> out;
         for (auto& v : m.subsystems()[0].vdisks)
-            for (auto& p : v.parts) out[p.name] = HexText(p.serial.data(), 13);
+            for (auto& p : v.parts) out[p.name] = HexBytes(p.serial.data(), 13);
         return out;
     });
     for (auto& l : luns) {
