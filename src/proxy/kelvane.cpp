@@ -136,16 +136,22 @@ const CommandDef kGetUnified{"get_unified_controller_data", "GET_UNIFIED_CONTROL
 
 constexpr uint32_t kBlinkPauseMs = 5000;
 
+// How many entries of `entrySize` at packet offset `entriesAt` the reply's payload really held.
+uint32_t CarriedEntries(uint32_t replyDataLen, size_t entriesAt, size_t entrySize) {
+    size_t end = wire::kHeaderSize + replyDataLen;
+    return end > entriesAt ? static_cast<uint32_t>((end - entriesAt) / entrySize) : 0;
+}
+
 void PutSerial(uint8_t* pkt, size_t offset, const uint8_t* serial) {
     if (serial) std::memcpy(pkt + offset, serial, rec::kSerialSize);
 }
 
 // A cleared command of a handle and, where given, a byte and a serial; answered by error_code.
 int HandleCommand(const CommandDef& cmd, uint32_t dataLen, uint32_t handle, int byteAt48, size_t serialAt,
-                  const uint8_t* serial) {
+                  const uint8_t* serial, bool cleared = true) {
     CommandExchange x(cmd);
     DebugTrace("Kelvane::%s handle = 0x%08x\n", cmd.method, handle);
-    uint8_t* pkt = x.Begin(dataLen, true);
+    uint8_t* pkt = x.Begin(dataLen, cleared);
     if (pkt) {
         wire::StoreBe32(pkt + kHandleOffset, handle);
         if (byteAt48 >= 0) pkt[48] = static_cast<uint8_t>(byteAt48);
@@ -216,10 +222,7 @@ int Kelvane::get_events(uint32_t handle, uint32_t firstEventNum, uint32_t lastEv
                    static_cast<uint32_t>(span), static_cast<uint32_t>(span));
         count = static_cast<uint32_t>(span);
     }
-    uint32_t carried = x.replyDataLen() > rec::kPktEventData - wire::kHeaderSize
-                           ? static_cast<uint32_t>((x.replyDataLen() - (rec::kPktEventData - wire::kHeaderSize)) /
-                                                   rec::kEventDataSize)
-                           : 0;
+    uint32_t carried = CarriedEntries(x.replyDataLen(), rec::kPktEventData, rec::kEventDataSize);
     if (count > carried) {
         DebugTrace("OOP!! Kelvane::get_events count %u but the reply carries %u records, %u taken\n", count, carried,
                    carried);
@@ -401,12 +404,6 @@ std::string SerialText(const uint8_t* serial) {
     return std::string(reinterpret_cast<const char*>(serial), strnlen(reinterpret_cast<const char*>(serial), 32));
 }
 
-// How many entries of `entrySize` at packet offset `entriesAt` the reply's payload really held.
-uint32_t CarriedEntries(uint32_t replyDataLen, size_t entriesAt, size_t entrySize) {
-    size_t end = wire::kHeaderSize + replyDataLen;
-    return end > entriesAt ? static_cast<uint32_t>((end - entriesAt) / entrySize) : 0;
-}
-
 // A list's count bounded by its table (by `bound`, which logs) and by the entries the reply carried.
 uint32_t ListCount(const char* method, uint32_t count, uint32_t (*bound)(uint32_t), uint32_t carried) {
     count = bound(count);
@@ -570,14 +567,7 @@ int Kelvane::expand_array(uint32_t handle, const uint8_t* arraySerial, const std
 }
 
 int Kelvane::delete_array(uint32_t handle, const uint8_t* arraySerial) {
-    CommandExchange x(kDeleteArray);
-    DebugTrace("Kelvane::delete_array handle = 0x%08x, serial = %s\n", handle, SerialText(arraySerial).c_str());
-    uint8_t* pkt = x.Begin(48, false);
-    if (pkt) {
-        wire::StoreBe32(pkt + kHandleOffset, handle);
-        PutSerial(pkt, 52, arraySerial);
-    }
-    return x.Run();
+    return HandleCommand(kDeleteArray, 48, handle, -1, 52, arraySerial, false);
 }
 
 int Kelvane::abort_utility(uint32_t handle, const uint8_t* arraySerial) {
