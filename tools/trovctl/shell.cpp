@@ -541,11 +541,10 @@ HRESULT Shell::Enumerate(Kind kind, std::vector<Object>* out) {
             }
         }
     }
-    // The ids, from the properties every object has.
+    // The ids, from the properties every object has; the properties stay with the object.
     for (Object& o : *out) {
-        json j;
-        if (FAILED(hr = Describe(o, &j))) return hr;
-        GuidFromString(j["id"].get<std::string>(), &o.id);
+        if (FAILED(hr = Describe(o, &o.props))) return hr;
+        GuidFromString(o.props["id"].get<std::string>(), &o.id);
     }
     return S_OK;
 }
@@ -645,6 +644,8 @@ int Shell::Resolve(const std::vector<std::string>& target, const std::vector<Kin
     *out = all[static_cast<size_t>(index)];
     return kOk;
 }
+
+HRESULT Shell::PropsOf(Object& o) { return o.props.is_null() ? Describe(o, &o.props) : S_OK; }
 
 HRESULT Shell::Describe(const Object& o, json* j) {
     HRESULT hr = E_NOINTERFACE;
@@ -781,11 +782,7 @@ int Shell::ListJson(Kind kind, json* rows) {
     HRESULT hr = Enumerate(kind, &all);
     if (FAILED(hr)) return Failed("the enumeration of the tree", hr);
     *rows = json::array();
-    for (const Object& o : all) {
-        json j;
-        if (FAILED(hr = Describe(o, &j))) return Failed("GetProperties", hr);
-        rows->push_back(std::move(j));
-    }
+    for (Object& o : all) rows->push_back(std::move(o.props));
     return kOk;
 }
 
@@ -840,16 +837,21 @@ int Shell::CmdSelect(const std::vector<std::string>& args) {
     Object o;
     int rc = Resolve(args, kAllKinds, &o);
     if (rc != kOk) return rc;
-    json j;
-    HRESULT hr = Describe(o, &j);
+    HRESULT hr = PropsOf(o);
     if (FAILED(hr)) return Failed("GetProperties", hr);
     selected_ = o;
-    if (json_)
-        out_ << json{{"selected", KindName(o.kind)}, {"id", j["id"]}, {"pwszFriendlyName", j["pwszFriendlyName"]}}.dump(2)
+    const json& j = o.props;
+    if (json_) {
+        json sel = {{"selected", KindName(o.kind)}, {"id", j["id"]}};
+        if (j.contains("pwszFriendlyName"))
+            sel["pwszFriendlyName"] = j["pwszFriendlyName"];
+        else
+            sel["label"] = RowLabel(o.kind, j);
+        out_ << sel.dump(2) << "\n";
+    } else {
+        out_ << "selected " << KindName(o.kind) << " " << j["id"].get<std::string>() << "  " << RowLabel(o.kind, j)
              << "\n";
-    else
-        out_ << "selected " << KindName(o.kind) << " " << j["id"].get<std::string>() << "  "
-             << j["pwszFriendlyName"].get<std::string>() << "\n";
+    }
     return kOk;
 }
 
@@ -857,10 +859,9 @@ int Shell::CmdDetail(const std::vector<std::string>& args) {
     Object o;
     int rc = Resolve(args, kAllKinds, &o);
     if (rc != kOk) return rc;
-    json j;
-    HRESULT hr = Describe(o, &j);
+    HRESULT hr = PropsOf(o);
     if (FAILED(hr)) return Failed("GetProperties", hr);
-    PrintObject(j);
+    PrintObject(o.props);
     return kOk;
 }
 

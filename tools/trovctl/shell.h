@@ -29,6 +29,7 @@ struct Object {
     Kind kind;
     GUID id{};
     CComPtr<IUnknown> unk;
+    nlohmann::ordered_json props{};  // as the listing read them; null until read
 };
 
 // Splits a line into words: blanks separate, double quotes group, a backslash escapes the next
@@ -104,6 +105,8 @@ private:
     int Resolve(const std::vector<std::string>& target, const std::vector<Kind>& kinds, Object* out);
     // The object's properties as published field names; S_OK or the failing call's result.
     HRESULT Describe(const Object& o, nlohmann::ordered_json* j);
+    // The object's properties, read once.
+    HRESULT PropsOf(Object& o);
 
     int Failed(const std::string& call, HRESULT hr);
     int Usage(const std::string& message);
