@@ -635,11 +635,14 @@ TEST(Pool, SsdDrivesGiveAnSsdPoolNamedSas) {
         } else if (p.name == "Vdisk VD-REBUILD") {
             EXPECT_EQ(p.p.health, VDS_H_REBUILDING);
         } else if (p.name == "Vdisk VD-GROWING") {
-            EXPECT_FALSE(p.a.bNoSinglePointOfFailure);  // RAID0
+            EXPECT_EQ(p.a.raidType, VDS_RT_RAID0);
+            EXPECT_FALSE(p.a.bNoSinglePointOfFailure);
+        } else if (p.name == "Vdisk VD-EMPTY") {
+            EXPECT_EQ(p.a.busType, VDSBusTypeSata);  // an SSD vdisk of an odd raw code says SATA
         }
 }
 
-TEST(PoolMapping, StateClassesBusesAndRaidTypes) {
+TEST(PoolMapping, StateByVdiskHealthUtilityAndLevel) {
     struct State {
         uint8_t health, utility, raid;
         VDS_STORAGE_POOL_STATUS status;
@@ -659,27 +662,6 @@ TEST(PoolMapping, StateClassesBusesAndRaidTypes) {
         EXPECT_EQ(st, c.status) << int(c.health) << "/" << int(c.utility) << "/" << int(c.raid);
         EXPECT_EQ(h, c.poolHealth) << int(c.health) << "/" << int(c.utility) << "/" << int(c.raid);
     }
-    struct Class {
-        uint8_t raw, cls;
-        const char* label;
-        VDS_STORAGE_BUS_TYPE primordial, concrete;
-    } classes[] = {
-        {2, 2, "FC", VDSBusTypeFibre, VDSBusTypeFibre},  {3, 3, "SATA", VDSBusTypeSata, VDSBusTypeSata},
-        {5, 3, "SATA", VDSBusTypeSata, VDSBusTypeSata},  {4, 4, "SAS", VDSBusTypeSas, VDSBusTypeSas},
-        {6, 4, "SAS", VDSBusTypeSas, VDSBusTypeSas},     {7, 7, "SSD", VDSBusTypeSas, VDSBusTypeSata},
-        {9, 7, "SSD", VDSBusTypeSas, VDSBusTypeSata},    {8, 7, "SSD", VDSBusTypeSas, VDSBusTypeSas},
-        {10, 7, "SSD", VDSBusTypeSas, VDSBusTypeSas},    {1, 0, "Unknown", VDSBusTypeUnknown, VDSBusTypeUnknown},
-    };
-    for (const Class& c : classes) {
-        EXPECT_EQ(DriveClassOf(c.raw), c.cls) << int(c.raw);
-        EXPECT_STREQ(DriveClassLabel(c.cls), c.label) << int(c.raw);
-        EXPECT_EQ(PrimordialBusType(c.cls), c.primordial) << int(c.raw);
-        EXPECT_EQ(ConcreteBusType(c.raw), c.concrete) << int(c.raw);
-    }
-    const VDS_RAID_TYPE raid[] = {VDS_RT_RAID0, VDS_RT_RAID1,  VDS_RT_RAID2,  VDS_RT_RAID3,  VDS_RT_RAID4, VDS_RT_RAID5,
-                                  VDS_RT_RAID0, VDS_RT_RAID30, VDS_RT_RAID50, VDS_RT_RAID51, VDS_RT_RAID10, VDS_RT_RAID6,
-                                  VDS_RT_UNKNOWN};
-    for (uint8_t level = 0; level <= 12; ++level) EXPECT_EQ(RaidTypeOf(level), raid[level]) << int(level);
 }
 
 // --- iSCSI ---------------------------------------------------------------------------------------

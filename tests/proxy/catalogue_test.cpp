@@ -707,17 +707,6 @@ TEST_F(FormsTest, CreateSnapshotNamesAddArrayPartInItsFormatLine) {
     EXPECT_TRUE(Logged("ph->OpCode(=52), ADD_ARRAY_PART(=14) \n")) << tp.DebuggerText();
 }
 
-TEST_F(FormsTest, SnapshotLimitsComeBackAsTheArraysNumbers) {
-    for (uint32_t code : {186u, 187u}) {
-        ScriptPeer peer;
-        Serve(peer, 1, Echo(1140, [code](const Bytes&, Bytes& p) { PutBe32(p, 4, code); }));
-        EXPECT_EQ(Kelvane::create_snapshot(kHandle, "s", 0, 3, 1, kMasterId, &out->snapshot), int(code));
-        ASSERT_TRUE(peer.Finish()) << peer.failure();
-        EXPECT_TRUE(AllBytes(&out->snapshot, sizeof out->snapshot, kUnset));
-        ResetSessionForTest();
-    }
-}
-
 TEST_F(FormsTest, AWorldWideNameThatIsNotSixteenHexDigitsFailsWithoutAnExchange) {
     for (const char* wwn : {"0123456789abcde", "0123456789abcdef0", "0123456789abcdeg", ""}) {
         ScriptPeer peer;

@@ -30,30 +30,14 @@ CliRun Trovctl(const std::string& args) {
 
 }  // namespace
 
+// The fields and ids of every kind are the shell tests' part; here, that the binary's own array
+// and output reach the user.
 TEST(Trovctl, ListsTheBuiltInArrayAsJson) {
-    struct Case {
-        const char* kind;
-        size_t count;
-        const char* key;
-    } cases[] = {{"subsystems", 1, "ulSupportedRaidTypeFlags"},
-                 {"controllers", 2, "sNumberOfPorts"},
-                 {"ports", 4, "status"},
-                 {"drives", 12, "ulSpindleSpeed"}};
-    for (const Case& c : cases) {
-        CliRun r = Trovctl(std::string("--json list ") + c.kind);
-        ASSERT_EQ(r.status, 0) << c.kind << ": " << r.out;
-        auto j = nlohmann::json::parse(r.out, nullptr, false);
-        ASSERT_TRUE(j.is_array()) << r.out;
-        EXPECT_EQ(j.size(), c.count) << c.kind;
-        for (auto& o : j) {
-            ASSERT_TRUE(o.contains(c.key)) << o.dump();
-            std::string id = o["id"];
-            EXPECT_EQ(id.size(), 36u);
-            EXPECT_EQ(id[8], '-');
-        }
-    }
     CliRun r = Trovctl("--json list drives");
-    auto drives = nlohmann::json::parse(r.out);
+    ASSERT_EQ(r.status, 0) << r.out;
+    auto drives = nlohmann::json::parse(r.out, nullptr, false);
+    ASSERT_TRUE(drives.is_array()) << r.out;
+    ASSERT_EQ(drives.size(), 12u);
     EXPECT_EQ(drives[0]["pwszFriendlyName"], "SEAGATE ST3600057SS s/n 3SJ01201K rev 0008 id 0.0 (SAS)");
     EXPECT_EQ(drives[0]["pwszIdentification"], "3SJ01201K");
     EXPECT_EQ(drives[7]["ulFlags"], 0x15);  // the demo's global spare
