@@ -18,6 +18,7 @@
 #include "proxy/session.h"
 #include "support/debuglog.h"
 #include "testlib/script_peer.h"
+#include "testlib/session_env.h"
 
 namespace {
 
@@ -417,11 +418,7 @@ std::vector<CommandCase> Catalogue() {
 class CatalogueTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        tp.Install();
-        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
-        DebugLogResetForTest();
-        DebugOpen(nullptr);
-        ResetSessionForTest();
+        testlib::BeginSessionTest(tp);
         hVdsMutex = Plat()->CreateNamedMutex("kelvane_lock_vds_catalogue_test");
         outputs = std::make_unique<Outputs>();
         outputs->Reset();
@@ -431,9 +428,7 @@ protected:
         out = nullptr;
         Plat()->CloseNamedMutex(hVdsMutex);
         hVdsMutex = nullptr;
-        ResetSessionForTest();
-        DebugClose();
-        DebugLogResetForTest();
+        testlib::EndSessionTest();
     }
     // Connects to the peer and fills the packet buffer with stale bytes.
     void Attach(ScriptPeer& peer) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/fake_platform.h"
+#include "testlib/session_env.h"
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"
 #include "proxy/session.h"
@@ -113,19 +114,13 @@ private:
 class HeartbeatChannel : public ::testing::Test {
 protected:
     void SetUp() override {
-        tp.Install();
-        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
-        DebugLogResetForTest();
-        DebugOpen(nullptr);
-        ResetSessionForTest();
+        testlib::BeginSessionTest(tp);
         ASSERT_EQ(create_listen(), 0);
         ASSERT_TRUE(ListenerValid());
     }
     void TearDown() override {
         Stop();
-        ResetSessionForTest();
-        DebugClose();
-        DebugLogResetForTest();
+        testlib::EndSessionTest();
     }
     // The shutdown as the provider's unload runs it; the thread must be gone afterwards.
     void Stop() {

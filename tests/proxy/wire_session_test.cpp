@@ -21,6 +21,7 @@
 #include "proxy/session.h"
 #include "support/debuglog.h"
 #include "testlib/script_peer.h"
+#include "testlib/session_env.h"
 
 namespace {
 
@@ -114,16 +115,10 @@ Bytes ExpectedPasswordField(const std::string& password) {
 class WireSession : public ::testing::Test {
 protected:
     void SetUp() override {
-        tp.Install();
-        tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
-        DebugLogResetForTest();
-        DebugOpen(nullptr);
-        ResetSessionForTest();
+        testlib::BeginSessionTest(tp);
     }
     void TearDown() override {
-        ResetSessionForTest();
-        DebugClose();
-        DebugLogResetForTest();
+        testlib::EndSessionTest();
     }
 
     // Session settings as the connect sequence would leave them.
