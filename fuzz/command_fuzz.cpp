@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/iasocket.h"
 #include "proxy/kelvane.h"
 #include "proxy/wire.h"

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/records.h"
 
 namespace {

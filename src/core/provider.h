@@ -12,7 +12,7 @@
 #include "core/globals.h"
 #include "core/registry.h"
 #include "core/vds_base.h"
-#include "core/provider_ids.h"
+#include "platform/provider_ids.h"
 #include "platform/com.h"
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"

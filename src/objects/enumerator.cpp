@@ -105,3 +105,5 @@ void CEnumerator::SetPositionToLast() {
     m_cursor = std::prev(m_items.end());
     m_cursorValid = true;
 }
+
+bool operator<(const GUID& a, const GUID& b) { return GuidLess()(a, b); }

@@ -12,7 +12,11 @@
 #include "platform/com.h"
 #include "platform/vds_interfaces.h"
 
-class CEnumerator : public CComObjectRootEx, public IEnumVdsObject {
+// The order of GUIDs (a byte-wise compare, as GuidLess), exported with the enumerator.
+TROV_EXPORT bool operator<(const GUID& a, const GUID& b);
+
+// Its members are exported by the module, by name, as they always were.
+class TROV_EXPORT CEnumerator : public CComObjectRootEx, public IEnumVdsObject {
 public:
     CEnumerator();
     ~CEnumerator() override;

@@ -1,16 +1,22 @@
 // The one seam between the provider's logic and the operating system.
 //
 // Everything the logic needs of its host goes through Platform: the settings store, the
-// directories where the proxy configuration is looked for, the local heartbeat channel, event
-// reports, the debugger sink, the clock, named recursive mutexes, GUIDs, task-memory blocks and
-// the host's version. Platform::Default() is the Linux implementation; tests derive from
-// PlatformWrapper to replace one facility and install it with Platform::Set().
+// directories where the proxy configuration is looked for, files, the local heartbeat channel,
+// event reports, the debugger sink, the clock with its sleeps, events and socket waits, threads,
+// named recursive mutexes, GUIDs, task-memory blocks and the host's version.
+// Platform::Default() is the Linux implementation; tests derive from PlatformWrapper to replace
+// one facility and install it with Platform::Set().
+//
+// Time: every wait of the logic is measured on the Platform clock (Sleep, PlatformEvent::Wait,
+// WaitReadable), so that a test's clock decides when a wait ends.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/wintypes.h"
 
@@ -31,15 +37,31 @@ enum EventType : uint16_t {
 #define TROV_DEBUG_KEY TROV_SERVICE_KEY "\\Debug"
 #define KELVANE_PARAMETERS_KEY "SYSTEM\\CurrentControlSet\\Services\\kelvane\\Parameters"
 
+// Who may use the local heartbeat channel, and how long a connected client may stay silent.
+struct LocalChannelPolicy {
+    // Effective user ids whose connections are accepted; empty: anyone (no check).
+    std::vector<uint32_t> allowedUids;
+    // A read that gets nothing for this long fails with ETIMEDOUT; 0: no limit.
+    uint32_t readTimeoutMs = 0;
+};
+
+// The peer of an accepted connection, as the kernel reports it.
+struct LocalPeer {
+    uint32_t pid = 0;
+    uint32_t uid = UINT32_MAX;
+};
+
 // Server side of the local heartbeat channel: accept one client at a time, read, write, disconnect.
 // Error codes are positive platform numbers; 0 is success.
 class LocalChannel {
 public:
     virtual ~LocalChannel() = default;
     // Blocks until a client connects. Returns 0, or an error (also when Shutdown() woke it).
-    virtual uint32_t Accept() = 0;
+    // A client whose user the policy doesn't allow is closed at once: the call returns EACCES
+    // with *peer filled, and the channel is ready for the next client.
+    virtual uint32_t Accept(LocalPeer* peer = nullptr) = 0;
     // One blocking read of up to len bytes from the connected client. Returns 0 and sets *got
-    // (0 at the client's end of stream), or an error.
+    // (0 at the client's end of stream), ETIMEDOUT after the policy's read time-out, or an error.
     virtual uint32_t Read(void* buf, uint32_t len, uint32_t* got) = 0;
     virtual uint32_t Write(const void* buf, uint32_t len, uint32_t* written) = 0;
     virtual uint32_t Flush() = 0;
@@ -47,6 +69,37 @@ public:
     virtual uint32_t Disconnect() = 0;
     // Wakes a blocked Accept() or Read() for good: they return an error from now on.
     virtual void Shutdown() = 0;
+};
+
+// A thread started through the Platform. The logic joins every thread it starts.
+class PlatformThread {
+public:
+    virtual ~PlatformThread() = default;
+    // Waits for the thread's end. Called once.
+    virtual void Join() = 0;
+};
+
+// A manual-reset event: once Set(), every Wait() returns at once until Reset().
+class PlatformEvent {
+public:
+    virtual ~PlatformEvent() = default;
+    virtual void Set() = 0;
+    virtual void Reset() = 0;
+    virtual bool IsSet() = 0;
+    // Waits until the event is set or `ms` of the Platform clock have passed; true when set.
+    virtual bool Wait(uint32_t ms) = 0;
+};
+
+// A file opened for appending (the debug log). Errors are reported, never thrown.
+class PlatformFile {
+public:
+    virtual ~PlatformFile() = default;
+    virtual bool Write(const void* data, size_t n) = 0;
+    virtual bool Flush() = 0;
+    // The file's length in bytes; -1 when it can't be told.
+    virtual int64_t Length() = 0;
+    // Cuts the file to zero length; writing goes on at its (new) end.
+    virtual bool Truncate() = 0;
 };
 
 class Platform {
@@ -71,19 +124,32 @@ public:
     virtual std::string SystemDirectory() = 0;        // "/etc"
     virtual std::string SecondSystemDirectory() = 0;  // "/usr/local/etc"
 
+    // --- Files ---
+    // Reads the whole file. False with *err (an errno value) when it can't be opened or read.
+    virtual bool ReadTextFile(const std::string& path, std::string* out, int* err) = 0;
+    // Opens (creating if need be) a file for appending. Null with *err on failure.
+    virtual std::unique_ptr<PlatformFile> OpenAppendFile(const std::string& path, int* err) = 0;
+
     // --- Local heartbeat channel in the abstract namespace ---
     // Creates the listening end named `name` (without the leading '@'). Null and *err set on failure.
-    virtual std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, uint32_t* err) = 0;
+    virtual std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, const LocalChannelPolicy& policy,
+                                                             uint32_t* err) = 0;
 
     // --- Event reports (syslog with ident TroviSCSIVDSProvider) and the debugger sink ---
     // Returns false when the source cannot be registered (the event is dropped).
     virtual bool ReportEvent(EventType type, uint32_t eventId, const char* text) = 0;
     virtual void DebuggerOutput(const char* text) = 0;
 
-    // --- Clock ---
+    // --- Clock, waits and threads ---
     virtual uint32_t TickCount() = 0;                 // milliseconds, wraps
     virtual void Sleep(uint32_t milliseconds) = 0;
     virtual struct tm LocalTime() = 0;
+    virtual std::unique_ptr<PlatformEvent> CreateEvent() = 0;
+    // Waits until `fd` is readable (or has an error or hang-up pending) or `ms` of the clock have
+    // passed: 1 ready, 0 time-out, -1 failure (errno set). EINTR is retried inside.
+    virtual int WaitReadable(int fd, uint32_t ms) = 0;
+    // Starts `body` on a new thread; null when no thread could be made.
+    virtual std::unique_ptr<PlatformThread> StartThread(std::function<void()> body) = 0;
 
     // --- Named recursive mutexes (process-wide table; the same name gives the same mutex) ---
     virtual MutexHandle CreateNamedMutex(const char* name) = 0;
@@ -119,14 +185,24 @@ public:
     }
     std::string SystemDirectory() override { return target_->SystemDirectory(); }
     std::string SecondSystemDirectory() override { return target_->SecondSystemDirectory(); }
-    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& n, uint32_t* e) override {
-        return target_->CreateLocalChannel(n, e);
+    bool ReadTextFile(const std::string& p, std::string* o, int* e) override { return target_->ReadTextFile(p, o, e); }
+    std::unique_ptr<PlatformFile> OpenAppendFile(const std::string& p, int* e) override {
+        return target_->OpenAppendFile(p, e);
+    }
+    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& n, const LocalChannelPolicy& pol,
+                                                     uint32_t* e) override {
+        return target_->CreateLocalChannel(n, pol, e);
     }
     bool ReportEvent(EventType t, uint32_t id, const char* text) override { return target_->ReportEvent(t, id, text); }
     void DebuggerOutput(const char* text) override { target_->DebuggerOutput(text); }
     uint32_t TickCount() override { return target_->TickCount(); }
     void Sleep(uint32_t ms) override { target_->Sleep(ms); }
     struct tm LocalTime() override { return target_->LocalTime(); }
+    std::unique_ptr<PlatformEvent> CreateEvent() override { return target_->CreateEvent(); }
+    int WaitReadable(int fd, uint32_t ms) override { return target_->WaitReadable(fd, ms); }
+    std::unique_ptr<PlatformThread> StartThread(std::function<void()> body) override {
+        return target_->StartThread(std::move(body));
+    }
     MutexHandle CreateNamedMutex(const char* n) override { return target_->CreateNamedMutex(n); }
     MutexHandle OpenNamedMutex(const char* n) override { return target_->OpenNamedMutex(n); }
     void CloseNamedMutex(MutexHandle h) override { target_->CloseNamedMutex(h); }

@@ -1,5 +1,7 @@
 // The Linux implementation of the Platform.
 #include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,12 +12,17 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "platform/named_mutex.h"
 #include "platform/platform.h"
@@ -24,9 +31,11 @@
 namespace {
 
 // Abstract-namespace stream socket: one client at a time, as a named pipe with one instance.
+// An abstract name has no file permissions, so the policy's user check and read time-out are
+// what keep a stranger from holding the channel.
 class AbstractSocketChannel : public LocalChannel {
 public:
-    explicit AbstractSocketChannel(int listenFd) : listen_(listenFd) {}
+    AbstractSocketChannel(int listenFd, LocalChannelPolicy policy) : listen_(listenFd), policy_(std::move(policy)) {}
     ~AbstractSocketChannel() override {
         Shutdown();
         int c = client_.exchange(-1);
@@ -34,7 +43,7 @@ public:
         int l = listen_.exchange(-1);
         if (l >= 0) ::close(l);
     }
-    uint32_t Accept() override {
+    uint32_t Accept(LocalPeer* peer) override {
         if (client_.load() >= 0) return 0;  // still connected: the caller goes on with the same client
         if (down_.load()) return EPIPE;
         int fd = ::accept4(listen_.load(), nullptr, nullptr, SOCK_CLOEXEC);
@@ -42,6 +51,24 @@ public:
         if (down_.load()) {
             ::close(fd);
             return EPIPE;
+        }
+        ucred cred{};
+        socklen_t len = sizeof cred;
+        bool known = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+        if (peer) {
+            peer->pid = known ? static_cast<uint32_t>(cred.pid) : 0;
+            peer->uid = known ? static_cast<uint32_t>(cred.uid) : UINT32_MAX;
+        }
+        if (!policy_.allowedUids.empty() &&
+            (!known || std::find(policy_.allowedUids.begin(), policy_.allowedUids.end(),
+                                 static_cast<uint32_t>(cred.uid)) == policy_.allowedUids.end())) {
+            ::close(fd);
+            return EACCES;
+        }
+        if (policy_.readTimeoutMs) {
+            timeval tv{static_cast<time_t>(policy_.readTimeoutMs / 1000),
+                       static_cast<suseconds_t>(policy_.readTimeoutMs % 1000) * 1000};
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         }
         client_.store(fd);
         return 0;
@@ -52,7 +79,7 @@ public:
         if (fd < 0) return ENOTCONN;
         ssize_t n;
         do { n = ::recv(fd, buf, len, 0); } while (n < 0 && errno == EINTR);
-        if (n < 0) return static_cast<uint32_t>(errno);
+        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? ETIMEDOUT : static_cast<uint32_t>(errno);
         *got = static_cast<uint32_t>(n);
         return 0;
     }
@@ -84,6 +111,73 @@ private:
     std::atomic<int> listen_;
     std::atomic<int> client_{-1};
     std::atomic<bool> down_{false};
+    const LocalChannelPolicy policy_;
+};
+
+class LinuxEvent : public PlatformEvent {
+public:
+    void Set() override {
+        std::lock_guard<std::mutex> g(mu_);
+        set_ = true;
+        cv_.notify_all();
+    }
+    void Reset() override {
+        std::lock_guard<std::mutex> g(mu_);
+        set_ = false;
+    }
+    bool IsSet() override {
+        std::lock_guard<std::mutex> g(mu_);
+        return set_;
+    }
+    bool Wait(uint32_t ms) override {
+        std::unique_lock<std::mutex> g(mu_);
+        return cv_.wait_for(g, std::chrono::milliseconds(ms), [this] { return set_; });
+    }
+
+private:
+    std::mutex mu_;
+    std::condition_variable cv_;
+    bool set_ = false;
+};
+
+class LinuxThread : public PlatformThread {
+public:
+    explicit LinuxThread(std::thread t) : t_(std::move(t)) {}
+    ~LinuxThread() override {
+        if (t_.joinable()) t_.detach();
+    }
+    void Join() override {
+        if (t_.joinable() && t_.get_id() != std::this_thread::get_id()) t_.join();
+    }
+
+private:
+    std::thread t_;
+};
+
+class LinuxFile : public PlatformFile {
+public:
+    explicit LinuxFile(int fd) : fd_(fd) {}
+    ~LinuxFile() override { ::close(fd_); }
+    bool Write(const void* data, size_t n) override {
+        const char* p = static_cast<const char*>(data);
+        while (n > 0) {
+            ssize_t w = ::write(fd_, p, n);
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) return false;
+            p += w;
+            n -= static_cast<size_t>(w);
+        }
+        return true;
+    }
+    bool Flush() override { return true; }  // every Write goes straight to the file
+    int64_t Length() override {
+        struct stat st;
+        return ::fstat(fd_, &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+    }
+    bool Truncate() override { return ::ftruncate(fd_, 0) == 0; }
+
+private:
+    int fd_;
 };
 
 class LinuxPlatform : public Platform {
@@ -112,7 +206,41 @@ public:
     std::string SystemDirectory() override { return "/etc"; }
     std::string SecondSystemDirectory() override { return "/usr/local/etc"; }
 
-    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, uint32_t* err) override {
+    bool ReadTextFile(const std::string& path, std::string* out, int* err) override {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            *err = errno;
+            return false;
+        }
+        out->clear();
+        char buf[65536];
+        for (;;) {
+            ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) {
+                *err = errno;
+                ::close(fd);
+                return false;
+            }
+            if (n == 0) break;
+            out->append(buf, static_cast<size_t>(n));
+        }
+        ::close(fd);
+        *err = 0;
+        return true;
+    }
+    std::unique_ptr<PlatformFile> OpenAppendFile(const std::string& path, int* err) override {
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            *err = errno;
+            return nullptr;
+        }
+        *err = 0;
+        return std::make_unique<LinuxFile>(fd);
+    }
+
+    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, const LocalChannelPolicy& policy,
+                                                     uint32_t* err) override {
         int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0) {
             *err = static_cast<uint32_t>(errno);
@@ -129,7 +257,7 @@ public:
             return nullptr;
         }
         *err = 0;
-        return std::make_unique<AbstractSocketChannel>(fd);
+        return std::make_unique<AbstractSocketChannel>(fd, policy);
     }
 
     bool ReportEvent(EventType type, uint32_t eventId, const char* text) override {
@@ -141,11 +269,7 @@ public:
     }
     void DebuggerOutput(const char* text) override { std::fputs(text, stderr); }
 
-    uint32_t TickCount() override {
-        timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        return static_cast<uint32_t>(ts.tv_sec * 1000ull + ts.tv_nsec / 1000000);
-    }
+    uint32_t TickCount() override { return static_cast<uint32_t>(NowMs()); }
     void Sleep(uint32_t ms) override {
         timespec ts{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
         while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
@@ -156,6 +280,27 @@ public:
         struct tm r;
         localtime_r(&t, &r);
         return r;
+    }
+    std::unique_ptr<PlatformEvent> CreateEvent() override { return std::make_unique<LinuxEvent>(); }
+    int WaitReadable(int fd, uint32_t ms) override {
+        // Measured against the monotonic clock, so that a retried EINTR doesn't lengthen the wait.
+        uint64_t deadline = NowMs() + ms;
+        for (;;) {
+            uint64_t now = NowMs();
+            int left = now >= deadline ? 0 : static_cast<int>(std::min<uint64_t>(deadline - now, INT32_MAX));
+            pollfd p{fd, POLLIN, 0};
+            int r = ::poll(&p, 1, left);
+            if (r < 0 && errno == EINTR) continue;
+            if (r < 0) return -1;
+            return r > 0 ? 1 : 0;
+        }
+    }
+    std::unique_ptr<PlatformThread> StartThread(std::function<void()> body) override {
+        try {
+            return std::make_unique<LinuxThread>(std::thread(std::move(body)));
+        } catch (const std::system_error&) {
+            return nullptr;
+        }
     }
 
     MutexHandle CreateNamedMutex(const char* name) override { return NamedMutexTable::Instance().Create(name); }
@@ -184,6 +329,12 @@ public:
     uint32_t ThreadId() override { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 private:
+    static uint64_t NowMs() {
+        timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return ts.tv_sec * 1000ull + ts.tv_nsec / 1000000;
+    }
+
     // Re-reads the settings file when it changed; an absent file means no keys.
     void Reload() {
         const char* env = std::getenv("TROVHWIPRV_SETTINGS");

@@ -46,6 +46,9 @@ inline bool IsEqualGUID(const GUID& a, const GUID& b) { return std::memcmp(&a, &
 inline bool operator==(const GUID& a, const GUID& b) { return IsEqualGUID(a, b); }
 inline bool operator!=(const GUID& a, const GUID& b) { return !IsEqualGUID(a, b); }
 
+// A symbol the module shows its host (see module/exports.map); everything else is hidden.
+#define TROV_EXPORT __attribute__((visibility("default")))
+
 // Maps keyed by GUID order them by a byte-wise compare of the 16 bytes.
 struct GuidLess {
     bool operator()(const GUID& a, const GUID& b) const { return std::memcmp(&a, &b, sizeof(GUID)) < 0; }

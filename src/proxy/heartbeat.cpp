@@ -47,7 +47,7 @@ int create_listen() {
     std::string name = ListenerName();
     DebugTrace("create_listen: creating named pipe %S\n", ShownName(name).c_str());
     uint32_t err = 0;
-    std::unique_ptr<LocalChannel> ch = Plat()->CreateLocalChannel(name, &err);
+    std::unique_ptr<LocalChannel> ch = Plat()->CreateLocalChannel(name, LocalChannelPolicy{}, &err);
     if (!ch) {
         LogErrorEvent("CreateNamedPipe failed with error 0x%x", err);
         return err ? static_cast<int>(err) : -1;

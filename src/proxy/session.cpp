@@ -18,6 +18,7 @@
 #include "proxy/kelvane_conf.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
+#include "support/host_notice.h"
 #include "support/lang.h"
 
 SessionState g_session;
@@ -52,7 +53,7 @@ int StatusResult(uint32_t status) {
         case 1:
             return 0;
         case 2:
-            std::fputs("unknown user.\n", stdout);
+            HostConsole("unknown user.\n");
             return -1;
         case 5:
             DebugTrace("invalid password.\n");
@@ -115,7 +116,7 @@ int Login(uint8_t* buffer) {
         return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
     if (type != wire::RSSESSION || op != kLoginAnswerOp) {
-        std::printf("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op));
+        HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
         return -1;
     }
     uint32_t status = wire::LoadBe32(buffer + 36);
@@ -136,7 +137,7 @@ int negotiate_listen_port(uint8_t* buffer) {
         return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
     if (type == wire::RSSESSION && op == kListenPortAnswerOp) return 0;
-    std::printf("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op));
+    HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
     return -1;
 }
 

@@ -17,6 +17,7 @@
 #include <ctime>
 
 #include "platform/platform.h"
+#include "support/host_notice.h"
 
 namespace {
 
@@ -94,6 +95,7 @@ void LogEvent(EventType type, const char* logLine, const char* format, va_list a
     TrovVFormat(text, sizeof text, format, ap);
     // A source that cannot be registered drops the event; the log line is written all the same.
     (void)Plat()->ReportEvent(type, 1, text);
+    HostEventReport(type, 1, text);
     DebugTrace(logLine, text);
 }
 

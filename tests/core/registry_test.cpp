@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/registry.h"
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 
 namespace {
 

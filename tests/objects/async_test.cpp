@@ -5,7 +5,7 @@
 
 #include "objects/async.h"
 #include "objects/enumerator.h"
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 
 namespace {
 // Something to hand out as a result, with a visible count.

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "platform/settings.h"
 
 namespace {

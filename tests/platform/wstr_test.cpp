@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "platform/wstr.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/iasocket.h"
 #include "proxy/kelvane.h"
 #include "proxy/session.h"

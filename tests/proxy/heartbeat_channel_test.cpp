@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "testlib/session_env.h"
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/kelvane_conf.h"
 #include "support/debuglog.h"
 #include "support/temp_dir.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/records.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"

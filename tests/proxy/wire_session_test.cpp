@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"
 #include "proxy/session.h"

@@ -80,7 +80,7 @@ struct Channel {
     int port;
     explicit Channel(int p) : port(p) {
         uint32_t err = 0;
-        ch = Platform::Default()->CreateLocalChannel("TROV_Proxy_" + std::to_string(p), &err);
+        ch = Platform::Default()->CreateLocalChannel("TROV_Proxy_" + std::to_string(p), LocalChannelPolicy{}, &err);
         th = std::thread([this] {
             while (ch && ch->Accept() == 0) {
                 uint8_t buf[64];

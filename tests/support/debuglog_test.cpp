@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "support/debuglog.h"
 #include "support/temp_dir.h"
 

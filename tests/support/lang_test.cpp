@@ -10,7 +10,7 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "support/debuglog.h"
 #include "support/lang.h"
 #include "support/temp_dir.h"

@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "core/globals.h"
-#include "core/provider_ids.h"
-#include "platform/fake_platform.h"
+#include "platform/provider_ids.h"
+#include "testlib/fake_platform.h"
 #include "platform/vds_interfaces.h"
 #include "proxy/session.h"
 #include "sim/sim.h"
 #include "support/debuglog.h"
-#include "support/module.h"
+#include "module/module.h"
 
 namespace testlib {
 

@@ -2,7 +2,7 @@
 // log going to the platform's recorded debugger; and its end.
 #pragma once
 
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"
 

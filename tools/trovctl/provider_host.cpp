@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 
-#include "core/provider_ids.h"
+#include "platform/provider_ids.h"
 
 class ProviderHost::Sink final : public IVdsAdviseSink {
 public:

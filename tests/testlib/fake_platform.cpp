@@ -1,5 +1,10 @@
-#include "platform/fake_platform.h"
+#include "testlib/fake_platform.h"
 
+#include <errno.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 
 uint64_t FakeClock::NowMs() const {
@@ -13,6 +18,16 @@ void FakeClock::SetAuto(bool a) {
     cv_.notify_all();
 }
 
+bool FakeClock::IsAuto() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return auto_;
+}
+
+void FakeClock::Notify() {
+    std::lock_guard<std::mutex> g(mu_);
+    cv_.notify_all();
+}
+
 void FakeClock::Advance(uint64_t ms) {
     std::lock_guard<std::mutex> g(mu_);
     now_ += ms;
@@ -20,20 +35,60 @@ void FakeClock::Advance(uint64_t ms) {
 }
 
 void FakeClock::Sleep(uint32_t ms) {
-    std::unique_lock<std::mutex> g(mu_);
-    totalSlept_ += ms;
-    calls_.push_back(ms);
-    if (auto_ || released_) {
-        now_ += ms;
-        return;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        totalSlept_ += ms;
+        calls_.push_back(ms);
     }
-    uint64_t deadline = now_ + ms;
-    ++sleepers_;
-    cv_.notify_all();
-    cv_.wait(g, [&] { return now_ >= deadline || auto_ || released_; });
-    --sleepers_;
-    cv_.notify_all();
+    WaitUntil(ms, [] { return false; });
 }
+
+namespace {
+
+// An event whose waits run on the fake clock.
+class FakeEvent : public PlatformEvent {
+public:
+    explicit FakeEvent(FakeClock& clock) : clock_(clock) {}
+    void Set() override {
+        set_ = true;
+        clock_.Notify();
+    }
+    void Reset() override { set_ = false; }
+    bool IsSet() override { return set_; }
+    bool Wait(uint32_t ms) override { return clock_.WaitUntil(ms, [this] { return set_.load(); }); }
+
+private:
+    FakeClock& clock_;
+    std::atomic<bool> set_{false};
+};
+
+// A file whose writes fail once the platform is told to fail files on its path.
+class FailableFile : public PlatformFile {
+public:
+    FailableFile(std::unique_ptr<PlatformFile> f, TestPlatform* owner, std::string path)
+        : f_(std::move(f)), owner_(owner), path_(std::move(path)) {}
+    bool Write(const void* d, size_t n) override { return !owner_->FileFailure(path_) && f_->Write(d, n); }
+    bool Flush() override { return !owner_->FileFailure(path_) && f_->Flush(); }
+    int64_t Length() override { return f_->Length(); }
+    bool Truncate() override { return !owner_->FileFailure(path_) && f_->Truncate(); }
+
+private:
+    std::unique_ptr<PlatformFile> f_;
+    TestPlatform* owner_;
+    std::string path_;
+};
+
+bool PollNow(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0;
+}
+
+// In auto mode a socket wait blocks for real for at most this long before the fake clock counts
+// the whole wait as passed: a peer that answers does so long before, and a test that forgot to
+// use manual mode for a silent peer fails quickly instead of hanging.
+constexpr int kAutoSocketWaitCapMs = 20000;
+
+}  // namespace
 
 int FakeClock::Sleepers() const {
     std::lock_guard<std::mutex> g(mu_);
@@ -73,6 +128,52 @@ void TestPlatform::Install() {
 TestPlatform::~TestPlatform() {
     clock_.ReleaseAll();
     if (installed_) Platform::Set(previous_ == Platform::Default() ? nullptr : previous_);
+}
+
+void TestPlatform::FailFiles(const std::string& pathPart, int err) {
+    std::lock_guard<std::mutex> g(mu_);
+    failPath_ = pathPart;
+    failErr_ = err;
+}
+
+int TestPlatform::FileFailure(const std::string& path) const {
+    std::lock_guard<std::mutex> g(mu_);
+    return failErr_ != 0 && path.find(failPath_) != std::string::npos ? failErr_ : 0;
+}
+
+bool TestPlatform::ReadTextFile(const std::string& path, std::string* out, int* err) {
+    if (int e = FileFailure(path)) {
+        *err = e;
+        return false;
+    }
+    return PlatformWrapper::ReadTextFile(path, out, err);
+}
+
+std::unique_ptr<PlatformFile> TestPlatform::OpenAppendFile(const std::string& path, int* err) {
+    if (int e = FileFailure(path)) {
+        *err = e;
+        return nullptr;
+    }
+    std::unique_ptr<PlatformFile> f = PlatformWrapper::OpenAppendFile(path, err);
+    if (!f) return nullptr;
+    return std::make_unique<FailableFile>(std::move(f), this, path);
+}
+
+std::unique_ptr<PlatformEvent> TestPlatform::CreateEvent() { return std::make_unique<FakeEvent>(clock_); }
+
+int TestPlatform::WaitReadable(int fd, uint32_t ms) {
+    if (PollNow(fd)) return 1;
+    if (clock_.IsAuto()) {
+        pollfd p{fd, POLLIN, 0};
+        int r;
+        do {
+            r = ::poll(&p, 1, static_cast<int>(std::min<uint32_t>(ms, kAutoSocketWaitCapMs)));
+        } while (r < 0 && errno == EINTR);
+        if (r != 0) return r > 0 ? 1 : -1;
+        clock_.Advance(ms);
+        return 0;
+    }
+    return clock_.WaitUntil(ms, [fd] { return PollNow(fd); }, 2) ? 1 : 0;
 }
 
 void TestPlatform::SetSystemDirectories(const std::string& a, const std::string& b) {

@@ -1,6 +1,7 @@
 // Test doubles of the Platform: a fake clock in which no time passes for real, settings held in
-// memory, recorded event reports and debugger output, a settable host version, and an allocator
-// that can be told to fail. Everything not replaced goes to the wrapped platform.
+// memory, recorded event reports and debugger output, a settable host version, an allocator
+// that can be told to fail, and file operations that can be told to fail. Everything not
+// replaced goes to the wrapped platform.
 #pragma once
 
 #include <condition_variable>
@@ -11,24 +12,34 @@
 #include "platform/platform.h"
 #include "platform/settings.h"
 
-// Sleep() on a fake clock either advances the clock at once (auto mode, the default, for code
-// that runs on the test's own thread) or blocks until the test advances the clock past the
-// sleeper's deadline (manual mode, for threads the test drives step by step).
+// Every wait of the logic goes through this clock: Sleep, PlatformEvent::Wait and WaitReadable.
+// In auto mode (the default, for code that runs on the test's own thread) a wait that would
+// block advances the clock at once by its length. In manual mode a waiter blocks until the test
+// advances the clock past its deadline, or until its event is set or its socket is readable.
 class FakeClock {
 public:
     uint64_t NowMs() const;
     void SetAuto(bool autoAdvance);
+    bool IsAuto() const;
     void Advance(uint64_t ms);
     void Sleep(uint32_t ms);
-    // Number of threads blocked in Sleep (manual mode).
+    // Number of threads blocked in a wait (manual mode): sleeps, events and socket waits.
     int Sleepers() const;
-    // Waits (for real, briefly) until at least n threads block in Sleep; false after ~10 s.
+    // Waits (for real, briefly) until at least n threads block in a wait; false after ~10 s.
     bool WaitForSleepers(int n);
     // Total milliseconds that Sleep was asked for, and the calls.
     uint64_t TotalSlept() const;
     std::vector<uint32_t> SleepCalls() const;
-    // Wakes every sleeper for good (used at the end of a test).
+    // Wakes every waiter for good (used at the end of a test).
     void ReleaseAll();
+
+    // The building block of the clock's waits: blocks until ready() holds (true), or the clock
+    // passes now + ms (false). `pollMs`, when not 0, re-tests ready() every pollMs of real time
+    // (for conditions the clock isn't told of, such as a socket becoming readable).
+    template <class Ready>
+    bool WaitUntil(uint32_t ms, Ready ready, int pollMs = 0);
+    // Wakes waiters to test their condition again (an event was set).
+    void Notify();
 
 private:
     mutable std::mutex mu_;
@@ -40,6 +51,35 @@ private:
     uint64_t totalSlept_ = 0;
     std::vector<uint32_t> calls_;
 };
+
+template <class Ready>
+bool FakeClock::WaitUntil(uint32_t ms, Ready ready, int pollMs) {
+    std::unique_lock<std::mutex> g(mu_);
+    if (ready()) return true;
+    if (auto_ || released_) {
+        now_ += ms;
+        return ready();
+    }
+    uint64_t deadline = now_ + ms;
+    ++sleepers_;
+    cv_.notify_all();
+    bool ok = false;
+    for (;;) {
+        if (ready()) {
+            ok = true;
+            break;
+        }
+        if (now_ >= deadline || auto_ || released_) break;
+        if (pollMs > 0)
+            cv_.wait_for(g, std::chrono::milliseconds(pollMs));
+        else
+            cv_.wait(g);
+    }
+    if (!ok && auto_ && now_ < deadline) now_ = deadline;
+    --sleepers_;
+    cv_.notify_all();
+    return ok;
+}
 
 class TestPlatform : public PlatformWrapper {
 public:
@@ -66,6 +106,9 @@ public:
     void SetSequentialGuids(bool on);
     // When false, debugger output is not recorded (only kept out of stderr).
     void SetRecordDebugger(bool on);
+    // File operations on paths that contain `pathPart` fail with errno `err` (0 clears): opening
+    // and reading at once, writing to a file opened before the call as well.
+    void FailFiles(const std::string& pathPart, int err);
 
     std::vector<Event> Events() const;
     std::string DebuggerText() const;
@@ -76,14 +119,21 @@ public:
     bool ReadDwordValue(const std::string& k, const std::string& n, uint32_t* o) override;
     std::string SystemDirectory() override;
     std::string SecondSystemDirectory() override;
+    bool ReadTextFile(const std::string& path, std::string* out, int* err) override;
+    std::unique_ptr<PlatformFile> OpenAppendFile(const std::string& path, int* err) override;
     bool ReportEvent(EventType t, uint32_t id, const char* text) override;
     void DebuggerOutput(const char* text) override;
     uint32_t TickCount() override;
     void Sleep(uint32_t ms) override;
     struct tm LocalTime() override;
+    std::unique_ptr<PlatformEvent> CreateEvent() override;
+    int WaitReadable(int fd, uint32_t ms) override;
     HRESULT CreateGuid(GUID* g) override;
     void* TaskMemAlloc(size_t n) override;
     void HostVersion(uint32_t* ma, uint32_t* mi) override;
+
+    // The errno that file operations on `path` fail with now; 0 when they don't.
+    int FileFailure(const std::string& path) const;
 
 private:
     mutable std::mutex mu_;
@@ -98,6 +148,8 @@ private:
     bool seqGuids_ = false;
     uint32_t guidCounter_ = 0;
     bool recordDebugger_ = true;
+    std::string failPath_;
+    int failErr_ = 0;
     std::vector<Event> events_;
     std::string debugger_;
 };

@@ -1,9 +1,10 @@
-#include "support/module.h"
+#include "module/module.h"
 
 #include "core/globals.h"
 #include "core/provider.h"
 #include "proxy/kelvane.h"
 #include "support/debuglog.h"
+#include "support/host_notice.h"
 
 namespace {
 
@@ -93,7 +94,7 @@ void FreeRefreshLock() {
     DebugTrace("FreeRefreshLock exit\n");
 }
 
-extern "C" BOOL DllMain(void* instance, DWORD reason, void* reserved) {
+extern "C" TROV_EXPORT BOOL DllMain(void* instance, DWORD reason, void* reserved) {
     DebugTrace("DllMain() Enter\n");
     if (reason == DLL_PROCESS_ATTACH) {
         InitLock();
@@ -106,18 +107,22 @@ extern "C" BOOL DllMain(void* instance, DWORD reason, void* reserved) {
     return TRUE;
 }
 
-extern "C" HRESULT DllCanUnloadNow() {
+extern "C" TROV_EXPORT HRESULT DllCanUnloadNow() {
     long n = ModuleLockCount();
     DebugTrace("DllCanUnloadNow() count= %d\n", static_cast<int>(n));
     return n == 0 ? S_OK : S_FALSE;
 }
 
-extern "C" HRESULT DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
+extern "C" TROV_EXPORT HRESULT DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
     DebugTrace("DllGetClassObject()\n");
     if (!ppv) return E_POINTER;
     *ppv = nullptr;
     if (rclsid != CLSID_TrovHwProvider) return CLASS_E_CLASSNOTAVAILABLE;
     return g_factory.QueryInterface(riid, ppv);
+}
+
+extern "C" TROV_EXPORT void TrovSetHostSink(const TrovHostSink* sink) {
+    SetHostSink(sink);
 }
 
 // Process attach and detach of the module.
