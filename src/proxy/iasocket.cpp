@@ -129,6 +129,13 @@ void CloseProxySocket(int closed) {
     if (fd > 0) ::close(fd);
 }
 
+std::string TransportErrorText(int32_t e) {
+    if (e == -2) return "no reply in time";
+    if (e == -1) return "connection closed by the service";
+    if (e == 0) return "no connection";
+    return std::strerror(e);
+}
+
 bool AllocatePacketBuffer() {
     if (!g_transport.PacketBuffer)
         g_transport.PacketBuffer = static_cast<uint8_t*>(std::calloc(1, wire::kPacketBufferSize));

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 struct TransportState {
     std::atomic<int> sock{0};                 // -1 while a reconnect replaces it
@@ -29,6 +30,10 @@ void CloseProxySocket(int closed);
 // Allocates the packet buffer once; frees it. (The connect sequence and ProxyUnInit.)
 bool AllocatePacketBuffer();
 void FreePacketBuffer();
+
+// Words for a LastSocketError value: the system's text, "no reply in time" for -2, "connection
+// closed by the service" for -1.
+std::string TransportErrorText(int32_t lastSocketError);
 
 // Returns the transport to its state at process start, closing what is open (tests only).
 void ResetTransportForTest();

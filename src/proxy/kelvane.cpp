@@ -6,6 +6,7 @@
 
 #include "proxy/iasocket.h"
 #include "support/debuglog.h"
+#include "support/host_notice.h"
 
 MutexHandle hVdsMutex = nullptr;
 
@@ -40,6 +41,8 @@ int CommandExchange::Run(size_t errorOffset) {
     int n = exec_cmnd(pkt_, static_cast<int>(wire::kHeaderSize + dataLen_), pkt_, static_cast<int>(wire::kHeaderSize));
     if (n <= 0) {
         DebugTrace("OOP!! Kelvane::%s exec_cmnd(Line %d) error, it return len = %d\n", name, __LINE__, n);
+        NoteHostFailure("the exchange with the proxy service failed at %s (%s)", cmd_.method,
+                        TransportErrorText(g_transport.LastSocketError.load()).c_str());
         return -1;
     }
     uint32_t len = wire::DataLenOf(pkt_);

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -48,27 +49,60 @@ int ReadSessionPayload(uint8_t* buffer, int n) {
     return recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
 }
 
-int StatusResult(uint32_t status) {
+// `step`: "handshake" or "login", for the host's failure line.
+int StatusResult(uint32_t status, const char* step) {
     switch (status) {
         case 1:
             return 0;
         case 2:
             HostConsole("unknown user.\n");
+            NoteHostFailure("%s refused by the proxy service at %s:%u: unknown user (status 2)", step,
+                            g_session.AgentIP, g_session.Port);
             return -1;
         case 5:
             DebugTrace("invalid password.\n");
+            NoteHostFailure("%s refused by the proxy service at %s:%u: invalid password (status 5)", step,
+                            g_session.AgentIP, g_session.Port);
             return -1;
         default:
             DebugTrace("unknown status.\n");
+            NoteHostFailure("%s refused by the proxy service at %s:%u: unknown status %u", step, g_session.AgentIP,
+                            g_session.Port, status);
             return -1;
     }
 }
 
-bool ReadConfigAt(const std::string& path, ProxyConfig* cfg) { return ReadProxyConfig(path.c_str(), cfg) == 0; }
+// Reads one candidate file; notes in *tried what became of it, for the host's failure line.
+bool ReadConfigAt(const std::string& path, ProxyConfig* cfg, std::string* tried) {
+    if (!tried->empty()) *tried += "; ";
+    if (ReadProxyConfig(path.c_str(), cfg) == 0) {
+        *tried += path + " (read)";
+        return true;
+    }
+    *tried += (path.empty() ? std::string("no ConfigurationFile value") : path + ": " + std::strerror(errno));
+    return false;
+}
+
+// The settings a read left empty or zero, for the host's failure line.
+std::string MissingSettings(const ProxyConfig& cfg) {
+    std::string m;
+    auto add = [&m](const char* name) { m += m.empty() ? name : std::string(", ") + name; };
+    if (cfg.version == 0) add("version");
+    if (cfg.ipaddress == 0) add("ipaddress");
+    if (cfg.username[0] == '\0') add("username");
+    if (cfg.password[0] == '\0') add("password");
+    if (cfg.port == 0) add("port");
+    return m;
+}
 
 int ConnectWithRetries() {
-    for (int i = 0; i < kConnectTries; ++i)
+    int err = 0;
+    for (int i = 0; i < kConnectTries; ++i) {
         if (ConnectProxySocket(g_session.AgentIP, g_session.Port) == 0) return 0;
+        err = errno;
+    }
+    NoteHostFailure("the proxy service at %s:%u cannot be reached: %s", g_session.AgentIP, g_session.Port,
+                    std::strerror(err));
     return -1;
 }
 
@@ -94,8 +128,12 @@ int Handshake(uint8_t* buffer) {
     if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != kHandshakeAnswerOp) return -1;
     uint32_t versionStatus = wire::LoadBe32(buffer + 36);
     g_session.HandshakeToken = wire::LoadBe32(buffer + 40);
-    if (((versionStatus >> 8) & 0xFF) != 5) return kVersionMismatch;
-    return StatusResult(versionStatus & 0xFF);
+    if (((versionStatus >> 8) & 0xFF) != 5) {
+        NoteHostFailure("the proxy service at %s:%u speaks protocol version %u; this provider needs version 5",
+                        g_session.AgentIP, g_session.Port, (versionStatus >> 8) & 0xFF);
+        return kVersionMismatch;
+    }
+    return StatusResult(versionStatus & 0xFF, "handshake");
 }
 
 int Login(uint8_t* buffer) {
@@ -124,7 +162,7 @@ int Login(uint8_t* buffer) {
         g_transport.SessionKey = wire::LoadBe32(buffer + 40);
         return 0;
     }
-    return StatusResult(status);
+    return StatusResult(status, "login");
 }
 
 int negotiate_listen_port(uint8_t* buffer) {
@@ -158,7 +196,8 @@ int ProxyConnect() {
     if (!AllocatePacketBuffer()) return -1;
 
     ProxyConfig cfg{};
-    if (!ReadConfigAt(Plat()->SystemDirectory() + "/kelvane.conf", &cfg)) {
+    std::string tried;
+    if (!ReadConfigAt(Plat()->SystemDirectory() + "/kelvane.conf", &cfg, &tried)) {
         std::string path;
         if (!Plat()->KeyExists(KELVANE_PARAMETERS_KEY)) {
             DebugTrace("Could not open the registry key:%S\n", AsciiToWide(KELVANE_PARAMETERS_KEY).c_str());
@@ -169,10 +208,13 @@ int ProxyConnect() {
             else
                 DebugTrace("Could not get the registry key 'ConfigurationFile' value\n");
         }
-        if (!ReadConfigAt(path, &cfg)) ReadConfigAt(Plat()->SecondSystemDirectory() + "/kelvane.conf", &cfg);
+        if (!ReadConfigAt(path, &cfg, &tried))
+            ReadConfigAt(Plat()->SecondSystemDirectory() + "/kelvane.conf", &cfg, &tried);
     }
     if (!ProxyConfigComplete(cfg)) {
         DebugTrace("Read proxy confige file failed!\n");
+        NoteHostFailure("no usable kelvane.conf (missing or empty: %s): %s", MissingSettings(cfg).c_str(),
+                        tried.c_str());
         return -1;
     }
     in_addr a{};
