@@ -1,5 +1,5 @@
-// The Linux platform's own pieces that the fake clock doesn't stand in for: events across
-// threads, joinable threads, the exchange lock's try, users, and the append file's length and cut.
+// The Linux platform's own pieces that the fake platform doesn't stand in for: events across
+// threads, the exchange lock's try, users, and the append file's length and cut.
 // Real waits here are a few milliseconds at most.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -27,16 +27,6 @@ TEST(LinuxPlatform, AnEventSetByAnotherThreadEndsTheWaitAndStaysSetUntilReset) {
     EXPECT_TRUE(ev->Wait(0));  // manual reset: still set
     ev->Reset();
     EXPECT_FALSE(ev->IsSet());
-}
-
-TEST(LinuxPlatform, JoinWaitsForTheThreadsEnd) {
-    std::atomic<int> steps{0};
-    std::unique_ptr<PlatformThread> t = Linux()->StartThread([&steps] {
-        for (int i = 0; i < 1000; ++i) ++steps;
-    });
-    ASSERT_NE(t, nullptr);
-    t->Join();
-    EXPECT_EQ(steps.load(), 1000);
 }
 
 TEST(LinuxPlatform, TryWaitMutexTakesOnlyAFreeOrOwnMutex) {
