@@ -140,7 +140,7 @@ public:
     std::mutex mu;
     std::vector<LocalChannelPolicy> policies;
     uint32_t readTimeoutMs = 0;  // 0: as the logic asks
-    uint32_t euid = 0;
+    uint32_t euid = static_cast<uint32_t>(geteuid());  // the test's clients run as this user
     std::map<std::string, uint32_t> users = {{"trovsvc", 4321}, {"root", 0}};
 };
 
@@ -362,7 +362,9 @@ TEST_F(HeartbeatChannel, SilentClientGetsNothingAndShutdownStillEndsTheThread) {
 
 TEST_F(HeartbeatChannel, ClientsOfRootAndOfThisProcessAreAcceptedWithAReadTimeOut) {
     ASSERT_EQ(tp.policies.size(), 1u);
-    EXPECT_EQ(tp.policies[0].allowedUids, std::vector<uint32_t>{0});  // the fake's own user is root
+    const uint32_t self = static_cast<uint32_t>(geteuid());
+    const std::vector<uint32_t> allowed = self == 0 ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, self};
+    EXPECT_EQ(tp.policies[0].allowedUids, allowed);
     EXPECT_EQ(tp.policies[0].readTimeoutMs, kHeartbeatReadTimeoutMs);
     EXPECT_TRUE(Logged("create_listen: uid 0 may connect\n")) << tp.DebuggerText();
 }
