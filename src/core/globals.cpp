@@ -1,49 +1,36 @@
 #include "core/globals.h"
 
-#include <mutex>
+#include <cstring>
 
+#include "core/monitor.h"
+#include "core/provider.h"
+#include "objects/lun.h"
 #include "platform/wstr.h"
+#include "proxy/session.h"
 #include "support/debuglog.h"
 
-std::atomic<CProvider*> g_pProvider{nullptr};
-std::atomic<int> isProviderOnline{0};
-std::atomic<int> isRefreshing{0};
-std::atomic<int> allowQueryRefresh{1};
-std::atomic<uint32_t> NumOperation{0};
-std::atomic<uint32_t> DebugLogging{0};
-std::atomic<uint32_t> Options{0};
-std::atomic<uint32_t> StartingLUN{1};
-
-WCHAR g_ProviderName[kProviderNameChars] = u"Halden iSCSI VDS Provider";
-WCHAR g_ProviderVersion[kProviderVersionChars] = u"2.8.5.45";
-
-MutexHandle hRefreshMutex = nullptr;
-MutexHandle hNotificationMutex = nullptr;
+constinit ProviderGlobals g_globals;
 
 namespace {
 
 struct HostFlags {
-    bool win2008 = false, win7 = false, win8 = false;
+    bool win2008, win7, win8;
 };
 
-std::mutex g_hostMu;
-bool g_hostKnown = false;
-HostFlags g_host;
-
 HostFlags Detect() {
-    std::lock_guard<std::mutex> g(g_hostMu);
-    if (!g_hostKnown) {
+    ProviderGlobals& g = g_globals;
+    std::lock_guard<std::mutex> lock(g.hostMu);
+    if (!g.hostKnown) {
         uint32_t major = 0, minor = 0;
         Plat()->HostVersion(&major, &minor);
-        g_host.win2008 = major >= 6;
+        g.win2008 = major >= 6;
         // Deliberately false for any major version above 6.
-        g_host.win7 = major == 6 && minor != 0;
-        g_host.win8 = major == 6 && minor >= 2;
-        g_hostKnown = true;
-        DebugTrace("win2008=%d win7=%d win8=%d major=%d minor=%d\n", g_host.win2008, g_host.win7, g_host.win8,
-                   major, minor);
+        g.win7 = major == 6 && minor != 0;
+        g.win8 = major == 6 && minor >= 2;
+        g.hostKnown = true;
+        DebugTrace("win2008=%d win7=%d win8=%d major=%d minor=%d\n", g.win2008, g.win7, g.win8, major, minor);
     }
-    return g_host;
+    return HostFlags{g.win2008, g.win7, g.win8};
 }
 
 }  // namespace
@@ -53,22 +40,35 @@ bool HostIsWin7() { return Detect().win7; }
 bool HostIsWin8() { return Detect().win8; }
 
 void ResetHostVersionForTest() {
-    std::lock_guard<std::mutex> g(g_hostMu);
-    g_hostKnown = false;
+    std::lock_guard<std::mutex> lock(g_globals.hostMu);
+    g_globals.hostKnown = false;
 }
 
 void ResetProviderGlobalsForTest() {
-    g_pProvider = nullptr;
-    isProviderOnline = 0;
-    isRefreshing = 0;
-    allowQueryRefresh = 1;
-    NumOperation = 0;
-    DebugLogging = 0;
-    Options = 0;
-    StartingLUN = 1;
+    ProviderGlobals& g = g_globals;
+    g.provider = nullptr;
+    g.online = 0;
+    g.refreshing = 0;
+    g.allowQueryRefresh = 1;
+    g.numOperation = 0;
+    g.debugLogging = 0;
+    g.options = 0;
+    g.startingLun = 1;
     const char16_t name[] = u"Halden iSCSI VDS Provider";
     const char16_t version[] = u"2.8.5.45";
-    std::memcpy(g_ProviderName, name, sizeof name);
-    std::memcpy(g_ProviderVersion, version, sizeof version);
+    std::memset(g.name, 0, sizeof g.name);
+    std::memset(g.version, 0, sizeof g.version);
+    std::memcpy(g.name, name, sizeof name);
+    std::memcpy(g.version, version, sizeof version);
     ResetHostVersionForTest();
+}
+
+void ResetProcessStateForTest() {
+    ResetProviderGlobalsForTest();
+    ResetLoadDelayForTest();
+    ResetNewNamesForTest();
+    // The connection first: it joins threads that may still log or touch the monitor.
+    ResetSessionForTest();
+    ResetMonitorForTest();
+    DebugLogResetForTest();
 }

@@ -1,12 +1,9 @@
 #include "core/monitor.h"
 
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/events.h"
@@ -23,11 +20,22 @@ namespace {
 constexpr int kSleepsPerPass = 10;
 constexpr uint32_t kSleepMs = 1000;
 
-std::atomic<CProvider*> g_monitorProvider{nullptr};
-// Never destroyed: a detached monitor may still be leaving them when the process exits.
-std::mutex& g_aliveMu = *new std::mutex;
-std::condition_variable& g_aliveCv = *new std::condition_variable;
-int g_alive = 0;
+// The monitor's process-wide state.
+struct MonitorState {
+    std::atomic<CProvider*> provider{nullptr};  // noted for the threads by DealEventProvider
+    std::mutex mu;
+    int alive = 0;  // threads that haven't yet left every shared object
+    // Set when the last thread leaves; made by DealEventProvider on the platform of that moment.
+    std::shared_ptr<PlatformEvent> allEnded;
+};
+
+// Never destroyed: a host may end its process without unloading the provider, monitors running.
+MonitorState& g_monitor = *new MonitorState;
+
+void ThreadLeft() {
+    std::lock_guard<std::mutex> g(g_monitor.mu);
+    if (--g_monitor.alive == 0 && g_monitor.allEnded) g_monitor.allEnded->Set();
+}
 
 bool Stopping() { return g_session.terminating.load() != 0 || isProviderOnline.load() == 0; }
 
@@ -101,8 +109,9 @@ void DealEventSubSystem(CProvider* provider, SubsystemEntry param) {
     for (;;) {
         g_session.processEventRunning = 1;
         for (int i = 0; i < kSleepsPerPass; ++i) {
-            Plat()->Sleep(kSleepMs);
-            if (Stopping()) {
+            // Ends at once when the unload begins, so that it needn't wait out the second.
+            bool woken = SessionPause(kSleepMs);
+            if (woken || Stopping()) {
                 DebugTrace("DealEventSubSystem provider is terminating or offline, break. Line %d\n", __LINE__);
                 break;
             }
@@ -112,26 +121,35 @@ void DealEventSubSystem(CProvider* provider, SubsystemEntry param) {
     DebugTrace("DealEventSubSystem Out\n");
     // The flag is shared: the first monitor to end clears it for all.
     NotifyThreadEnded(&g_session.processEventRunning);
-    // The last thing the thread does, under the lock: the unload may go on at once.
-    std::lock_guard<std::mutex> g(g_aliveMu);
-    --g_alive;
-    g_aliveCv.notify_all();
+    ThreadLeft();
 }
 }  // namespace
 
 int MonitorThreadsAlive() {
-    std::lock_guard<std::mutex> g(g_aliveMu);
-    return g_alive;
+    std::lock_guard<std::mutex> g(g_monitor.mu);
+    return g_monitor.alive;
 }
 
 bool WaitForMonitorThreads(int ms) {
-    std::unique_lock<std::mutex> g(g_aliveMu);
-    return g_aliveCv.wait_for(g, std::chrono::milliseconds(ms), [] { return g_alive == 0; });
+    std::shared_ptr<PlatformEvent> ended;
+    {
+        std::lock_guard<std::mutex> g(g_monitor.mu);
+        if (g_monitor.alive == 0) return true;
+        ended = g_monitor.allEnded;
+    }
+    return ended && ended->Wait(static_cast<uint32_t>(ms));
+}
+
+void ResetMonitorForTest() {
+    std::lock_guard<std::mutex> g(g_monitor.mu);
+    g_monitor.provider = nullptr;
+    g_monitor.alive = 0;
+    g_monitor.allEnded.reset();
 }
 
 void DealEventProvider(CProvider* provider) {
     DebugTrace("DealEventProvider IN\n");
-    g_monitorProvider = provider;
+    g_monitor.provider = provider;
     // The handles of every served subsystem, as the subsystem map holds them now.
     std::vector<SubsystemEntry> params;
     {
@@ -139,14 +157,27 @@ void DealEventProvider(CProvider* provider) {
         for (auto& [id, e] : provider->SubSystemMap())
             if (auto* ss = dynamic_cast<CSubSystem*>(e.pObject)) params.push_back(ss->Entry());
     }
+    {
+        std::lock_guard<std::mutex> g(g_monitor.mu);
+        if (g_monitor.alive == 0) g_monitor.allEnded = Plat()->CreateEvent();
+    }
+    int number = 0;
     for (const SubsystemEntry& p : params) {
         {
-            std::lock_guard<std::mutex> g(g_aliveMu);
-            ++g_alive;
+            std::lock_guard<std::mutex> g(g_monitor.mu);
+            ++g_monitor.alive;
+            g_monitor.allEnded->Reset();
         }
-        std::thread t(DealEventSubSystem, provider, p);
-        DebugTrace("create DealEvent handle = %d\n", static_cast<int>(t.native_handle() & 0x7FFFFFFF));
-        t.detach();
+        std::unique_ptr<PlatformThread> t = Plat()->StartThread([provider, p] { DealEventSubSystem(provider, p); });
+        if (!t) {
+            DebugTrace("OOP!!! DealEventProvider could not start a monitor thread\n");
+            ThreadLeft();
+            continue;
+        }
+        // A platform thread has no handle number of its own here; the line shows its position.
+        DebugTrace("create DealEvent handle = %d\n", ++number);
+        // The session joins it at the unload, before the packet buffer goes.
+        AdoptSessionThread(std::move(t));
     }
     DebugTrace("DealEventProvider OUT\n");
 }

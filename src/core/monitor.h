@@ -1,7 +1,8 @@
 // The event monitor: one thread per subsystem of the first load polls both controllers' event
-// logs every ten seconds (ten one-second sleeps on the Platform clock), passes new events on to
-// the host as notifications, decides from their codes whether the tree is stale, and repairs a
-// lost connection to the proxy service.
+// logs every ten seconds (ten one-second pauses on the Platform clock, each of which the unload
+// ends at once), passes new events on to the host as notifications, decides from their codes
+// whether the tree is stale, and repairs a lost connection to the proxy service. The threads
+// are started through the Platform and handed to the session, which joins them at the unload.
 #pragma once
 
 #include <cstdint>
@@ -20,5 +21,8 @@ void NotifyEvent(CProvider* provider, const EventData& event);
 
 // Monitor threads alive now (each thread counts itself until it has left every shared object).
 int MonitorThreadsAlive();
-// Waits (real time, at most `ms`) until no monitor thread is alive; false on time-out.
+// Waits (on the Platform clock, at most `ms`) until no monitor thread is alive; false on
+// time-out. After the unload the session has joined them all, and this returns at once.
 bool WaitForMonitorThreads(int ms);
+// Forgets the monitor's state (tests only; its threads must have been joined).
+void ResetMonitorForTest();

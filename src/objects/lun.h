@@ -6,6 +6,7 @@
 // with " Plex" or " Plex2" for the plexes).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -194,5 +195,7 @@ private:
     uint8_t m_numDrivesPerLowLevelArray = 0;
     uint8_t m_utilityRunning = 0;
     uint8_t m_specialType = 0;
-    bool m_isDummy = false;
+    // Atomic: SetFriendlyName tests it before it takes the notification mutex, while a refresh
+    // under that mutex may be building the LUN again.
+    std::atomic<bool> m_isDummy{false};
 };

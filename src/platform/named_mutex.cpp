@@ -39,6 +39,8 @@ uint32_t NamedMutexTable::Wait(MutexHandle h) {
     return 0;
 }
 
+bool NamedMutexTable::TryWait(MutexHandle h) { return !h || h->mu.try_lock(); }
+
 void NamedMutexTable::Release(MutexHandle h) {
     if (h) h->mu.unlock();
 }

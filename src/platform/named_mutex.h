@@ -21,6 +21,8 @@ public:
     MutexHandle Open(const char* name);
     void Close(MutexHandle h);
     static uint32_t Wait(MutexHandle h);
+    // True when taken at once (a null handle: true, nothing to take).
+    static bool TryWait(MutexHandle h);
     static void Release(MutexHandle h);
 
 private:

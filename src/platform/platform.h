@@ -157,6 +157,8 @@ public:
     virtual void CloseNamedMutex(MutexHandle h) = 0;
     // 0 on a clean acquisition; no time-out.
     virtual uint32_t WaitMutex(MutexHandle h) = 0;
+    // Takes the mutex only if no other thread holds it; true when taken (a null handle: true).
+    virtual bool TryWaitMutex(MutexHandle h) = 0;
     virtual void ReleaseMutex(MutexHandle h) = 0;
 
     // --- Identity and memory ---
@@ -168,6 +170,10 @@ public:
     virtual void HostVersion(uint32_t* major, uint32_t* minor) = 0;
     virtual uint32_t ProcessId() = 0;
     virtual uint32_t ThreadId() = 0;
+    // The process's effective user id.
+    virtual uint32_t EffectiveUserId() = 0;
+    // The user id of the account `name`; false when there is no such account.
+    virtual bool LookupUserId(const std::string& name, uint32_t* uid) = 0;
 };
 
 // Forwards every call to a target; tests derive from it and override what they replace.
@@ -207,6 +213,7 @@ public:
     MutexHandle OpenNamedMutex(const char* n) override { return target_->OpenNamedMutex(n); }
     void CloseNamedMutex(MutexHandle h) override { target_->CloseNamedMutex(h); }
     uint32_t WaitMutex(MutexHandle h) override { return target_->WaitMutex(h); }
+    bool TryWaitMutex(MutexHandle h) override { return target_->TryWaitMutex(h); }
     void ReleaseMutex(MutexHandle h) override { target_->ReleaseMutex(h); }
     HRESULT CreateGuid(GUID* g) override { return target_->CreateGuid(g); }
     void* TaskMemAlloc(size_t n) override { return target_->TaskMemAlloc(n); }
@@ -214,6 +221,8 @@ public:
     void HostVersion(uint32_t* ma, uint32_t* mi) override { target_->HostVersion(ma, mi); }
     uint32_t ProcessId() override { return target_->ProcessId(); }
     uint32_t ThreadId() override { return target_->ThreadId(); }
+    uint32_t EffectiveUserId() override { return target_->EffectiveUserId(); }
+    bool LookupUserId(const std::string& n, uint32_t* uid) override { return target_->LookupUserId(n, uid); }
 
 private:
     Platform* target_;

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,6 +24,7 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "platform/named_mutex.h"
 #include "platform/platform.h"
@@ -307,6 +309,7 @@ public:
     MutexHandle OpenNamedMutex(const char* name) override { return NamedMutexTable::Instance().Open(name); }
     void CloseNamedMutex(MutexHandle h) override { NamedMutexTable::Instance().Close(h); }
     uint32_t WaitMutex(MutexHandle h) override { return NamedMutexTable::Wait(h); }
+    bool TryWaitMutex(MutexHandle h) override { return NamedMutexTable::TryWait(h); }
     void ReleaseMutex(MutexHandle h) override { NamedMutexTable::Release(h); }
 
     HRESULT CreateGuid(GUID* out) override {
@@ -327,6 +330,19 @@ public:
     }
     uint32_t ProcessId() override { return static_cast<uint32_t>(getpid()); }
     uint32_t ThreadId() override { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+    uint32_t EffectiveUserId() override { return static_cast<uint32_t>(geteuid()); }
+    bool LookupUserId(const std::string& name, uint32_t* uid) override {
+        long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+        std::vector<char> buf(size > 0 ? static_cast<size_t>(size) : 16384);
+        passwd pw{};
+        passwd* found = nullptr;
+        int rc;
+        while ((rc = getpwnam_r(name.c_str(), &pw, buf.data(), buf.size(), &found)) == ERANGE && buf.size() < (1u << 20))
+            buf.resize(buf.size() * 2);
+        if (rc != 0 || !found) return false;
+        *uid = static_cast<uint32_t>(found->pw_uid);
+        return true;
+    }
 
 private:
     static uint64_t NowMs() {

@@ -3,9 +3,11 @@
 #include <arpa/inet.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/platform.h"
 #include "support/debuglog.h"
 
 namespace {
@@ -49,22 +51,36 @@ void ApplySetting(const char* key, const char* value, ProxyConfig* cfg) {
 
 }  // namespace
 
-void ReadProxyConfigStream(FILE* stream, ProxyConfig* cfg) {
+void ReadProxyConfigText(const std::string& text, ProxyConfig* cfg) {
     char line[kLineBuffer];
+    size_t at = 0;
     for (;;) {
-        if (!std::fgets(line, sizeof line, stream)) break;
-        // A line that ends at the end of the file, without its newline, is dropped on purpose.
-        if (std::feof(stream)) break;
+        // One fgets into the 260-byte buffer: up to and with the next newline, at most 259 bytes.
+        if (at >= text.size()) break;
+        size_t n = 0;
+        bool newline = false;
+        while (n < sizeof line - 1 && at < text.size()) {
+            char ch = text[at++];
+            line[n++] = ch;
+            if (ch == '\n') {
+                newline = true;
+                break;
+            }
+        }
+        line[n] = '\0';
+        // The read met the end of the file (it wanted more and there was none): the line that
+        // ends there, without its newline, is dropped on purpose.
+        if (!newline && n < sizeof line - 1) break;
 
-        size_t n = std::strlen(line);
+        n = std::strlen(line);  // a NUL byte in the file ends the line's text
         while (n > 0 && static_cast<signed char>(line[n - 1]) < 32) line[--n] = '\0';
-        char* text = Trim(line);
-        if (text[0] == '#') continue;
+        char* trimmed = Trim(line);
+        if (trimmed[0] == '#') continue;
 
         // strtok's rules: leading colons are skipped, and the value is the next token, so it ends
         // at the following colon.
         char* save = nullptr;
-        char* key = strtok_r(text, ":", &save);
+        char* key = strtok_r(trimmed, ":", &save);
         if (!key) continue;
         char* value = strtok_r(nullptr, ":", &save);
         if (!value) continue;  // no value: nothing to set
@@ -73,14 +89,15 @@ void ReadProxyConfigStream(FILE* stream, ProxyConfig* cfg) {
 }
 
 int ReadProxyConfig(const char* path, ProxyConfig* cfg) {
-    FILE* stream = path ? std::fopen(path, "r") : nullptr;
-    if (!stream) {
-        DebugTrace("Cannot open file: %s\n", path);
+    std::string text;
+    int err = 0;
+    if (!path || !Plat()->ReadTextFile(path, &text, &err)) {
+        DebugTrace("Cannot open file: %s\n", path ? path : "(null)");
+        errno = path ? err : ENOENT;
         return -1;
     }
     DebugTrace("Open %s success.\n", path);
-    ReadProxyConfigStream(stream, cfg);
-    std::fclose(stream);
+    ReadProxyConfigText(text, cfg);
     return 0;
 }
 

@@ -5,11 +5,12 @@
 // service's own rules to the letter: the last line counts only if it ends in a newline, the
 // tail of a line loses every byte below 32 as a signed char (control characters and bytes of
 // 0x80 and above), '#' starts a comment, the value ends at a second colon, keys without their
-// blanks are skipped in silence, and a repeated key replaces the earlier one.
+// blanks are skipped in silence, and a repeated key replaces the earlier one. A file that can't
+// be read as a whole counts as one that can't be opened.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
+#include <string>
 
 struct ProxyConfig {
     int version;
@@ -19,12 +20,14 @@ struct ProxyConfig {
     uint16_t port;
 };
 
-// Reads the file at `path` into *cfg. Fields the file doesn't set keep what the caller put there
-// (callers zero the record). Returns 0, or -1 when the file cannot be opened.
+// Reads the file at `path` (through the Platform) into *cfg. Fields the file doesn't set keep
+// what the caller put there (callers zero the record). Returns 0, or -1 with errno set when the
+// file cannot be opened or read.
 int ReadProxyConfig(const char* path, ProxyConfig* cfg);
 
-// The same rules on an open stream (read to its end; not closed).
-void ReadProxyConfigStream(FILE* stream, ProxyConfig* cfg);
+// The same rules on the file's contents, taken line by line as fgets takes them into a 260-byte
+// buffer: a line longer than 259 bytes is read in pieces, each a line of its own.
+void ReadProxyConfigText(const std::string& text, ProxyConfig* cfg);
 
 // True when all five settings are present: version, address and port non-zero, user name and
 // password non-empty.

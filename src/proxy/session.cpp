@@ -2,20 +2,21 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/platform.h"
 #include "platform/wstr.h"
 #include "proxy/cipher.h"
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"
+#include "proxy/kelvane.h"
 #include "proxy/kelvane_conf.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
@@ -31,10 +32,23 @@ constexpr uint32_t kListenPortOp = 7, kListenPortAnswerOp = 8, kGoodbyeOp = 14;
 constexpr int kVersionMismatch = 29;
 constexpr uint32_t kLoginRecordSize = 344;
 constexpr int kConnectTries = 10;
+constexpr int kThreadWaitSteps = 10;
+constexpr uint32_t kThreadWaitStepMs = 1000;
 
-// Never destroyed: a detached thread may still be leaving them when the process exits.
-std::mutex& g_threadsMu = *new std::mutex;
-std::condition_variable& g_threadsCv = *new std::condition_variable;
+// The provider's threads and the two events of the unload.
+struct SessionThreads {
+    std::mutex mu;
+    std::vector<std::unique_ptr<PlatformThread>> threads;  // handed over, not joined yet
+    // Set when the unload begins: every SessionPause ends at once. Made on first use, on the
+    // platform of that moment; dropped once the threads are joined.
+    std::shared_ptr<PlatformEvent> stop;
+    bool stopping = false;
+    // ProxyUnInit's wait: set when no running flag is up any more.
+    std::shared_ptr<PlatformEvent> ended;
+};
+
+// Never destroyed: a host may end its process without unloading the provider, threads running.
+SessionThreads& g_threads = *new SessionThreads;
 
 const char* kLostText = "The VDS Provider has lost its connection to the TROV Proxy service.";
 const char* kRestoredText = "The VDS Provider has restored its connection to the TROV Proxy service.";
@@ -108,13 +122,75 @@ int ConnectWithRetries() {
 
 bool ThreadsRunning() { return recvEventsRunning.load() != 0 || g_session.processEventRunning.load() != 0; }
 
+std::shared_ptr<PlatformEvent> StopEventLocked() {
+    if (!g_threads.stop) {
+        g_threads.stop = Plat()->CreateEvent();
+        if (g_threads.stopping) g_threads.stop->Set();
+    }
+    return g_threads.stop;
+}
+
+// Ends every pause of the provider's threads, now and from now on.
+void RequestStop() {
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    g_threads.stopping = true;
+    StopEventLocked()->Set();
+}
+
+// A new session: pauses last their full length again.
+void ClearStop() {
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    g_threads.stopping = false;
+    g_threads.stop.reset();
+}
+
+void JoinSessionThreads() {
+    std::vector<std::unique_ptr<PlatformThread>> threads;
+    {
+        std::lock_guard<std::mutex> g(g_threads.mu);
+        threads.swap(g_threads.threads);
+    }
+    for (auto& t : threads) t->Join();
+    // No thread waits on the events any more; they go with the platform they were made on.
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    g_threads.stop.reset();
+    g_threads.ended.reset();
+}
+
+// Shuts the TCP connection down without closing it: an exchange blocked in it ends at once, and
+// the descriptor's number can't be handed out again while a thread may still use it.
+void ShutDownProxySocket() {
+    int fd = g_transport.sock.load();
+    if (fd > 0) ::shutdown(fd, SHUT_RDWR);
+}
+
 }  // namespace
 
+void AdoptSessionThread(std::unique_ptr<PlatformThread> thread) {
+    if (!thread) return;
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    g_threads.threads.push_back(std::move(thread));
+}
+
+bool SessionPause(uint32_t ms) {
+    std::shared_ptr<PlatformEvent> stop;
+    {
+        std::lock_guard<std::mutex> g(g_threads.mu);
+        stop = StopEventLocked();
+    }
+    return stop->Wait(ms);
+}
+
+int SessionThreadCount() {
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    return static_cast<int>(g_threads.threads.size());
+}
+
 void NotifyThreadEnded(std::atomic<int>* runningFlag) {
-    std::lock_guard<std::mutex> g(g_threadsMu);
-    // The flag goes down under the lock, so a waiter that sees it down finds the notification done.
+    std::lock_guard<std::mutex> g(g_threads.mu);
+    // The flag goes down under the lock, so a waiter that sees it down finds the event set.
     if (runningFlag) *runningFlag = 0;
-    g_threadsCv.notify_all();
+    if (g_threads.ended && !ThreadsRunning()) g_threads.ended->Set();
 }
 
 int Handshake(uint8_t* buffer) {
@@ -192,6 +268,7 @@ int ProxyLogin() {
 
 int ProxyConnect() {
     g_session.terminating = 0;
+    ClearStop();
     g_transport.sock = 0;
     if (!AllocatePacketBuffer()) return -1;
 
@@ -281,40 +358,68 @@ void shut() {
     DebugTrace("shut()\n");
     uint8_t* buffer = g_transport.PacketBuffer;
     if (buffer && g_transport.sock.load() > 0) {
-        MakeHeader(buffer, wire::RSSESSION, kGoodbyeOp);
-        exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize), buffer, static_cast<int>(wire::kHeaderSize));
+        // The original sends its goodbye at once, also into an exchange that a monitor pass has
+        // in flight, the two sharing the packet buffer. We send it only while no exchange holds
+        // the line; otherwise the shutdown below cuts that exchange short, and the service sees
+        // the connection end without the goodbye.
+        if (Plat()->TryWaitMutex(hVdsMutex)) {
+            MakeHeader(buffer, wire::RSSESSION, kGoodbyeOp);
+            exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize), buffer, static_cast<int>(wire::kHeaderSize));
+            if (hVdsMutex) Plat()->ReleaseMutex(hVdsMutex);
+        } else {
+            DebugTrace("shut(): an exchange is in progress, no goodbye\n");
+        }
     }
-    CloseProxySocket(0);
+    // Closed by ProxyUnInit once the threads are joined.
+    ShutDownProxySocket();
 }
 
 void ProxyUnInit() {
     DebugTrace("ProxyUnInit enter\n");
     sig_action(-1);
+    RequestStop();
     shut();
     if (ListenerValid()) delete_listener();
     DebugTrace("waiting for threads to complete\n");
-    // Up to ten seconds in steps of one. A step ends as soon as the threads have ended (they
-    // signal it), so a clean stop costs no wait; only a thread that stays busy is waited for.
-    bool ended = !ThreadsRunning();
-    for (int count = 10; !ended;) {
-        {
-            std::unique_lock<std::mutex> g(g_threadsMu);
-            g_threadsCv.wait_for(g, std::chrono::seconds(1), [] { return !ThreadsRunning(); });
-        }
-        if (!ThreadsRunning()) {
-            ended = true;
-            break;
-        }
-        if (--count == 0) break;
+    std::shared_ptr<PlatformEvent> ended;
+    {
+        std::lock_guard<std::mutex> g(g_threads.mu);
+        g_threads.ended = Plat()->CreateEvent();
+        if (!ThreadsRunning()) g_threads.ended->Set();
+        ended = g_threads.ended;
     }
-    if (!ended)
+    // Up to ten seconds in steps of one, on the Platform clock. A step ends as soon as the
+    // threads have ended (they set the event), so a clean stop costs no wait.
+    bool done = ended->IsSet();
+    for (int count = kThreadWaitSteps; !done;) {
+        done = ended->Wait(kThreadWaitStepMs);
+        if (done || --count == 0) break;
+    }
+    if (!done)
         DebugTrace("timed out waiting for threads to finish: recv_events=%d process_event=%d\n",
                    recvEventsRunning.load(), g_session.processEventRunning.load());
+    // The original frees the buffer under threads that may still run. Every wait of ours ends
+    // at the stop event or the shutdown of its channel, so the join follows soon after.
+    JoinSessionThreads();
+    CloseProxySocket(0);
     FreePacketBuffer();
     DebugTrace("ProxyUnInit leave\n");
 }
 
 void ResetSessionForTest() {
+    // Threads of an earlier test that never unloaded: woken and joined before anything goes.
+    if (SessionThreadCount() > 0) {
+        g_session.terminating = 1;
+        RequestStop();
+        ShutDownProxySocket();
+        if (ListenerValid()) delete_listener();
+        JoinSessionThreads();
+    }
+    ClearStop();
+    {
+        std::lock_guard<std::mutex> g(g_threads.mu);
+        g_threads.ended.reset();
+    }
     g_session.terminating = 0;
     g_session.HandshakeToken = 0;
     g_session.LostConnectionLogged = false;
@@ -324,5 +429,6 @@ void ResetSessionForTest() {
     std::memset(g_session.Password, 0, sizeof g_session.Password);
     g_session.PasswordLength = 0;
     g_session.Port = 0;
+    ResetHeartbeatForTest();
     ResetTransportForTest();
 }

@@ -2,19 +2,20 @@
 // the hex dump and the event reports.
 //
 // The log takes no lock. The call count and the line flag are atomics with relaxed order, the
-// stream pointer is atomic, and the live configuration's numeric fields are read and written
+// file pointer is atomic, and the live configuration's numeric fields are read and written
 // through atomic_ref (a re-read stores only the fields that changed), so that threads logging at
 // once behave as plain variables would, without undefined data races. Lines of different threads
-// can still interleave; the "[pid/tid] " prefix tells them apart.
+// can still interleave; the "[pid/tid] " prefix tells them apart. The file is the Platform's
+// (opened for appending, each piece one write), so that a test can make it fail.
 #include "support/debuglog.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <string>
 
 #include "platform/platform.h"
 #include "support/host_notice.h"
@@ -23,7 +24,7 @@ namespace {
 
 struct DebugLogState {
     DebugConfig config{};                // zeroed until the first read: nothing goes anywhere
-    std::atomic<FILE*> stream{nullptr};
+    std::atomic<PlatformFile*> file{nullptr};  // owned; from DebugOpen to the last DebugClose
     std::atomic<int> openCount{0};
     std::atomic<uint32_t> callCount{0};  // never reset while the process runs
     std::atomic<bool> lineFlag{false};   // the present line's time stamp is already written
@@ -90,6 +91,71 @@ void ReadNumber(Platform* p, const char* name, uint32_t* field) {
     if (p->ReadDwordValue(TROV_DEBUG_KEY, name, &v)) *field = v;
 }
 
+void WriteText(PlatformFile* f, const char* text) { (void)f->Write(text, std::strlen(text)); }
+
+// True when some sink takes text now: the debugger, or an open file with ToFile.
+bool SinkActive() {
+    const DebugConfig& c = g_log.config;
+    return LoadField(c.ToDebugger) || (g_log.file.load() && LoadField(c.ToFile));
+}
+
+// Counts one log call and, on every 100th, re-reads the settings and checks the file's length,
+// so that settings changed in the store take effect within 100 calls (the file is never reopened
+// here). True when the call's text goes anywhere.
+//
+// The original formats every message whether or not a sink takes it. We skip the formatting
+// when none does (no file open and ToDebugger off), the usual case, which makes a log call
+// nearly free; the count and the re-read go on as before, so a sink switched on in the settings
+// still starts within 100 calls. While nothing is written the line flag stays as it is.
+bool CountCall() {
+    uint32_t count = g_log.callCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (count % 100 == 0) {
+        ReadDebugConfig(&g_log.config);
+        if (g_log.callCount.load(std::memory_order_relaxed) % 100 == 0) CheckDebugFileLength(g_log.file.load());
+    }
+    return SinkActive();
+}
+
+// Writes a formatted text to the sinks, one newline-terminated piece at a time (a last piece
+// without a newline counts as a piece). Write errors are ignored.
+void WritePieces(const char* buf) {
+    const DebugConfig& c = g_log.config;
+    const char* p = buf;
+    for (;;) {
+        const char* nl = std::strchr(p, '\n');
+        size_t len = nl ? static_cast<size_t>(nl - p) + 1 : std::strlen(p);
+        PlatformFile* f = g_log.file.load();
+        bool toFile = f && LoadField(c.ToFile);
+
+        if (LoadField(c.TimeStamp) && !g_log.lineFlag.load(std::memory_order_relaxed)) {
+            // The time stamp goes to the file only, never to the debugger.
+            if (toFile) {
+                struct tm t = Plat()->LocalTime();
+                char stamp[64];
+                std::snprintf(stamp, sizeof stamp, "%s %02u, %u %02u:%02u:%02u: ", MonthName(t.tm_mon),
+                              static_cast<unsigned>(t.tm_mday), static_cast<unsigned>(t.tm_year + 1900),
+                              static_cast<unsigned>(t.tm_hour), static_cast<unsigned>(t.tm_min),
+                              static_cast<unsigned>(t.tm_sec));
+                WriteText(f, stamp);
+            }
+            g_log.lineFlag.store(true, std::memory_order_relaxed);
+        }
+        if (LoadField(c.ToDebugger)) {
+            char piece[2048];
+            std::memcpy(piece, p, len);
+            piece[len] = '\0';
+            Plat()->DebuggerOutput(piece);
+        }
+        if (toFile && len) {
+            (void)f->Write(p, len);
+            if (LoadField(c.ForceFlush)) (void)f->Flush();
+        }
+        if (nl) g_log.lineFlag.store(false, std::memory_order_relaxed);
+        p += len;
+        if (!nl || !*p) break;
+    }
+}
+
 void LogEvent(EventType type, const char* logLine, const char* format, va_list ap) {
     char text[256];
     TrovVFormat(text, sizeof text, format, ap);
@@ -140,19 +206,15 @@ void PrintDebugConfig() {
     DebugWrite("    DebugLevel=%u\n", LoadField(c.DebugLevel));
 }
 
-int CheckDebugFileLength(FILE* stream) {
-    if (!stream) return 1;
+int CheckDebugFileLength(PlatformFile* file) {
+    if (!file) return 1;
     uint32_t maxLength = LoadField(g_log.config.MaxFileLength);
     if (maxLength == 0) return 0;
-    std::fflush(stream);
-    struct stat st;
-    if (fstat(fileno(stream), &st) != 0) return 0;
-    long long length = static_cast<long long>(st.st_size);
-    if (length > static_cast<long long>(maxLength)) {
-        // No rotation: old content is thrown away.
-        if (ftruncate(fileno(stream), 0) != 0) return 0;
-        std::fseek(stream, 0, SEEK_END);
-        DebugWrite("Truncated debug file, length was %I64d\n", length);
+    int64_t length = file->Length();
+    if (length > static_cast<int64_t>(maxLength)) {
+        // No rotation: old content is thrown away. Writing goes on at the (new) end.
+        if (!file->Truncate()) return 0;
+        DebugWrite("Truncated debug file, length was %I64d\n", static_cast<long long>(length));
     }
     return 0;
 }
@@ -165,45 +227,44 @@ void DebugOpen(const char* fileName) {
         c.FileName[sizeof c.FileName - 1] = '\0';
     }
 
-    FILE* existing = g_log.stream.load();
+    PlatformFile* existing = g_log.file.load();
     if (!existing && LoadField(c.ToFile) && c.FileName[0]) {
-        FILE* f = std::fopen(c.FileName, "a");
-        if (!f) {
-            int err = errno;
+        int err = 0;
+        std::unique_ptr<PlatformFile> opened = Plat()->OpenAppendFile(c.FileName, &err);
+        if (!opened) {
             std::fprintf(stderr, "Error '%s' (%d) opening debug output file.\n", std::strerror(err), err);
         } else {
-            g_log.stream.store(f);
+            PlatformFile* f = opened.release();
+            g_log.file.store(f);
             CheckDebugFileLength(f);
             if (LoadField(c.ToFile)) {
-                char hashes[81];
-                std::memset(hashes, '#', 80);
-                hashes[80] = '\0';
-                std::fprintf(f, "%s\n", hashes);
+                WriteText(f, (std::string(80, '#') + "\n").c_str());
                 struct tm t = Plat()->LocalTime();
-                std::fprintf(f, "# Debug file opened on %s %02u, %u %02u:%02u:%02u.\n", MonthName(t.tm_mon),
-                             static_cast<unsigned>(t.tm_mday), static_cast<unsigned>(t.tm_year + 1900),
-                             static_cast<unsigned>(t.tm_hour), static_cast<unsigned>(t.tm_min),
-                             static_cast<unsigned>(t.tm_sec));
-                if (LoadField(c.ForceFlush)) std::fflush(f);
+                char line[96];
+                std::snprintf(line, sizeof line, "# Debug file opened on %s %02u, %u %02u:%02u:%02u.\n",
+                              MonthName(t.tm_mon), static_cast<unsigned>(t.tm_mday),
+                              static_cast<unsigned>(t.tm_year + 1900), static_cast<unsigned>(t.tm_hour),
+                              static_cast<unsigned>(t.tm_min), static_cast<unsigned>(t.tm_sec));
+                WriteText(f, line);
+                if (LoadField(c.ForceFlush)) (void)f->Flush();
             }
             PrintDebugConfig();
         }
-    } else if (existing && existing != stdout) {
-        std::fputs("Debug File already opened.\n", existing);
-        if (LoadField(c.ForceFlush)) std::fflush(existing);
+    } else if (existing) {
+        WriteText(existing, "Debug File already opened.\n");
+        if (LoadField(c.ForceFlush)) (void)existing->Flush();
     }
     g_log.openCount.fetch_add(1);
 }
 
 void DebugClose() {
     int remaining = g_log.openCount.fetch_sub(1) - 1;
-    FILE* s = g_log.stream.load();
-    if (remaining > 0 || !s || s == stdout) return;
-    g_log.stream.store(nullptr);
-    std::fclose(s);
+    if (remaining > 0) return;
+    delete g_log.file.exchange(nullptr);
 }
 
 void DebugTrace(const char* format, ...) {
+    if (!CountCall()) return;
     // Prefix and message together are held to 1000 characters.
     char buf[1001];
     Platform* p = Plat();
@@ -213,57 +274,18 @@ void DebugTrace(const char* format, ...) {
     va_start(ap, format);
     TrovVFormat(buf + n, sizeof buf - static_cast<size_t>(n), format, ap);
     va_end(ap);
-    DebugWrite("%s", buf);
+    WritePieces(buf);
 }
 
 void DebugWrite(const char* format, ...) {
-    uint32_t count = g_log.callCount.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (count % 100 == 0) {
-        // Settings changed in the store take effect within 100 calls; the file is never reopened.
-        ReadDebugConfig(&g_log.config);
-        if (g_log.callCount.load(std::memory_order_relaxed) % 100 == 0) CheckDebugFileLength(g_log.stream.load());
-    }
-
+    if (!CountCall()) return;
     char buf[2048];
     va_list ap;
     va_start(ap, format);
     TrovVFormat(buf, sizeof buf, format, ap);
     va_end(ap);
     buf[sizeof buf - 1] = '\0';
-
-    const DebugConfig& c = g_log.config;
-    const char* p = buf;
-    for (;;) {
-        const char* nl = std::strchr(p, '\n');
-        size_t len = nl ? static_cast<size_t>(nl - p) + 1 : std::strlen(p);
-        FILE* s = g_log.stream.load();
-        bool toFile = s && LoadField(c.ToFile);
-
-        if (LoadField(c.TimeStamp) && !g_log.lineFlag.load(std::memory_order_relaxed)) {
-            // The time stamp goes to the file only, never to the debugger.
-            if (toFile) {
-                struct tm t = Plat()->LocalTime();
-                std::fprintf(s, "%s %02u, %u %02u:%02u:%02u: ", MonthName(t.tm_mon),
-                             static_cast<unsigned>(t.tm_mday), static_cast<unsigned>(t.tm_year + 1900),
-                             static_cast<unsigned>(t.tm_hour), static_cast<unsigned>(t.tm_min),
-                             static_cast<unsigned>(t.tm_sec));
-            }
-            g_log.lineFlag.store(true, std::memory_order_relaxed);
-        }
-        if (LoadField(c.ToDebugger)) {
-            char piece[sizeof buf];
-            std::memcpy(piece, p, len);
-            piece[len] = '\0';
-            Plat()->DebuggerOutput(piece);
-        }
-        if (toFile && len) {
-            std::fwrite(p, 1, len, s);
-            if (LoadField(c.ForceFlush)) std::fflush(s);
-        }
-        if (nl) g_log.lineFlag.store(false, std::memory_order_relaxed);
-        p += len;
-        if (!nl || !*p) break;
-    }
+    WritePieces(buf);
 }
 
 void DebugDump(const char* title, const void* data, int length) {
@@ -338,8 +360,7 @@ bool IsSupportSpecialLun() {
 }
 
 void DebugLogResetForTest() {
-    FILE* s = g_log.stream.exchange(nullptr);
-    if (s && s != stdout) std::fclose(s);
+    delete g_log.file.exchange(nullptr);
     std::memset(&g_log.config, 0, sizeof g_log.config);
     g_log.openCount.store(0);
     g_log.callCount.store(0);

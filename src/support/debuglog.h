@@ -3,6 +3,7 @@
 // DebugTrace is the log call of all code: it prefixes "[pid/tid] " and hands the line to
 // DebugWrite, which writes it piece by piece (one piece per newline) to the debug file (with a
 // time stamp at the start of each line) and to the debugger sink, as the Debug settings say.
+// A call costs no formatting while neither sink takes text. Errors of the file are ignored.
 // The format strings are the system's own and understand, besides printf's conversions, %S and
 // %ls for UTF-16 strings (WCHAR*) and %I64d / %I64u / %I64x for 64-bit integers.
 #pragma once
@@ -13,6 +14,8 @@
 #include <string>
 
 #include "platform/wintypes.h"
+
+class PlatformFile;
 
 struct DebugConfig {
     char FileName[256];
@@ -34,7 +37,8 @@ void LogWarningEvent(const char* format, ...);
 void LogInfoEvent(const char* format, ...);
 void ReadDebugConfig(DebugConfig* config);
 void PrintDebugConfig();
-int CheckDebugFileLength(FILE* stream);
+// Cuts the debug file to zero length when it is longer than MaxFileLength; 1 without a file.
+int CheckDebugFileLength(PlatformFile* file);
 void PrintUnmaskList(const WCHAR* list);
 // The live configuration record (read by code that depends on DebugLevel).
 const DebugConfig& CurrentDebugConfig();

@@ -7,11 +7,14 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <string>
 #include <vector>
 
 #include "core/globals.h"
+#include "core/monitor.h"
 #include "core/provider.h"
+#include "proxy/session.h"
 #include "sim/model.h"
 #include "testlib/provider_env.h"
 
@@ -117,6 +120,23 @@ protected:
     TestSink sink;
     ProviderEnv env;
 };
+
+TEST_F(Monitor, TheUnloadWakesTheMonitorAtOnceAndJoinsIt) {
+    // The monitor sits in the first second of its period; no time passes on the clock.
+    const uint64_t now = clock().NowMs();
+    std::atomic<bool> unloaded{false};
+    std::thread unload([&] {
+        env.Unload();
+        unloaded = true;
+    });
+    bool inTime = Eventually([&] { return unloaded.load(); });
+    if (!inTime) clock().ReleaseAll();  // lets the test end all the same
+    unload.join();
+    EXPECT_TRUE(inTime) << "the unload waited on the clock";
+    EXPECT_EQ(clock().NowMs(), now);
+    EXPECT_EQ(MonitorThreadsAlive(), 0);
+    EXPECT_EQ(SessionThreadCount(), 0);
+}
 
 TEST_F(Monitor, ALunMadeAndDeletedOnTheArrayArrivesAndDeparts) {
     RunPass();

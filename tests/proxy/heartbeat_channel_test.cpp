@@ -1,9 +1,11 @@
 // The heartbeat channel as the service sees it: a client of the local channel sends a packet and
-// reads the answer. Heartbeats, garbage, short and empty packets, silent clients and the
-// shutdown; the thread's pauses run on the fake clock.
+// reads the answer. Heartbeats, garbage, short and empty packets, silent clients, strangers and
+// the shutdown; the thread's pauses run on the fake clock.
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -12,6 +14,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -111,6 +115,35 @@ private:
     bool ended_ = false;
 };
 
+// The fake platform with the channel's policy recorded (and its read time-out shortened on
+// request), a settable effective user and a user table of its own.
+class ChannelPlatform : public TestPlatform {
+public:
+    std::unique_ptr<LocalChannel> CreateLocalChannel(const std::string& name, const LocalChannelPolicy& policy,
+                                                     uint32_t* err) override {
+        LocalChannelPolicy used = policy;
+        {
+            std::lock_guard<std::mutex> g(mu);
+            policies.push_back(policy);
+            if (readTimeoutMs) used.readTimeoutMs = readTimeoutMs;
+        }
+        return PlatformWrapper::CreateLocalChannel(name, used, err);
+    }
+    uint32_t EffectiveUserId() override { return euid; }
+    bool LookupUserId(const std::string& name, uint32_t* uid) override {
+        auto it = users.find(name);
+        if (it == users.end()) return false;
+        *uid = it->second;
+        return true;
+    }
+
+    std::mutex mu;
+    std::vector<LocalChannelPolicy> policies;
+    uint32_t readTimeoutMs = 0;  // 0: as the logic asks
+    uint32_t euid = static_cast<uint32_t>(geteuid());  // the test's clients run as this user
+    std::map<std::string, uint32_t> users = {{"trovsvc", 4321}, {"root", 0}};
+};
+
 class HeartbeatChannel : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -122,15 +155,15 @@ protected:
         Stop();
         testlib::EndSessionTest();
     }
-    // The shutdown as the provider's unload runs it; the thread must be gone afterwards.
+    // The shutdown as the provider's unload runs it; the thread is joined by it.
     void Stop() {
         tp.clock().SetAuto(true);
         const bool running = recvEventsRunning.load() != 0;
         const size_t exits = Count("recv_events() out\n");
         ProxyUnInit();
-        // The thread's last act is its exit line; the platform must outlive it.
+        EXPECT_EQ(SessionThreadCount(), 0);
         if (running) {
-            EXPECT_TRUE(WaitFor([&] { return Count("recv_events() out\n") > exits; }));
+            EXPECT_EQ(Count("recv_events() out\n"), exits + 1);
         }
         EXPECT_EQ(recvEventsRunning.load(), 0);
         EXPECT_FALSE(ListenerValid());
@@ -156,7 +189,7 @@ protected:
         return answer;
     }
 
-    TestPlatform tp;
+    ChannelPlatform tp;
 };
 
 TEST_F(HeartbeatChannel, NameIsFormedFromTheLowBitsOfTheProcessId) {
@@ -325,6 +358,125 @@ TEST_F(HeartbeatChannel, SilentClientGetsNothingAndShutdownStillEndsTheThread) {
     // The name is free again: a new channel can be made under it.
     ResetSessionForTest();
     EXPECT_EQ(create_listen(), 0);
+}
+
+TEST_F(HeartbeatChannel, ClientsOfRootAndOfThisProcessAreAcceptedWithAReadTimeOut) {
+    ASSERT_EQ(tp.policies.size(), 1u);
+    const uint32_t self = static_cast<uint32_t>(geteuid());
+    const std::vector<uint32_t> allowed = self == 0 ? std::vector<uint32_t>{0} : std::vector<uint32_t>{0, self};
+    EXPECT_EQ(tp.policies[0].allowedUids, allowed);
+    EXPECT_EQ(tp.policies[0].readTimeoutMs, kHeartbeatReadTimeoutMs);
+    EXPECT_TRUE(Logged("create_listen: uid 0 may connect\n")) << tp.DebuggerText();
+}
+
+TEST(HeartbeatPolicyTest, RootAndTheServiceUserOrElseThisProcesssUser) {
+    struct Case {
+        const char* name;
+        const char* serviceUser;  // nullptr: no value
+        uint32_t euid;
+        std::vector<uint32_t> allowed;
+        bool logged;  // "names no user"
+    } cases[] = {
+        {"no value, run as root", nullptr, 0, {0}, false},
+        {"no value, run as a user", nullptr, 1000, {0, 1000}, false},
+        {"a user name", "trovsvc", 1000, {0, 4321}, false},
+        {"a numeric uid", "2000", 1000, {0, 2000}, false},
+        {"root by name", "root", 1000, {0}, false},
+        {"an unknown name allows root only", "nosuchuser", 1000, {0}, true},
+        {"a uid past 32 bits is a name", "4294967296", 1000, {0}, true},
+        {"an empty value", "", 1000, {0}, true},
+    };
+    ChannelPlatform tp;
+    testlib::BeginSessionTest(tp);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        tp.ClearRecords();
+        tp.euid = c.euid;
+        tp.settings().RemoveValue(TROV_PARAMETERS_KEY, "ServiceUser");
+        if (c.serviceUser) tp.settings().SetString(TROV_PARAMETERS_KEY, "ServiceUser", c.serviceUser);
+        LocalChannelPolicy p = HeartbeatPolicy();
+        EXPECT_EQ(p.allowedUids, c.allowed);
+        EXPECT_EQ(p.readTimeoutMs, kHeartbeatReadTimeoutMs);
+        EXPECT_EQ(tp.DebuggerText().find("names no user, only root may connect") != std::string::npos, c.logged)
+            << tp.DebuggerText();
+    }
+    // A value of another type counts as missing.
+    tp.settings().SetDword(TROV_PARAMETERS_KEY, "ServiceUser", 4321);
+    tp.euid = 77;
+    EXPECT_EQ(HeartbeatPolicy().allowedUids, (std::vector<uint32_t>{0, 77}));
+    testlib::EndSessionTest();
+}
+
+TEST_F(HeartbeatChannel, AStrangerIsRefusedAndTheServiceStillAnswered) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as the user nobody";
+    passwd* pw = getpwnam("nobody");
+    ASSERT_NE(pw, nullptr);
+    const uid_t uid = pw->pw_uid;
+    const gid_t gid = pw->pw_gid;
+    // Everything the child needs is made before the fork: it only makes system calls.
+    const std::string name = ListenerName();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path + 1, name.data(), name.size());
+    const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const Bytes beat = Header(1, 0, 5, 0, 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (setgid(gid) != 0 || setuid(uid) != 0) _exit(10);
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), len) != 0) _exit(11);
+        (void)!::send(fd, beat.data(), beat.size(), MSG_NOSIGNAL);
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 5000) <= 0) _exit(12);  // neither an answer nor an end
+        uint8_t buf[64];
+        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        // 0: the channel ended the connection without a word.
+        _exit(n == 0 || (n < 0 && errno == ECONNRESET) ? 0 : 13);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "10: no setuid, 11: no connect, 12: no end, 13: answered";
+    EXPECT_TRUE(WaitLogged(TrovFormatString("recv_events: refused a connection from uid %u pid %u\n",
+                                            static_cast<unsigned>(uid), static_cast<unsigned>(pid))))
+        << tp.DebuggerText();
+    EXPECT_FALSE(Logged("ConnectNamedPipe failed"));
+    g_transport.sequence = 50;
+    EXPECT_EQ(Beat(), Header(50, 0, 5, 0, 0));
+}
+
+// The read time-out of the channel, shortened so that the test waits for real only briefly.
+class HeartbeatChannelTimeOut : public HeartbeatChannel {
+protected:
+    void SetUp() override {
+        tp.readTimeoutMs = 100;
+        HeartbeatChannel::SetUp();
+    }
+};
+
+TEST_F(HeartbeatChannelTimeOut, ASilentClientIsDroppedAndTheNextServed) {
+    struct Case {
+        const char* name;
+        Bytes sent;
+    } cases[] = {{"nothing at all", {}}, {"a header whose payload never comes", Header(1, 0, 5, 0, 8)}};
+    uint32_t seq = 70;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        tp.ClearRecords();
+        Client silent;
+        ASSERT_TRUE(silent.connected());
+        if (!c.sent.empty()) {
+            ASSERT_TRUE(silent.Send(c.sent));
+        }
+        EXPECT_TRUE(silent.SeesEnd()) << "the channel kept the silent client";
+        EXPECT_TRUE(WaitLogged("recv_events: the client sent nothing in time, disconnected\n")) << tp.DebuggerText();
+        g_transport.sequence = seq;
+        EXPECT_EQ(Beat(), Header(seq, 0, 5, 0, 0));
+        ++seq;
+        EXPECT_TRUE(tp.Events().empty());  // no error event, no pause
+        EXPECT_TRUE(tp.clock().SleepCalls().empty());
+    }
 }
 
 TEST_F(HeartbeatChannel, SecondChannelOfTheSameNameFailsWithAnErrorEvent) {

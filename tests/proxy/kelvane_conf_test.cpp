@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -121,6 +122,33 @@ TEST_F(KelvaneConfTest, LongLinesAreReadInPieces) {
     ProxyConfig cfg = Read("username :" + filler + "port     :5\n");
     EXPECT_EQ(std::string(cfg.username), filler.substr(0, 32));
     EXPECT_EQ(cfg.port, 5);
+
+    // A last line without its newline is lost only when the read ran into the end of the file;
+    // one that fills the buffer exactly ends the read before that.
+    const std::string pad(259 - 13, ' ');
+    cfg = Read("port     :6" + pad + "  ");
+    EXPECT_EQ(cfg.port, 6);
+    cfg = Read("port     :7" + pad + " ");
+    EXPECT_EQ(cfg.port, 0);
+}
+
+TEST_F(KelvaneConfTest, AFileThatCannotBeReadIsOneThatCannotBeOpened) {
+    tp_.settings().SetDword(TROV_DEBUG_KEY, "ToFile", 0);
+    tp_.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
+    DebugOpen(nullptr);
+    std::string path = dir_.File("kelvane.conf");
+    TempDir::Write(path, kGood);
+    tp_.FailFiles("kelvane.conf", EIO);
+    ProxyConfig cfg{};
+    cfg.port = 77;
+    errno = 0;
+    EXPECT_EQ(ReadProxyConfig(path.c_str(), &cfg), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(cfg.port, 77);
+    EXPECT_NE(tp_.DebuggerText().find("Cannot open file: " + path + "\n"), std::string::npos);
+    tp_.FailFiles("", 0);
+    EXPECT_EQ(ReadProxyConfig(path.c_str(), &cfg), 0);
+    EXPECT_EQ(cfg.port, 9998);
 }
 
 TEST_F(KelvaneConfTest, TextFieldsAreZeroFilledOnEachSet) {

@@ -2,6 +2,8 @@
 // truncation, the hex dump, the unmask list and the event reports.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,6 +27,12 @@ public:
         }
         TestPlatform::DebuggerOutput(text);
     }
+    // Counted: the "[pid/tid] " prefix asks for it, so it tells whether a line was formatted.
+    uint32_t ProcessId() override {
+        ++pidCalls;
+        return TestPlatform::ProcessId();
+    }
+    std::atomic<int> pidCalls{0};
     std::mutex piecesMu;
     std::vector<std::string> pieces;  // read by the test once the logging threads are done
 };
@@ -186,17 +194,66 @@ TEST_F(DebugLogTest, SecondOpenNeedsSecondClose) {
 }
 
 TEST_F(DebugLogTest, FailedOpenReportsOnStderrAndStillCounts) {
-    logFile_ = dir_.File("missing/dir/debug.log");
+    struct Case {
+        const char* name;
+        const char* file;
+        int injected;  // errno the platform fails the open with; 0: a real failure
+        const char* message;
+    } cases[] = {
+        {"missing folder", "missing/dir/debug.log", 0, "Error 'No such file or directory' (2) opening debug output file.\n"},
+        {"refused", "debug.log", EACCES, "Error 'Permission denied' (13) opening debug output file.\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DebugLogResetForTest();
+        tp_.ClearRecords();
+        logFile_ = dir_.File(c.file);
+        UseFile();
+        SetDword("ToDebugger", 1);
+        tp_.FailFiles(c.injected ? "debug.log" : "", c.injected);
+        testing::internal::CaptureStderr();
+        DebugOpen(nullptr);
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(err, c.message);
+        tp_.FailFiles("", 0);
+        DebugTrace("goes to the debugger only\n");
+        EXPECT_EQ(tp_.DebuggerText(), Prefix() + "goes to the debugger only\n");
+        DebugClose();
+        EXPECT_EQ(TempDir::Size(logFile_), -1);
+    }
+}
+
+TEST_F(DebugLogTest, WriteErrorsLoseTheirLinesAndNothingElse) {
     UseFile();
     SetDword("ToDebugger", 1);
-    testing::internal::CaptureStderr();
+    SetDword("TimeStamp", 0);
     DebugOpen(nullptr);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err, "Error 'No such file or directory' (2) opening debug output file.\n");
-    DebugTrace("goes to the debugger only\n");
-    EXPECT_EQ(tp_.DebuggerText(), Prefix() + "goes to the debugger only\n");
+    DebugWrite("before\n");
+    tp_.FailFiles("debug.log", EIO);
+    DebugWrite("lost\n");
+    tp_.FailFiles("", 0);
+    DebugWrite("after\n");
     DebugClose();
-    EXPECT_EQ(TempDir::Size(logFile_), -1);
+    std::string text = LogText();
+    EXPECT_NE(text.find("before\nafter\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("lost"), std::string::npos);
+    EXPECT_NE(tp_.DebuggerText().find("before\nlost\nafter\n"), std::string::npos);  // the debugger had it all
+}
+
+TEST_F(DebugLogTest, NothingIsFormattedWhileNoSinkTakesTextButTheCountGoesOn) {
+    DebugOpen(nullptr);  // the defaults: ToFile without a file name, no debugger
+    const uint32_t calls = DebugCallCount();
+    tp_.pidCalls = 0;
+    for (int i = 0; i < 98; ++i) DebugTrace("unseen %d\n", i);
+    DebugDump("    ", "abcd", 4);
+    EXPECT_EQ(tp_.pidCalls.load(), 0);
+    EXPECT_EQ(DebugCallCount(), calls + 99);
+    // A sink switched on in the settings starts with the next re-read, the hundredth call.
+    SetDword("ToDebugger", 1);
+    DebugTrace("seen %d\n", 100);
+    EXPECT_EQ(tp_.pidCalls.load(), 1);
+    EXPECT_EQ(tp_.pieces, std::vector<std::string>{Prefix() + "seen 100\n"});
+    DebugClose();
 }
 
 TEST_F(DebugLogTest, NoFileWhenToFileIsOff) {

@@ -34,12 +34,14 @@ void FakeClock::Advance(uint64_t ms) {
     cv_.notify_all();
 }
 
+void FakeClock::RecordPause(uint32_t ms) {
+    std::lock_guard<std::mutex> g(mu_);
+    totalSlept_ += ms;
+    calls_.push_back(ms);
+}
+
 void FakeClock::Sleep(uint32_t ms) {
-    {
-        std::lock_guard<std::mutex> g(mu_);
-        totalSlept_ += ms;
-        calls_.push_back(ms);
-    }
+    RecordPause(ms);
     WaitUntil(ms, [] { return false; });
 }
 
@@ -55,7 +57,10 @@ public:
     }
     void Reset() override { set_ = false; }
     bool IsSet() override { return set_; }
-    bool Wait(uint32_t ms) override { return clock_.WaitUntil(ms, [this] { return set_.load(); }); }
+    bool Wait(uint32_t ms) override {
+        clock_.RecordPause(ms);
+        return clock_.WaitUntil(ms, [this] { return set_.load(); }, 0, FakeClock::kAutoEventWaitMs);
+    }
 
 private:
     FakeClock& clock_;

@@ -4,6 +4,7 @@
 // replaced goes to the wrapped platform.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -14,10 +15,16 @@
 
 // Every wait of the logic goes through this clock: Sleep, PlatformEvent::Wait and WaitReadable.
 // In auto mode (the default, for code that runs on the test's own thread) a wait that would
-// block advances the clock at once by its length. In manual mode a waiter blocks until the test
-// advances the clock past its deadline, or until its event is set or its socket is readable.
+// block advances the clock at once by its length; an event wait first gives another thread a
+// moment of real time (at most kAutoEventWaitMs) to set the event, as the threads woken by an
+// unload do. In manual mode a waiter blocks until the test advances the clock past its
+// deadline, or until its event is set or its socket is readable.
 class FakeClock {
 public:
+    // Real time that an event wait in auto mode (or after ReleaseAll) grants another thread to
+    // set its event before the wait counts as passed.
+    static constexpr int kAutoEventWaitMs = 5000;
+
     uint64_t NowMs() const;
     void SetAuto(bool autoAdvance);
     bool IsAuto() const;
@@ -27,7 +34,8 @@ public:
     int Sleepers() const;
     // Waits (for real, briefly) until at least n threads block in a wait; false after ~10 s.
     bool WaitForSleepers(int n);
-    // Total milliseconds that Sleep was asked for, and the calls.
+    // The logic's timed pauses: every Sleep and every event wait, with the milliseconds asked
+    // for, in the order they began; and their sum.
     uint64_t TotalSlept() const;
     std::vector<uint32_t> SleepCalls() const;
     // Wakes every waiter for good (used at the end of a test).
@@ -36,10 +44,13 @@ public:
     // The building block of the clock's waits: blocks until ready() holds (true), or the clock
     // passes now + ms (false). `pollMs`, when not 0, re-tests ready() every pollMs of real time
     // (for conditions the clock isn't told of, such as a socket becoming readable).
+    // `autoWaitMs`: see kAutoEventWaitMs (0 for waits that no other thread ends).
     template <class Ready>
-    bool WaitUntil(uint32_t ms, Ready ready, int pollMs = 0);
+    bool WaitUntil(uint32_t ms, Ready ready, int pollMs = 0, int autoWaitMs = 0);
     // Wakes waiters to test their condition again (an event was set).
     void Notify();
+    // Counts a timed pause of `ms` (Sleep and event waits).
+    void RecordPause(uint32_t ms);
 
 private:
     mutable std::mutex mu_;
@@ -53,9 +64,13 @@ private:
 };
 
 template <class Ready>
-bool FakeClock::WaitUntil(uint32_t ms, Ready ready, int pollMs) {
+bool FakeClock::WaitUntil(uint32_t ms, Ready ready, int pollMs, int autoWaitMs) {
     std::unique_lock<std::mutex> g(mu_);
     if (ready()) return true;
+    if ((auto_ || released_) && autoWaitMs > 0) {
+        cv_.wait_for(g, std::chrono::milliseconds(autoWaitMs), [&] { return ready() || !(auto_ || released_); });
+        if (ready()) return true;
+    }
     if (auto_ || released_) {
         now_ += ms;
         return ready();

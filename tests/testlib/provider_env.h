@@ -105,7 +105,7 @@ public:
         dir_ = mkdtemp(tmpl);
         tp.Install();
         tp.SetSystemDirectories(dir_, dir_ + "/none");
-        ResetProviderGlobalsForTest();
+        ResetProcessStateForTest();
         if (!simOptions.logSink) simOptions.logRequests = false;
         simOptions.heartbeatIntervalMs = 0;
         sim = std::make_unique<trovsim::Server>(simOptions);
@@ -117,6 +117,7 @@ public:
     ~ProviderEnv() {
         if (provider) Unload();
         sim->Stop();
+        ResetProcessStateForTest();
         std::string cmd = "rm -rf '" + dir_ + "'";
         if (system(cmd.c_str()) != 0) {
         }

@@ -2,6 +2,7 @@
 // log going to the platform's recorded debugger; and its end.
 #pragma once
 
+#include "core/globals.h"
 #include "testlib/fake_platform.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"
@@ -11,15 +12,13 @@ namespace testlib {
 inline void BeginSessionTest(TestPlatform& tp) {
     tp.Install();
     tp.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
-    DebugLogResetForTest();
+    ResetProcessStateForTest();
     DebugOpen(nullptr);
-    ResetSessionForTest();
 }
 
 inline void EndSessionTest() {
-    ResetSessionForTest();
     DebugClose();
-    DebugLogResetForTest();
+    ResetProcessStateForTest();
 }
 
 }  // namespace testlib
