@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "platform/vds.h"
 #include "proxy/records.h"
 #include "proxy/wire.h"
 
@@ -22,3 +23,14 @@ void NotifyEvent(CProvider* provider, const EventData& event);
 int MonitorThreadsAlive();
 // Waits (real time, at most `ms`) until no monitor thread is alive; false on time-out.
 bool WaitForMonitorThreads(int ms);
+
+// The newest event of each controller (A, then B) as the event check last took it: the monitor's
+// state, one record per subsystem. Kept by the subsystem's id, which a refresh keeps, so that it
+// survives a refresh as the subsystem object does; a record starts zeroed on first use, is seeded
+// by CSubSystem::Initialize and goes when the subsystem object dies. The callers of LastEventsOf
+// hold the notification mutex; the reference stays valid until ForgetLastEvents for that id.
+struct LastEvents {
+    EventData controller[2];
+};
+LastEvents& LastEventsOf(const VDS_OBJECT_ID& subsystem);
+void ForgetLastEvents(const VDS_OBJECT_ID& subsystem);

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 #include "platform/platform.h"
 #include "support/host_notice.h"
@@ -220,7 +221,11 @@ void DebugWrite(const char* format, ...) {
     uint32_t count = g_log.callCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (count % 100 == 0) {
         // Settings changed in the store take effect within 100 calls; the file is never reopened.
-        ReadDebugConfig(&g_log.config);
+        // Out of memory, the settings stay as they are until the next re-read: logging never throws.
+        try {
+            ReadDebugConfig(&g_log.config);
+        } catch (const std::bad_alloc&) {
+        }
         if (g_log.callCount.load(std::memory_order_relaxed) % 100 == 0) CheckDebugFileLength(g_log.stream.load());
     }
 

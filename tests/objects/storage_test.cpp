@@ -439,18 +439,18 @@ TEST(LunMapping, GeneratedNamesSkipTheArraysNames) {
     SubsystemEntry entry{};
     entry.controllerA = 0x01000100;  // the demo's handles
     entry.controllerB = 0x01000101;
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_1");
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_2");
-    EXPECT_STREQ(NewName(entry, true, 0), "VDS_VDISK_0");
-    EXPECT_STREQ(NewName(entry, false, 1), "VDS_SP_LUN_0");
-    EXPECT_STREQ(NewName(entry, false, 2), "VDS_MV_LUN_0");
-    EXPECT_STREQ(NewName(entry, false, 3), "VDS_SS_LUN_0");
-    EXPECT_EQ(NewName(entry, false, 0, "VDS_LUN_1"), nullptr);
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_1");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_1");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_2");
+    EXPECT_EQ(NewName(entry, true, 0), "VDS_VDISK_0");
+    EXPECT_EQ(NewName(entry, false, 1), "VDS_SP_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 2), "VDS_MV_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 3), "VDS_SS_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 0, "VDS_LUN_1"), "");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_1");
     ResetNewNamesForTest();
     SubsystemEntry gone = entry;
     gone.controllerA = 0x7777;
-    EXPECT_STREQ(NewName(gone, false, 0), "VDS_LNU_ERROR");
+    EXPECT_EQ(NewName(gone, false, 0), "VDS_LNU_ERROR");
     ResetNewNamesForTest();
 }
 
