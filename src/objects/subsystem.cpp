@@ -363,7 +363,15 @@ HRESULT CSubSystem::Reenumerate() try {
         }
     }
     ReleaseMaps();
-    HRESULT rc = FillCtrlDriveLunList(m_entry);
+    HRESULT rc;
+    try {
+        rc = FillCtrlDriveLunList(m_entry);
+    } catch (...) {
+        // A fill cut short by a failed allocation leaves part of the tree: the next query builds
+        // it again.
+        if (m_pProvider) m_pProvider->SetNeedRefresh(true);
+        throw;
+    }
     return rc != 0 ? VDS_E_INTERNAL_ERROR : S_OK;
 }
 TROV_CATCH_OOM
