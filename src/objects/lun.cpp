@@ -285,21 +285,25 @@ HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberO
     CLockGuard lock("CLunPlex::QueryExtents", hNotificationMutex);
     *plNumberOfExtents = 0;
     if (!m_pSubSystem || !m_pLun) return S_OK;
-    std::vector<VDS_DRIVE_EXTENT> kept;
+    // The drives first: a drive's extents ask for the subsystem's LUNs, which may rebuild its maps.
+    std::vector<CComPtr<IVdsDrive>> drives;
     m_pSubSystem->ForEach<CDrive>([&](CDrive* d) {
-        if (!HoldsDrive(*d)) return;
+        if (HoldsDrive(*d)) drives.emplace_back(static_cast<IVdsDrive*>(d));
+    });
+    std::vector<VDS_DRIVE_EXTENT> kept;
+    for (const CComPtr<IVdsDrive>& d : drives) {
         VDS_DRIVE_EXTENT* got = nullptr;
         LONG n = 0;
         HRESULT hr = d->QueryExtents(&got, &n);
         PassOnOutOfMemory(hr);
         TaskMem<VDS_DRIVE_EXTENT> ext(SUCCEEDED(hr) ? got : nullptr);
-        if (!ext) return;
+        if (!ext) continue;
         for (LONG i = 0; i < n; ++i) {
             if (ext.get()[i].LunId != m_pLun->Id()) continue;
             DebugTrace("CLunPlex::QueryExtents() find matched extend, ullSize = 0x%I64x, ", ext.get()[i].ullSize);
             kept.push_back(ext.get()[i]);
         }
-    });
+    }
     if (!kept.empty()) {
         auto* out = static_cast<VDS_DRIVE_EXTENT*>(CoTaskMemAlloc(kept.size() * sizeof(VDS_DRIVE_EXTENT)));
         if (!out) return E_OUTOFMEMORY;

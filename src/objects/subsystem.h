@@ -110,7 +110,8 @@ public:
     void EnterPortalGroup(const VDS_OBJECT_ID& id, CIscsiPortalGroup* group);
 
     // --- Reading the maps (the caller holds the notification mutex) ---
-    // Calls f(T*) for each object of T's kind, in id order.
+    // Calls f(T*) for each object of T's kind, in id order. f must not call what may rebuild the
+    // tree (a query's refresh check): the walk is over the map itself.
     template <class T, class F>
     void ForEach(F&& f) const {
         for (const auto& [id, e] : MapOf<T>())

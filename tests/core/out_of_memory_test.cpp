@@ -229,6 +229,9 @@ TEST_F(OutOfMemory, PropertiesAndQueriesAnswerWhollyOrNotAtAll) {
                                                       IID_IVdsController);
     auto drives = testlib::CollectFrom<IVdsDrive>([&](IEnumVdsObject** e) { return ss->QueryDrives(e); }, IID_IVdsDrive);
     ASSERT_FALSE(luns.empty());
+    auto plexes = testlib::CollectFrom<IVdsLunPlex>([&](IEnumVdsObject** e) { return luns[0]->QueryPlexes(e); },
+                                                    IID_IVdsLunPlex);
+    ASSERT_FALSE(plexes.empty());
     ASSERT_EQ(ctrls.size(), 2u);
     ASSERT_FALSE(drives.empty());
     CComPtr<IVdsHwProvider> hw;
@@ -267,6 +270,12 @@ TEST_F(OutOfMemory, PropertiesAndQueriesAnswerWhollyOrNotAtAll) {
         {"CDrive::GetProperties", [&] { return member->GetProperties(&dp); },
          [&] { return Freed(dp.pwszFriendlyName, dp.pwszIdentification); }},
         {"CDrive::QueryExtents", [&] { return member->QueryExtents(&ext, &extents); }, extentText},
+        {"CLunPlex::QueryExtents",
+         [&] {
+             ext = nullptr;  // an empty answer hands out no array
+             return plexes[0]->QueryExtents(&ext, &extents);
+         },
+         extentText},
         {"CController::QueryAssociatedLuns", [&] { return ctrls[0]->QueryAssociatedLuns(&e); }, objects},
     };
     for (const Call& c : calls) Sweep(c);

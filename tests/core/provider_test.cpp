@@ -104,6 +104,18 @@ TEST(ProviderProperties, DefaultsAndTheNameAndVersionTakenOnlyTogether) {
     }
 }
 
+TEST(ProviderProperties, ExhaustedAllocatorFreesWhatItTook) {
+    ProviderEnv env;
+    ASSERT_EQ(env.Load(), S_OK);
+    for (int n : {1, 2}) {
+        env.tp.FailAllocAfter(n);
+        VDS_PROVIDER_PROP prop{};
+        EXPECT_EQ(env.provider->GetProperties(&prop), E_OUTOFMEMORY) << n;
+        EXPECT_EQ(prop.pwszName, nullptr);
+        EXPECT_EQ(prop.pwszVersion, nullptr);
+    }
+}
+
 TEST(ProviderProperties, TypeAndVersionSupportByHostGeneration) {
     struct Case {
         uint32_t major, minor;
