@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -664,7 +662,7 @@ struct Portal {
 
 std::vector<Portal> Portals(IVdsSubSystem* ss) {
     CComPtr<IVdsSubSystemIscsi> si;
-    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    EXPECT_EQ(ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si)), S_OK);
     std::vector<Portal> out;
     for (auto& p : CollectFrom<IVdsIscsiPortal>([&](IEnumVdsObject** e) { return si->QueryPortals(e); },
                                                 IID_IVdsIscsiPortal)) {
@@ -678,7 +676,7 @@ std::vector<Portal> Portals(IVdsSubSystem* ss) {
 
 std::vector<CComPtr<IVdsIscsiTarget>> Targets(IVdsSubSystem* ss) {
     CComPtr<IVdsSubSystemIscsi> si;
-    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    EXPECT_EQ(ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si)), S_OK);
     return CollectFrom<IVdsIscsiTarget>([&](IEnumVdsObject** e) { return si->QueryTargets(e); }, IID_IVdsIscsiTarget);
 }
 

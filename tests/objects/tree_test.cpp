@@ -65,7 +65,7 @@ std::map<std::string, GUID> AllIds(ProviderEnv& env) {
             ids["ctrl " + PropName(cp.pwszFriendlyName)] = cp.id;
             CoTaskMemFree(cp.pwszIdentification);
             IVdsControllerControllerPort* ccp = nullptr;
-            c->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp));
+            EXPECT_EQ(c->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp)), S_OK);
             auto ports = CollectFrom<IVdsControllerPort>(
                 [&](IEnumVdsObject** e) { return ccp->QueryControllerPorts(e); }, IID_IVdsControllerPort);
             ccp->Release();
