@@ -43,3 +43,7 @@ InitializeCounter::~InitializeCounter() {
     DebugTrace("Release InitializeCounter : m_pProvider->NumOperation = %d\n", NumOperation.load());
     DebugTrace("InitializeCounter() : OUT!\n");
 }
+
+RefreshingScope::RefreshingScope() { isRefreshing = 1; }
+
+RefreshingScope::~RefreshingScope() { isRefreshing = 0; }

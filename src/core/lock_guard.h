@@ -6,6 +6,10 @@
 //
 // InitializeCounter counts operations that hold the object graph in a changing state; a refresh
 // on demand happens only while the count is 0.
+//
+// RefreshingScope raises the process-wide isRefreshing flag for the life of a rebuild.
+//
+// Each undoes what it holds also when a failed allocation unwinds through it (objects/boundary.h).
 #pragma once
 
 #include "platform/platform.h"
@@ -29,4 +33,12 @@ public:
     ~InitializeCounter();
     InitializeCounter(const InitializeCounter&) = delete;
     InitializeCounter& operator=(const InitializeCounter&) = delete;
+};
+
+class RefreshingScope {
+public:
+    RefreshingScope();
+    ~RefreshingScope();
+    RefreshingScope(const RefreshingScope&) = delete;
+    RefreshingScope& operator=(const RefreshingScope&) = delete;
 };

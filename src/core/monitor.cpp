@@ -1,6 +1,7 @@
 #include "core/monitor.h"
 
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -155,7 +156,7 @@ void DealEventProvider(CProvider* provider) {
     {
         CLockGuard lock("DealEventProvider", hNotificationMutex);
         for (auto& [id, e] : provider->SubSystemMap())
-            if (auto* ss = dynamic_cast<CSubSystem*>(e.pObject)) params.push_back(ss->Entry());
+            if (auto* ss = e.As<CSubSystem>()) params.push_back(ss->Entry());
     }
     {
         std::lock_guard<std::mutex> g(g_monitor.mu);
@@ -246,7 +247,7 @@ int CheckEventsFromRAIDController(CProvider* provider, const SubsystemEntry& par
     }
     CSubSystem* ss = nullptr;
     for (auto& [id, e] : provider->SubSystemMap()) {
-        auto* s = dynamic_cast<CSubSystem*>(e.pObject);
+        auto* s = e.As<CSubSystem>();
         if (s && (s->Entry().controllerA == param.controllerA || s->Entry().controllerB == param.controllerB)) {
             ss = s;
             break;
@@ -268,8 +269,9 @@ int CheckEventsFromRAIDController(CProvider* provider, const SubsystemEntry& par
         if (askNeed) DebugTrace("REFRESH REASON: CheckEventsFromRAIDController: isNeedRefresh = %d\n", askNeed);
     }
     ControllerPass a{"A"}, b{"B"};
-    if (CheckController(provider, param.controllerA, ss->m_lastEvent[0], &a) == 2) return 2;
-    if (CheckController(provider, param.controllerB, ss->m_lastEvent[1], &b) == 2) return 2;
+    LastEvents& last = LastEventsOf(ss->Id());
+    if (CheckController(provider, param.controllerA, last.controller[0], &a) == 2) return 2;
+    if (CheckController(provider, param.controllerB, last.controller[1], &b) == 2) return 2;
     if (!isProviderOnline.load()) {
         DebugTrace("CheckEventsFromRAIDController isProviderOnline is false, break. Line %d\n", __LINE__);
         return 2;
@@ -281,7 +283,31 @@ int CheckEventsFromRAIDController(CProvider* provider, const SubsystemEntry& par
         provider->SetNeedRefresh(false);
     else if (a.wantsRefresh || b.wantsRefresh || askNeed == 1)
         provider->SetNeedRefresh(true);
-    if (!a.failed) ss->m_lastEvent[0] = a.newest;
-    if (!b.failed) ss->m_lastEvent[1] = b.newest;
+    if (!a.failed) last.controller[0] = a.newest;
+    if (!b.failed) last.controller[1] = b.newest;
     return 0;
+}
+
+namespace {
+struct LastEventTable {
+    std::mutex mu;
+    std::map<VDS_OBJECT_ID, LastEvents, GuidLess> records;
+};
+// Never destroyed: a subsystem object may die after the statics of the process are gone.
+LastEventTable& LastEventRecords() {
+    static LastEventTable& t = *new LastEventTable;
+    return t;
+}
+}  // namespace
+
+LastEvents& LastEventsOf(const VDS_OBJECT_ID& subsystem) {
+    LastEventTable& t = LastEventRecords();
+    std::lock_guard<std::mutex> g(t.mu);
+    return t.records[subsystem];
+}
+
+void ForgetLastEvents(const VDS_OBJECT_ID& subsystem) {
+    LastEventTable& t = LastEventRecords();
+    std::lock_guard<std::mutex> g(t.mu);
+    t.records.erase(subsystem);
 }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "platform/vds.h"
 #include "proxy/records.h"
 #include "proxy/wire.h"
 
@@ -26,3 +27,14 @@ int MonitorThreadsAlive();
 bool WaitForMonitorThreads(int ms);
 // Forgets the monitor's state (tests only; its threads must have been joined).
 void ResetMonitorForTest();
+
+// The newest event of each controller (A, then B) as the event check last took it: the monitor's
+// state, one record per subsystem. Kept by the subsystem's id, which a refresh keeps, so that it
+// survives a refresh as the subsystem object does; a record starts zeroed on first use, is seeded
+// by CSubSystem::Initialize and goes when the subsystem object dies. The callers of LastEventsOf
+// hold the notification mutex; the reference stays valid until ForgetLastEvents for that id.
+struct LastEvents {
+    EventData controller[2];
+};
+LastEvents& LastEventsOf(const VDS_OBJECT_ID& subsystem);
+void ForgetLastEvents(const VDS_OBJECT_ID& subsystem);

@@ -6,6 +6,7 @@
 
 #include "core/lock_guard.h"
 #include "core/monitor.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
@@ -40,23 +41,17 @@ const char* HostGenerationText() {
 void ResetLoadDelayForTest() { g_loadDelayDone = false; }
 
 CProvider::CProvider() : CVdsBase(VDS_OT_PROVIDER) {
-    m_pSink = nullptr;
     isRefreshing = 0;
     m_bNeedRefresh = false;
     NumOperation = 0;
 }
 
 CProvider::~CProvider() {
-    for (auto& [id, e] : m_mapPools)
-        if (e.pObject) e.pObject->Release();
-    for (auto& [id, e] : m_mapSubSystems)
-        if (e.pObject) e.pObject->Release();
-    // The object map holds no reference of its own, so nothing is released through it; the
-    // identity map releases what it holds when m_registry dies.
-    if (m_pSink) {
-        m_pSink->Release();
-        m_pSink = nullptr;
-    }
+    // The pools first: they hold references on the subsystems. The object map holds no reference
+    // of its own; the identity map lets go of what it holds when m_registry dies.
+    m_mapPools.Clear();
+    m_mapSubSystems.Clear();
+    m_pSink.Release();
     CProvider* self = this;
     g_pProvider.compare_exchange_strong(self, nullptr);
     DebugTrace("CProvider::~CProvider out\n");
@@ -82,7 +77,7 @@ HRESULT CProvider::InternalQueryInterface(REFIID riid, void** ppv) {
     return S_OK;
 }
 
-HRESULT CProvider::GetProperties(VDS_PROVIDER_PROP* pProviderProp) {
+HRESULT CProvider::GetProperties(VDS_PROVIDER_PROP* pProviderProp) try {
     DebugTrace("%s()\n", "CProvider::GetProperties");
     if (!pProviderProp) {
         DebugTrace("OOP!!! CProvider::GetProperties pProviderProp is NULL, return E_POINTER, line %d\n", __LINE__);
@@ -114,8 +109,9 @@ HRESULT CProvider::GetProperties(VDS_PROVIDER_PROP* pProviderProp) {
     DebugTrace("%s() out\n", "CProvider::GetProperties");
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CProvider::GetProviderType(VDS_HWPROVIDER_TYPE* pType) {
+HRESULT CProvider::GetProviderType(VDS_HWPROVIDER_TYPE* pType) try {
     DebugTrace("%s()\n", "CProvider::GetProviderType");
     if (!pType) {
         // Deliberately E_FAIL rather than E_POINTER: that is what hosts have always seen here.
@@ -126,8 +122,9 @@ HRESULT CProvider::GetProviderType(VDS_HWPROVIDER_TYPE* pType) {
     DebugTrace("%s() out\n", "CProvider::GetProviderType");
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CProvider::GetVersionSupport(ULONG* ulVersionSupport) {
+HRESULT CProvider::GetVersionSupport(ULONG* ulVersionSupport) try {
     DebugTrace("%s()\n", "CProvider::GetVersionSupport");
     if (!ulVersionSupport) {
         DebugTrace("OOP!!! CProvider::GetVersionSupport ulVersionSupport is NULL, return E_POINTER, line %d\n",
@@ -140,6 +137,7 @@ HRESULT CProvider::GetVersionSupport(ULONG* ulVersionSupport) {
     DebugTrace("%s() out\n", "CProvider::GetVersionSupport");
     return S_OK;
 }
+TROV_CATCH_OOM
 
 bool GetProviderNameAndVersion() {
     bool bRtn = false;
@@ -180,17 +178,20 @@ void CProvider::initWmi() {
     DebugTrace("CProvider::initWmi() out\n");
 }
 
-HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
+HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) try {
+    return Load(pwszMachineName, pCallbackObject);
+}
+TROV_CATCH_OOM
+
+HRESULT CProvider::Load(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
     DebugOpen(nullptr);
     DebugTrace("CProvider::OnLoad() g_pProvider %p this %p pCallbackObject %p online %d %s\n",
                static_cast<void*>(g_pProvider.load()), static_cast<void*>(this), static_cast<void*>(pCallbackObject),
                isProviderOnline.load(), HostGenerationText());
     if (pCallbackObject) {
         IVdsAdviseSink* sink = nullptr;
-        if (SUCCEEDED(pCallbackObject->QueryInterface(IID_IVdsAdviseSink, reinterpret_cast<void**>(&sink))) && sink) {
-            if (m_pSink) m_pSink->Release();
-            m_pSink = sink;
-        }
+        if (SUCCEEDED(pCallbackObject->QueryInterface(IID_IVdsAdviseSink, reinterpret_cast<void**>(&sink))) && sink)
+            m_pSink.Attach(sink);
     }
     g_pProvider = this;
     GetProviderNameAndVersion();
@@ -217,18 +218,11 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
     for (const SubsystemEntry& e : list) {
         if (!IsServedSubsystem(e)) continue;
         VDS_OBJECT_ID id{};
-        CoCreateGuid(&id);
-        CComObject<CSubSystem>* ss = nullptr;
-        if (isRefreshing)
-            ss = FindObjAndGuid<CSubSystem>(this, &id, CSubSystem::KeyText(e));
-        else
-            CComObject<CSubSystem>::CreateInstance(&ss);
-        if (!ss) return E_OUTOFMEMORY;
+        TreePtr<CSubSystem> ss = MakeTreeObject<CSubSystem>(this, &id, CSubSystem::KeyText(e));
         DebugTrace("OnLoad: initializing subsystem\n");
-        ss->AddRef();
         ss->Initialize(&id, this, e);
         DebugTrace("OnLoad: finished initializing subsystem %ls\n", ss->FriendlyName() ? ss->FriendlyName() : u"");
-        EnterInMap(m_mapSubSystems, id, VDS_OT_SUB_SYSTEM, static_cast<IVdsSubSystem*>(ss));
+        m_mapSubSystems.Enter(id, VDS_OT_SUB_SYSTEM, static_cast<IVdsSubSystem*>(ss.get()));
     }
     DebugTrace("Setting provider online\n");
     isProviderOnline = 1;
@@ -242,8 +236,8 @@ HRESULT CProvider::OnLoad(LPWSTR pwszMachineName, IUnknown* pCallbackObject) {
 bool CProvider::IsServedSubsystem(const SubsystemEntry& e) {
     uint32_t handle = e.controllerA ? e.controllerA : e.controllerB;
     if (!handle) return false;
-    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
-    if (!buf || Kelvane::get_controller_data(handle, buf.get()) != 0) {
+    std::unique_ptr<uint8_t[]> buf = NewRecordBuffer();
+    if (Kelvane::get_controller_data(handle, buf.get()) != 0) {
         DebugTrace("OOP!!! Provider::isFC get_controller_data return VDS_E_INTERNAL_ERROR, line %d\n", __LINE__);
         return false;
     }
@@ -261,13 +255,8 @@ void CProvider::ReleaseTree() {
     CLockGuard lock("CProvider::ReleaseTree", hNotificationMutex);
     // Children hold counted references on their parents and on the provider: the tree is taken
     // apart from the top, so that every object dies and the provider's own count can reach 0.
-    ObjectMap subsystems, pools;
-    subsystems.swap(m_mapSubSystems);
-    pools.swap(m_mapPools);
-    for (auto& [id, e] : pools)
-        if (e.pObject) e.pObject->Release();
-    for (auto& [id, e] : subsystems)
-        if (e.pObject) e.pObject->Release();
+    m_mapPools.Clear();
+    m_mapSubSystems.Clear();
     // Every object the tree ever made is in the identity map, which still holds each of them:
     // first every object lets go of the others, then the map lets go of them all.
     for (auto& [id, ident] : m_registry.Identities())
@@ -277,7 +266,7 @@ void CProvider::ReleaseTree() {
     m_registry.ClearObjects();
 }
 
-HRESULT CProvider::OnUnload(BOOL bForceUnload) {
+HRESULT CProvider::OnUnload(BOOL bForceUnload) try {
     DebugTrace("CProvider::OnUnload enter\n");
     isProviderOnline = 0;
     ProxyUnInit();
@@ -290,8 +279,9 @@ HRESULT CProvider::OnUnload(BOOL bForceUnload) {
     DebugClose();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
+HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CProvider::QuerySubSystems", hNotificationMutex);
     DebugTrace("%s()\n", "CProvider::QuerySubSystems");
     if (m_mapSubSystems.empty()) Refreshable();
@@ -299,6 +289,8 @@ HRESULT CProvider::QuerySubSystems(IEnumVdsObject** ppEnum) {
     DebugTrace("%s() out\n", "CProvider::QuerySubSystems");
     return hr;
 }
+TROV_CATCH_OOM
+
 bool CProvider::IsNeedRefresh() {
     bool need;
     {
@@ -320,39 +312,47 @@ void CProvider::Refreshable() {
     DebugTrace("Refreshable() : enter !\n");
     if (IsNeedRefresh() && NumOperation.load() == 0) {
         DebugTrace("Refreshable() : Need a refresh\n");
-        Refresh();
+        RebuildTree();
     }
     DebugTrace("Refreshable() : OUT!\n");
 }
 
-HRESULT CProvider::Refresh() {
+HRESULT CProvider::Refresh() try {
+    RebuildTree();
+    return S_OK;
+}
+TROV_CATCH_OOM
+
+void CProvider::RebuildTree() {
     if (isRefreshing) {
         DebugTrace("CProvider::Refresh() : The provider is in refresh, return ok.\n");
-        return S_OK;
+        return;
     }
     CLockGuard lock("CProvider::Refresh", hNotificationMutex);
     SetNeedRefresh(false);
     // The objects live on through the identity map, which holds its own reference, and the
     // rebuild finds them there again by their key texts; the maps' references go with the maps,
     // so that the rebuild's new references keep every count balanced.
-    for (auto& [id, e] : m_mapPools)
-        if (e.pObject) e.pObject->Release();
-    for (auto& [id, e] : m_mapSubSystems)
-        if (e.pObject) e.pObject->Release();
-    m_mapSubSystems.clear();
-    m_mapPools.clear();
+    m_mapPools.Clear();
+    m_mapSubSystems.Clear();
     m_registry.ClearObjects();
-    isRefreshing = 1;
-    WCHAR empty[1] = {0};
-    OnLoad(empty, nullptr);
-    isRefreshing = 0;
-    return S_OK;
+    RefreshingScope refreshing;
+    try {
+        WCHAR empty[1] = {0};
+        Load(empty, nullptr);
+    } catch (...) {
+        // A rebuild cut short by a failed allocation leaves part of the tree: the next query
+        // builds it again.
+        SetNeedRefresh(true);
+        throw;
+    }
 }
 
-HRESULT CProvider::Reenumerate() {
+HRESULT CProvider::Reenumerate() try {
     CLockGuard lock("CProvider::Reenumerate", hNotificationMutex);
     return Refresh();
 }
+TROV_CATCH_OOM
 namespace {
 
 // The interface by which GetObject hands out an object of each kind.
@@ -374,7 +374,7 @@ const IID* PrimaryInterface(VDS_OBJECT_TYPE type) {
 
 }  // namespace
 
-HRESULT CProvider::GetObject(VDS_OBJECT_ID ObjectId, VDS_OBJECT_TYPE type, IUnknown** ppObjectUnk) {
+HRESULT CProvider::GetObject(VDS_OBJECT_ID ObjectId, VDS_OBJECT_TYPE type, IUnknown** ppObjectUnk) try {
     CLockGuard lock("CProvider::GetObject", hNotificationMutex);
     if (!ppObjectUnk) return E_POINTER;
     if (type < VDS_OT_SUB_SYSTEM || type > VDS_OT_STORAGE_POOL) return E_INVALIDARG;
@@ -386,17 +386,22 @@ HRESULT CProvider::GetObject(VDS_OBJECT_ID ObjectId, VDS_OBJECT_TYPE type, IUnkn
         DebugTrace("%s\n", LogGuid(ObjectId).c_str());
         return VDS_E_OBJECT_NOT_FOUND;
     }
-    // One reference more than the caller releases, deliberately: an object handed out here
-    // stays alive past the caller's Release.
+    // Two references, deliberately, as this provider has always handed them out here: one for
+    // the caller and one more, so that an object handed out stays alive past the caller's Release
+    // even when the tree lets go of it. Hosts that know this provider give the extra one back at
+    // once (trovctl does). The identity map keeps every object alive by now, so the extra one
+    // protects nothing more; it stays because hosts count on it.
     unk->AddRef();
     *ppObjectUnk = unk;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject** ppEnum) {
+HRESULT QueryObjects(CProvider* provider, const OwningMap& map, IEnumVdsObject** ppEnum) {
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
-    CComObject<CEnumerator>* e = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> e;
+    e.Attach(CEnumerator::Create());
     if (!e) return E_OUTOFMEMORY;
     struct Item {
         IUnknown* unk;
@@ -405,8 +410,8 @@ HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject**
     std::vector<Item> items;
     items.reserve(map.size());
     for (const auto& [id, entry] : map) {
-        auto* base = dynamic_cast<CVdsBase*>(entry.pObject);
-        items.push_back(Item{entry.pObject, base ? base->GetSortKey() : CVdsBase::SortKey{}});
+        auto* base = entry.As<CVdsBase>();
+        items.push_back(Item{entry.pObject.get(), base ? base->GetSortKey() : CVdsBase::SortKey{}});
     }
     std::stable_sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
         if (a.key.k1 != b.key.k1) return a.key.k1 < b.key.k1;
@@ -415,36 +420,45 @@ HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject**
     });
     for (const Item& it : items) {
         HRESULT hr = e->Append(it.unk);
-        if (FAILED(hr)) {
-            e->Release();
-            return hr;
-        }
+        if (FAILED(hr)) return hr;
     }
     e->Reset();
-    *ppEnum = e;
+    *ppEnum = e.Detach();
     return S_OK;
 }
-HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) { return E_NOTIMPL; }
-HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject** ppEnum) {
+
+void CProvider::EnterPool(const VDS_OBJECT_ID& id, CPool* pool) {
+    m_mapPools.Enter(id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
+}
+
+HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject** ppEnum) try {
     if (!PoolsEnabled()) return VDS_E_NOT_SUPPORTED;
     CLockGuard lock("CProvider::QueryStoragePools", hNotificationMutex);
     DebugTrace("CProvider::QueryStoragePools() %d pools\n", static_cast<int>(m_mapPools.size()));
     if (allowQueryRefresh.load()) Refreshable();
     if (!ppEnum) return E_POINTER;
-    HRESULT hr = QueryObjects(this, m_mapPools, ppEnum);
+    *ppEnum = nullptr;
+    CComPtr<IEnumVdsObject> pools;
+    HRESULT hr = QueryObjects(this, m_mapPools, &pools);
     if (FAILED(hr)) return hr;
-    for (auto& [id, e] : m_mapPools)
-        if (auto* p = dynamic_cast<CPool*>(e.pObject))
+    for (const auto& [id, e] : m_mapPools)
+        if (auto* p = e.As<CPool>())
             DebugTrace("  Pool %S (%S) guid %s\n", p->Prop().pwszName, p->Prop().pwszDescription, LogGuid(id).c_str());
-    (*ppEnum)->Reset();
+    pools->Reset();
+    *ppEnum = pools.Detach();
     return S_OK;
 }
-HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) {
+TROV_CATCH_OOM
+HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) try {
     return E_NOTIMPL;
 }
-HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) {
+TROV_CATCH_OOM
+HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) try {
     return E_NOTIMPL;
 }
+TROV_CATCH_OOM
 
 namespace {
 constexpr uint32_t kEventVolumeDeleted = 108;

@@ -2,7 +2,8 @@
 //
 // OnLoad brings the whole session up (settings, connection to the proxy service, subsystems,
 // online) and is run again with isRefreshing set to rebuild the tree; OnUnload ends the session.
-// One instance lives per process, also reachable as g_pProvider.
+// One instance lives per process, also reachable as g_pProvider. The provider owns the subsystems
+// and the pools through its two maps; every object of the tree is in its registry.
 #pragma once
 
 #include <map>
@@ -19,6 +20,8 @@
 #include "proxy/records.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
+
+class CPool;
 
 class CProvider : public CComObjectRootEx,
                   public CVdsBase,
@@ -60,26 +63,31 @@ public:
     HRESULT QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE type, VDS_OBJECT_ID StoragePoolId, VDS_HINTS2* pHints2,
                                                ULONGLONG* pullMaxLunSize) override;
 
-    IVdsAdviseSink* Sink() const { return m_pSink; }
+    IVdsAdviseSink* Sink() const { return m_pSink.get(); }
 
     // --- Staleness of the tree ---
     // m_bNeedRefresh under the refresh mutex.
     bool IsNeedRefresh();
     void SetNeedRefresh(bool flag);
     // The check at the start of the host's queries (the caller holds the notification mutex):
-    // rebuild the tree now if it is stale and no operation is under way.
+    // rebuild the tree now if it is stale and no operation is under way. A failed allocation
+    // travels up to the query.
     void Refreshable();
 
     // --- Registry (callers hold the notification mutex) ---
     bool AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) { return m_registry.AddObject(id, entry); }
     void RemoveObject(const VDS_OBJECT_ID& id) { m_registry.RemoveObject(id, isRefreshing.load() != 0); }
+    // An object that dies leaves the object map, refreshing or not.
+    void DropObject(const VDS_OBJECT_ID& id, const IUnknown* object) { m_registry.DropObject(id, object); }
     // Enters the object under its key text in the identity map (which keeps it alive).
     void RememberObject(const VDS_OBJECT_ID& id, const std::u16string& key, CVdsBase* object, IUnknown* unk) {
         m_registry.RememberObject(id, key, object->ObjectType(), unk, object);
     }
-    ObjectRegistry& Registry() { return m_registry; }
-    ObjectMap& SubSystemMap() { return m_mapSubSystems; }
-    ObjectMap& PoolMap() { return m_mapPools; }
+    const ObjectRegistry& Registry() const { return m_registry; }
+    const OwningMap& SubSystemMap() const { return m_mapSubSystems; }
+    const OwningMap& PoolMap() const { return m_mapPools; }
+    // Enters a pool in the provider's pool map with a reference of the map's own.
+    void EnterPool(const VDS_OBJECT_ID& id, CPool* pool);
     // The subsystem list of the last load, as the service gave it.
     const std::vector<SubsystemEntry>& SubsystemList() const { return m_subsystems; }
 
@@ -90,6 +98,10 @@ public:
     void ReleaseTree();
 
 private:
+    // OnLoad's work; a failed allocation travels up to the interface method.
+    HRESULT Load(LPWSTR pwszMachineName, IUnknown* pCallbackObject);
+    // Refresh's work: empties the maps and loads again, finding every object by its key text.
+    void RebuildTree();
     void ReadProviderSettings();
     // The served test of a subsystem entry (`isFC`, though what it asks for is an iSCSI port).
     bool IsServedSubsystem(const SubsystemEntry& entry);
@@ -97,15 +109,15 @@ private:
 
     // The object map and the identity map.
     ObjectRegistry m_registry;
-    ObjectMap m_mapSubSystems;
-    ObjectMap m_mapPools;
-    IVdsAdviseSink* m_pSink = nullptr;
+    OwningMap m_mapSubSystems;
+    OwningMap m_mapPools;
+    CComPtr<IVdsAdviseSink> m_pSink;
     bool m_bNeedRefresh = false;
     std::vector<SubsystemEntry> m_subsystems;
 };
 
 // Makes an enumerator over the objects of a map, ordered by their kind's sort key.
-HRESULT QueryObjects(CProvider* provider, const ObjectMap& map, IEnumVdsObject** ppEnum);
+HRESULT QueryObjects(CProvider* provider, const OwningMap& map, IEnumVdsObject** ppEnum);
 
 // The object of class T that carried `key` before (its old id replaces *inOutGuid), or a new
 // object with a count of 0 (the fresh id stays). Null when no object could be made. A key is

@@ -11,9 +11,21 @@ std::string LogGuid(const GUID& g) {
     return buf;
 }
 
-ObjectRegistry::~ObjectRegistry() {
-    for (auto& [id, ident] : identities_)
-        if (ident.object) ident.object->Release();
+bool OwningMap::Enter(const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE type, IUnknown* object) {
+    if (map_.count(id)) return false;
+    map_.emplace(id, OwnedEntry{type, object});
+    return true;
+}
+
+void OwningMap::Remove(const VDS_OBJECT_ID& id) {
+    auto it = map_.find(id);
+    if (it == map_.end()) return;
+    Map::node_type gone = map_.extract(it);  // released when it goes out of scope
+}
+
+void OwningMap::Clear() {
+    Map old;
+    old.swap(map_);
 }
 
 void ObjectRegistry::ReleaseIdentities() {
@@ -21,8 +33,6 @@ void ObjectRegistry::ReleaseIdentities() {
     std::map<VDS_OBJECT_ID, Identity, GuidLess> old;
     old.swap(identities_);
     byKey_.clear();
-    for (auto& [id, ident] : old)
-        if (ident.object) ident.object->Release();
 }
 
 bool ObjectRegistry::AddObject(const VDS_OBJECT_ID& id, const ObjectEntry& entry) {
@@ -37,6 +47,11 @@ void ObjectRegistry::RemoveObject(const VDS_OBJECT_ID& id, bool refreshing) {
     objects_.erase(id);
 }
 
+void ObjectRegistry::DropObject(const VDS_OBJECT_ID& id, const IUnknown* object) {
+    auto it = objects_.find(id);
+    if (it != objects_.end() && it->second.pObject == object) objects_.erase(it);
+}
+
 const ObjectEntry* ObjectRegistry::Find(const VDS_OBJECT_ID& id, VDS_OBJECT_TYPE type) const {
     auto it = objects_.find(id);
     if (it == objects_.end()) return nullptr;
@@ -49,9 +64,15 @@ bool ObjectRegistry::RememberObject(const VDS_OBJECT_ID& id, const std::u16strin
     DebugTrace("Adding VDS object \"%S\" with ", key.c_str());
     DebugTrace("%s\n", LogGuid(id).c_str());
     if (identities_.count(id)) return false;
-    if (object) object->AddRef();
-    identities_.emplace(id, Identity{key, type, object, base});
-    byKey_[KindKey{type, key}].insert(id);
+    // Both indexes or neither: a failed allocation in the second takes the first entry back.
+    std::set<VDS_OBJECT_ID, GuidLess>& ids = byKey_[KindKey{type, key}];
+    ids.insert(id);
+    try {
+        identities_.emplace(id, Identity{key, type, object, base});
+    } catch (...) {
+        ids.erase(id);
+        throw;
+    }
     return true;
 }
 

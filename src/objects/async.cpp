@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/subsystem.h"
 #include "proxy/kelvane.h"
@@ -12,8 +13,6 @@ CVdsAsyncObject::CVdsAsyncObject() : CVdsBase(VDS_OT_UNKNOWN) {}
 CVdsAsyncObject::~CVdsAsyncObject() {
     // The event handle is never created here; -1 means there is nothing to close.
     m_event = -1;
-    if (m_pResult) m_pResult->Release();
-    if (m_pExpandLun) m_pExpandLun->Release();
     if (m_pController) static_cast<IVdsController*>(m_pController)->Release();
     if (m_pSubSystem) static_cast<IVdsSubSystem*>(m_pSubSystem)->Release();
 }
@@ -39,21 +38,14 @@ void CVdsAsyncObject::Initialize(CSubSystem* subsystem, CController* controller,
     DebugTrace("CAsync::Initialize() vdsType : %d\n", static_cast<int>(type));
 }
 
-void CVdsAsyncObject::SetResult(IUnknown* object) {
-    if (object) object->AddRef();
-    if (m_pResult) m_pResult->Release();
-    m_pResult = object;
-}
+void CVdsAsyncObject::SetResult(IUnknown* object) { m_pResult = object; }
 
-void CVdsAsyncObject::SetExpandLun(IUnknown* lun) {
-    if (lun) lun->AddRef();
-    if (m_pExpandLun) m_pExpandLun->Release();
-    m_pExpandLun = lun;
-}
+void CVdsAsyncObject::SetExpandLun(IUnknown* lun) { m_pExpandLun = lun; }
 
-HRESULT CVdsAsyncObject::Cancel() { return E_NOTIMPL; }
+HRESULT CVdsAsyncObject::Cancel() try { return E_NOTIMPL; }
+TROV_CATCH_OOM
 
-HRESULT CVdsAsyncObject::Wait(HRESULT* pHrResult, VDS_ASYNC_OUTPUT* pAsyncOut) {
+HRESULT CVdsAsyncObject::Wait(HRESULT* pHrResult, VDS_ASYNC_OUTPUT* pAsyncOut) try {
     if (!pHrResult || !pAsyncOut) return E_POINTER;
     std::memset(pAsyncOut, 0, sizeof *pAsyncOut);
     *pHrResult = S_OK;
@@ -61,7 +53,7 @@ HRESULT CVdsAsyncObject::Wait(HRESULT* pHrResult, VDS_ASYNC_OUTPUT* pAsyncOut) {
     if (m_type == VDS_ASYNCOUT_CREATELUN || m_type == VDS_ASYNCOUT_EXTENDLUN) {
         if (m_pResult) {
             m_pResult->AddRef();
-            pAsyncOut->cl.pLunUnk = m_pResult;
+            pAsyncOut->cl.pLunUnk = m_pResult.get();
         }
         if (m_type == VDS_ASYNCOUT_CREATELUN || m_running == 0) return S_OK;
         // An extension the array still works on: its own wait follows the growth.
@@ -69,18 +61,19 @@ HRESULT CVdsAsyncObject::Wait(HRESULT* pHrResult, VDS_ASYNC_OUTPUT* pAsyncOut) {
     }
     if (m_type == VDS_ASYNCOUT_CREATEPORTALGROUP && m_pResult) {
         m_pResult->AddRef();
-        pAsyncOut->cpg.pPortalGroupUnk = m_pResult;
+        pAsyncOut->cpg.pPortalGroupUnk = m_pResult.get();
     }
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CVdsAsyncObject::QueryStatus(HRESULT* pHrResult, ULONG* pulPercentCompleted) {
+HRESULT CVdsAsyncObject::QueryStatus(HRESULT* pHrResult, ULONG* pulPercentCompleted) try {
     if (!pHrResult || !pulPercentCompleted) return E_POINTER;
     *pHrResult = 0;
     *pulPercentCompleted = 100;
     if (m_type != VDS_ASYNCOUT_CREATELUN && m_type != VDS_ASYNCOUT_EXTENDLUN) return S_OK;
     if (m_type == VDS_ASYNCOUT_CREATELUN && m_running == 0) return S_OK;
-    const CVdsBase* lun = m_pResult ? dynamic_cast<const CVdsBase*>(m_pResult) : nullptr;
+    const CVdsBase* lun = m_pResult ? dynamic_cast<const CVdsBase*>(m_pResult.get()) : nullptr;
     const uint8_t* serial = lun ? lun->ArraySerial() : nullptr;
     if (serial && m_pController) {
         uint32_t percent = 100;
@@ -91,3 +84,4 @@ HRESULT CVdsAsyncObject::QueryStatus(HRESULT* pHrResult, ULONG* pulPercentComple
     DebugTrace("CVdsAsyncObject::QueryStatus() : pulPercentCompleted = %d\n", static_cast<int>(*pulPercentCompleted));
     return S_OK;
 }
+TROV_CATCH_OOM

@@ -35,22 +35,22 @@ public:
     void SetRunning(uint8_t running) { m_running = running; }
     uint8_t Running() const { return m_running; }
     uint32_t Type() const { return m_type; }
-    IUnknown* Result() const { return m_pResult; }
+    IUnknown* Result() const { return m_pResult.get(); }
     CController* Controller() const { return m_pController; }
     ExpandPartRequest& ExpandRequest() { return m_expandRequest; }
     void SetExpandLun(IUnknown* lun);
-    IUnknown* ExpandLun() const { return m_pExpandLun; }
+    IUnknown* ExpandLun() const { return m_pExpandLun.get(); }
     // The wait of a running extension (type 54), set by the extend operation.
     void SetExpandWait(std::function<HRESULT(CVdsAsyncObject&)> wait) { m_expandWait = std::move(wait); }
 
 private:
     uint32_t m_type = 0;
-    IUnknown* m_pResult = nullptr;  // counted
+    CComPtr<IUnknown> m_pResult;
     intptr_t m_event = -1;          // never created; closed if it ever were
     CSubSystem* m_pSubSystem = nullptr;     // counted
     CController* m_pController = nullptr;   // counted
     ExpandPartRequest m_expandRequest{};
     uint8_t m_running = 0;
-    IUnknown* m_pExpandLun = nullptr;  // counted
+    CComPtr<IUnknown> m_pExpandLun;
     std::function<HRESULT(CVdsAsyncObject&)> m_expandWait;
 };

@@ -7,6 +7,7 @@
 #include "core/globals.h"
 #include "core/lock_guard.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/controller_port.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
@@ -37,7 +38,10 @@ void CopyField(char* dst, size_t dstSize, const char* src, size_t srcWidth) {
 
 CController::CController() : CVdsBase(VDS_OT_CONTROLLER) {}
 
-CController::~CController() { Dispose(); }
+CController::~CController() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsController*>(this));
+    Dispose();
+}
 
 HRESULT CController::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsController)
@@ -57,7 +61,7 @@ void CController::Dispose() {
     FreeObjectString(m_prop.pwszIdentification);
     // The ports are released also during a refresh: the identity map holds each of them, so the
     // rebuild finds them alive and its new references keep the counts balanced.
-    ReleaseMap(m_ports);
+    m_ports.Clear();
     if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
     std::memset(&m_prop, 0, sizeof m_prop);
     ReleaseParents(&m_pProvider, &m_pSubSystem, nullptr);
@@ -96,25 +100,19 @@ HRESULT CController::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CS
     std::u16string ident = WidenField(cs.controllerIdent, sizeof cs.controllerIdent);
     m_prop.pwszFriendlyName = NewObjectString(AsciiToWide(name));
     m_prop.pwszIdentification = NewObjectString(ident);
-    if (!m_prop.pwszFriendlyName || !m_prop.pwszIdentification) return E_OUTOFMEMORY;
     m_prop.status = VDS_CS_ONLINE;
     m_prop.health = VDS_H_HEALTHY;
     m_prop.sNumberOfPorts = static_cast<SHORT>(cs.numPorts & 0xFFFF);
 
-    subsystem->m_portCount = static_cast<uint16_t>(subsystem->m_portCount + (cs.numDiskChannels & 0xFFFF) +
-                                                   (cs.numPorts & 0xFFFF));
-    subsystem->m_maxSlots = cd.diskPort(0).maxDevices;
-    if (cd.enclosureCount > subsystem->m_enclosureCount) subsystem->m_enclosureCount = cd.enclosureCount;
-    subsystem->m_enclosureDrives = cd.enclosure(0).numDrives;
     m_overheadPerMille = cs.activeParams.overheadPerMille;
     m_numPorts = cs.numPorts;
 
-    subsystem->m_SysName = Utf8ToWide(std::string(unified->systemName()));
     std::string brand = FieldText(unified->brandName, sizeof unified->brandName);
     if (brand.empty()) brand = FieldText(unified->vendorName, sizeof unified->vendorName);
     std::string longName = brand + " " + FieldText(unified->productId, sizeof unified->productId) + " " +
                            FieldText(cs.controllerSerial, sizeof cs.controllerSerial);
-    if (subsystem->m_identString.empty()) subsystem->m_identString = AsciiToWide(longName.c_str());
+    subsystem->RecordControllerFacts(cd, Utf8ToWide(std::string(unified->systemName())),
+                                     AsciiToWide(longName.c_str()));
 
     CopyField(m_vendorName, sizeof m_vendorName, unified->vendorId, sizeof unified->vendorId);
     CopyField(m_productId, sizeof m_productId, unified->productId, sizeof unified->productId);
@@ -168,18 +166,11 @@ void CController::AddDrives(const ControllerData& cd) {
                    "scsiId = %d, slotNumber = %d, enclosureNumber = %d, type = %d\n",
                    static_cast<int>(i), d.howUsed, d.channel, d.blinking, d.lun, d.scsiId, d.slotNumber,
                    d.enclosureNumber, d.type);
-        std::pair<uint16_t, uint16_t> pair{d.channel, d.scsiId};
-        bool seen = false;
-        for (const auto& p : ss->m_driveSeen)
-            if (p == pair) seen = true;
-        if (!seen) {
-            ss->m_driveSeen.push_back(pair);
+        if (ss->FirstViewOfDrive(d.channel, d.scsiId)) {
             VDS_OBJECT_ID id{};
-            CComObject<CDrive>* drive = MakeTreeObject<CDrive>(m_pProvider, &id, CDrive::MakeDriveName(d));
-            if (!drive) continue;
-            drive->AddRef();
+            TreePtr<CDrive> drive = MakeTreeObject<CDrive>(m_pProvider, &id, CDrive::MakeDriveName(d));
             drive->Initialize(&id, m_pProvider, ss, this, &d);
-            EnterInMap(ss->m_drives, id, VDS_OT_DRIVE, static_cast<IVdsDrive*>(drive));
+            ss->EnterDrive(id, drive);
             std::string sn = FieldText(d.serialNumber, 32);
             DebugTrace("  Drive %-20s encl %d bus %d slot %2d guid %08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X\n",
                        sn.c_str(), d.enclosureNumber, d.channel, d.slotNumber, id.Data1, id.Data2, id.Data3,
@@ -188,12 +179,14 @@ void CController::AddDrives(const ControllerData& cd) {
             continue;
         }
         DebugTrace("Already found a drive at chan %d id %d\n", d.channel, d.scsiId);
-        IVdsDrive* found = nullptr;
-        if (ss->GetDrive(d.enclosureNumber, d.slotNumber, &found) == VDS_E_OBJECT_NOT_FOUND || !found) {
+        CComPtr<IVdsDrive> found;
+        HRESULT hr = ss->GetDrive(d.enclosureNumber, d.slotNumber, &found);
+        PassOnOutOfMemory(hr);
+        if (hr == VDS_E_OBJECT_NOT_FOUND || !found) {
             DebugTrace("GetDrive returned OBJECT_NOT_FOUND, skipping (nDrive=%d)\n", static_cast<int>(i));
             continue;
         }
-        auto* drive = static_cast<CDrive*>(found);
+        auto* drive = static_cast<CDrive*>(found.get());
         if (d.driveIndex == TROV_NO_INDEX && d.containerIndex == TROV_NO_INDEX) {
             DebugTrace("skipping nDrive=%d because pDriveData->driveIndex == containerIndex == 0xff\n",
                        static_cast<int>(i));
@@ -206,14 +199,7 @@ void CController::AddDrives(const ControllerData& cd) {
         } else {
             // The first view did not know the drive's place in an array; this one does.
             drive->TakePositionFrom(d);
-            VDS_OBJECT_ID id = drive->Id();
-            auto it = ss->m_drives.find(id);
-            IUnknown* held = it != ss->m_drives.end() ? it->second.pObject : nullptr;
-            if (it != ss->m_drives.end()) ss->m_drives.erase(it);
-            ss->m_drives.emplace(id, ObjectEntry{VDS_OT_DRIVE, held ? held : static_cast<IVdsDrive*>(drive)});
-            if (!held) found->AddRef();  // the map's reference
         }
-        found->Release();
     }
 }
 
@@ -249,55 +235,38 @@ void CController::AddVolumes(const ControllerData& cd, uint32_t a) {
 
 void CController::AddLun(const ArrayData& array, const PartitionData* partition) {
     VDS_OBJECT_ID id{};
-    CComObject<CLun>* lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, partition));
-    if (!lun) return;
-    static_cast<IVdsLun*>(lun)->AddRef();
+    TreePtr<CLun> lun = MakeTreeObject<CLun>(m_pProvider, &id, CLun::KeyText(array, partition));
     lun->Initialize(&id, m_pProvider, m_pSubSystem, this, &array, partition);
-    EnterInMap(m_pSubSystem->m_luns, id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+    m_pSubSystem->EnterLun(id, lun);
 }
 
 void CController::AddPool(const ArrayData& array) {
     VDS_OBJECT_ID id{};
-    CComObject<CPool>* pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::VdiskKey(array, m_pSubSystem->m_SysName));
-    if (!pool) return;
-    static_cast<IVdsStoragePool*>(pool)->AddRef();
+    TreePtr<CPool> pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::VdiskKey(array, m_pSubSystem->SysName()));
     pool->Initialize(&id, m_pProvider, m_pSubSystem, &array, DriveClassOf(array.driveType));
-    EnterInMap(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
+    m_pProvider->EnterPool(id, pool);
 }
 
 void CController::AddTarget(const ControllerData& cd, const UnifiedControllerData& unified) {
     CSubSystem* ss = m_pSubSystem;
-    bool ulp = ss->b_SupportULP != 0;
+    bool ulp = ss->SupportsUlp();
     std::u16string name = CIscsiTarget::TargetName(unified, cd.controller.controllerId, ulp);
+    VDS_OBJECT_ID found{};
+    // One target serves both controllers: the second controller finds the first one's.
+    if (!isRefreshing.load() && ulp && m_pProvider->Registry().FindIdentity(VDS_OT_TARGET, name, &found)) return;
     VDS_OBJECT_ID id{};
-    CComObject<CIscsiTarget>* target = nullptr;
-    if (isRefreshing.load()) {
-        target = MakeTreeObject<CIscsiTarget>(m_pProvider, &id, name);
-    } else if (ulp) {
-        // One target serves both controllers: the second controller finds the first one's.
-        VDS_OBJECT_ID found{};
-        if (m_pProvider->Registry().FindIdentity(VDS_OT_TARGET, name, &found)) return;
-        CoCreateGuid(&id);
-        CComObject<CIscsiTarget>::CreateInstance(&target);
-    } else {
-        CoCreateGuid(&id);
-        CComObject<CIscsiTarget>::CreateInstance(&target);
-    }
-    if (!target) return;
-    static_cast<IVdsIscsiTarget*>(target)->AddRef();
+    TreePtr<CIscsiTarget> target = MakeTreeObject<CIscsiTarget>(m_pProvider, &id, name);
     target->Initialize(&id, m_pProvider, ss, this, &cd);
-    EnterInMap(ss->m_targets, id, VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(target));
+    ss->EnterTarget(id, target);
 }
 
 void CController::AddPortals(const ControllerData& cd) {
     for (uint32_t i = 0; i < cd.portCount(); ++i) {
         if (!cd.port(i).isIscsi()) continue;
         VDS_OBJECT_ID id{};
-        CComObject<CIscsiPortal>* portal = MakeTreeObject<CIscsiPortal>(m_pProvider, &id, CIscsiPortal::KeyText(cd.port(i)));
-        if (!portal) continue;
-        static_cast<IVdsIscsiPortal*>(portal)->AddRef();
+        TreePtr<CIscsiPortal> portal = MakeTreeObject<CIscsiPortal>(m_pProvider, &id, CIscsiPortal::KeyText(cd.port(i)));
         portal->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
-        EnterInMap(m_pSubSystem->m_portals, id, VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(portal));
+        m_pSubSystem->EnterPortal(id, portal);
     }
 }
 
@@ -306,12 +275,10 @@ void CController::AddPortalGroups(const ControllerData& cd) {
         if (!cd.port(i).isIscsi()) continue;
         VDS_OBJECT_ID id{};
         uint16_t tag = CIscsiPortal::TagFor(cd.controller.controllerId, i);
-        CComObject<CIscsiPortalGroup>* group =
+        TreePtr<CIscsiPortalGroup> group =
             MakeTreeObject<CIscsiPortalGroup>(m_pProvider, &id, CIscsiPortalGroup::KeyText(tag));
-        if (!group) continue;
-        static_cast<IVdsIscsiPortalGroup*>(group)->AddRef();
         group->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, i);
-        EnterInMap(m_pSubSystem->m_portalGroups, id, VDS_OT_PORTAL_GROUP, static_cast<IVdsIscsiPortalGroup*>(group));
+        m_pSubSystem->EnterPortalGroup(id, group);
     }
 }
 
@@ -325,16 +292,14 @@ void CController::AddPorts(const ControllerData& cd) {
             if (isRefreshing.load()) continue;  // no name to find it by
         }
         VDS_OBJECT_ID id{};
-        CComObject<CControllerPort>* p = MakeTreeObject<CControllerPort>(m_pProvider, &id, key);
-        if (!p) continue;
-        DebugTrace("CControllerPort::Initialize(): pPort = %p\n", static_cast<void*>(p));
-        p->AddRef();
+        TreePtr<CControllerPort> p = MakeTreeObject<CControllerPort>(m_pProvider, &id, key);
+        DebugTrace("CControllerPort::Initialize(): pPort = %p\n", static_cast<void*>(p.get()));
         p->Initialize(&id, m_pProvider, m_pSubSystem, this, &cd, ch);
-        EnterInMap(m_ports, id, VDS_OT_PORT, static_cast<IVdsControllerPort*>(p));
+        m_ports.Enter(id, VDS_OT_PORT, static_cast<IVdsControllerPort*>(p.get()));
     }
 }
 
-HRESULT CController::GetProperties(VDS_CONTROLLER_PROP* pControllerProp) {
+HRESULT CController::GetProperties(VDS_CONTROLLER_PROP* pControllerProp) try {
     if (!pControllerProp) return E_POINTER;
     CLockGuard lock("CController::GetProperties", hNotificationMutex);
     VDS_CONTROLLER_PROP p = m_prop;
@@ -344,27 +309,32 @@ HRESULT CController::GetProperties(VDS_CONTROLLER_PROP* pControllerProp) {
     *pControllerProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CController::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
+HRESULT CController::GetSubSystem(IVdsSubSystem** ppSubSystem) try {
+    return HandOutSubSystem(m_pSubSystem, ppSubSystem);
+}
+TROV_CATCH_OOM
 
-HRESULT CController::GetPortProperties(SHORT sPortNumber, VDS_PORT_PROP* pPortProp) {
+HRESULT CController::GetPortProperties(SHORT sPortNumber, VDS_PORT_PROP* pPortProp) try {
     if (!pPortProp) return E_POINTER;
     // The number equal to the port count passes and finds nothing: S_OK with nothing filled.
     if (sPortNumber < 0 || sPortNumber > m_prop.sNumberOfPorts) return E_INVALIDARG;
     CLockGuard lock("CController::GetPortProperties", hNotificationMutex);
     int i = 0;
-    for (auto& [id, e] : m_ports) {
+    for (const auto& [id, e] : m_ports) {
         if (i++ != sPortNumber) continue;
-        auto* port = dynamic_cast<CControllerPort*>(e.pObject);
+        auto* port = e.As<CControllerPort>();
         return port ? port->GetProperties(pPortProp) : S_OK;
     }
     return S_OK;
 }
+TROV_CATCH_OOM
 
 HRESULT CController::CacheCommand(const char* method, bool flush) {
     CLockGuard lock(method, hNotificationMutex);
-    std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
-    if (!buf || Kelvane::get_controller_data(m_handle, buf.get()) != 0) {
+    std::unique_ptr<uint8_t[]> buf = NewRecordBuffer();
+    if (Kelvane::get_controller_data(m_handle, buf.get()) != 0) {
         DebugTrace(flush ? "OOP!!! CController::FlushCache get_controller_data return VDS_E_INTERNAL_ERROR, line %d\n"
                          : "OOP!!! CController::InvalidateCache get_controller_data return VDS_E_INTERNAL_ERROR, "
                            "line %d\n",
@@ -382,67 +352,77 @@ HRESULT CController::CacheCommand(const char* method, bool flush) {
     return S_OK;
 }
 
-HRESULT CController::FlushCache() { return CacheCommand("CController::FlushCache", true); }
-HRESULT CController::InvalidateCache() { return CacheCommand("CController::InvalidateCache", false); }
+HRESULT CController::FlushCache() try { return CacheCommand("CController::FlushCache", true); }
+TROV_CATCH_OOM
+HRESULT CController::InvalidateCache() try { return CacheCommand("CController::InvalidateCache", false); }
+TROV_CATCH_OOM
 
-HRESULT CController::Reset() {
+HRESULT CController::Reset() try {
     DebugTrace("CController::Reset() returning VDS_E_NOT_SUPPORTED\n");
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM
 
-HRESULT CController::SetStatus(VDS_CONTROLLER_STATUS) {
+HRESULT CController::SetStatus(VDS_CONTROLLER_STATUS) try {
     DebugTrace("CController::SetStatus() returning VDS_E_NOT_SUPPORTED\n");
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM
 
-HRESULT CController::QueryAssociatedLuns(IEnumVdsObject** ppEnum) {
+HRESULT CController::QueryAssociatedLuns(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
-    IEnumVdsObject* luns = nullptr;
-    if (m_pSubSystem && SUCCEEDED(m_pSubSystem->QueryLuns(&luns)) && luns) {
+    CComPtr<IEnumVdsObject> luns;
+    HRESULT hr = m_pSubSystem ? m_pSubSystem->QueryLuns(&luns) : E_UNEXPECTED;
+    PassOnOutOfMemory(hr);
+    if (SUCCEEDED(hr) && luns) {
         IUnknown* unk = nullptr;
         ULONG fetched = 0;
         while (luns->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+            CComPtr<IUnknown> lun;
+            lun.Attach(unk);
             auto* base = dynamic_cast<CVdsBase*>(unk);
             if (base && base->OwnerId() == m_Owner) out->Append(unk);
-            unk->Release();
         }
-        luns->Release();
     }
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CController::QueryControllerPorts(IEnumVdsObject** ppEnum) {
+HRESULT CController::QueryControllerPorts(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
     CLockGuard lock("CController::QueryControllerPorts", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
-    for (auto& [id, e] : m_ports) {
+    for (const auto& [id, e] : m_ports) {
         HRESULT hr = out->Append(e.pObject);
-        if (FAILED(hr)) {
-            out->Release();
-            return hr;
-        }
+        if (FAILED(hr)) return hr;
     }
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
 // The array has no way to sound its alarm from here: the one meaning of these calls is to silence it.
-HRESULT CController::StartMaintenance(VDS_MAINTENANCE_OPERATION operation) {
+HRESULT CController::StartMaintenance(VDS_MAINTENANCE_OPERATION operation) try {
     if (operation != BeepAlarm) return VDS_E_NOT_SUPPORTED;
     return static_cast<HRESULT>(Kelvane::silence_alarm(m_handle));
 }
+TROV_CATCH_OOM
 
-HRESULT CController::StopMaintenance(VDS_MAINTENANCE_OPERATION) { return S_OK; }
+HRESULT CController::StopMaintenance(VDS_MAINTENANCE_OPERATION) try { return S_OK; }
+TROV_CATCH_OOM
 
-HRESULT CController::PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG) {
+HRESULT CController::PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG) try {
     if (operation != BeepAlarm) return VDS_E_NOT_SUPPORTED;
     return static_cast<HRESULT>(Kelvane::silence_alarm(m_handle));
 }
+TROV_CATCH_OOM

@@ -68,8 +68,6 @@ public:
     const char* FirmwareRevision() const { return m_firmwareRevision; }
     const uint8_t* IpAddress() const { return m_ipAddress; }
 
-    ObjectMap m_ports;
-
 private:
     HRESULT CacheCommand(const char* method, bool flush);
     void AddDrives(const ControllerData& cd);
@@ -97,4 +95,5 @@ private:
     char m_UniqueSn[32]{};
     uint32_t m_numPorts = 0;
     uint32_t m_initialised = 0;
+    OwningMap m_ports;
 };

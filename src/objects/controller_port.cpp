@@ -6,6 +6,7 @@
 #include "core/globals.h"
 #include "core/lock_guard.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/enumerator.h"
 #include "objects/object_util.h"
@@ -15,7 +16,10 @@
 
 CControllerPort::CControllerPort() : CVdsBase(VDS_OT_PORT) {}
 
-CControllerPort::~CControllerPort() { Dispose(); }
+CControllerPort::~CControllerPort() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsControllerPort*>(this));
+    Dispose();
+}
 
 HRESULT CControllerPort::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsControllerPort) {
@@ -90,7 +94,6 @@ HRESULT CControllerPort::Initialize(const VDS_OBJECT_ID* id, CProvider* provider
     }
     m_prop.pwszFriendlyName = NewObjectString(name);
     m_prop.pwszIdentification = NewObjectString(name);
-    if (!m_prop.pwszFriendlyName || !m_prop.pwszIdentification) return E_OUTOFMEMORY;
     m_prop.status = status;
     m_Owner = record->controller.controllerId;
     provider->RememberObject(*id, name, this, static_cast<IVdsControllerPort*>(this));
@@ -99,7 +102,7 @@ HRESULT CControllerPort::Initialize(const VDS_OBJECT_ID* id, CProvider* provider
     return S_OK;
 }
 
-HRESULT CControllerPort::GetProperties(VDS_PORT_PROP* pPortProp) {
+HRESULT CControllerPort::GetProperties(VDS_PORT_PROP* pPortProp) try {
     if (!pPortProp) return E_POINTER;
     CLockGuard lock("CControllerPort::GetProperties", hNotificationMutex);
     VDS_PORT_PROP p = m_prop;
@@ -109,44 +112,51 @@ HRESULT CControllerPort::GetProperties(VDS_PORT_PROP* pPortProp) {
     *pPortProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CControllerPort::GetController(IVdsController** ppController) {
+HRESULT CControllerPort::GetController(IVdsController** ppController) try {
     if (!ppController) return E_POINTER;
     if (!m_pController) return E_UNEXPECTED;
     *ppController = static_cast<IVdsController*>(m_pController);
     (*ppController)->AddRef();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CControllerPort::QueryAssociatedLuns(IEnumVdsObject** ppEnum) {
+HRESULT CControllerPort::QueryAssociatedLuns(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
     CLockGuard lock("CControllerPort::QueryAssociatedLuns", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
-    IEnumVdsObject* luns = nullptr;
-    HRESULT hr = S_OK;
-    if (m_pSubSystem && SUCCEEDED(m_pSubSystem->QueryLuns(&luns)) && luns) {
+    CComPtr<IEnumVdsObject> luns;
+    HRESULT hr = m_pSubSystem ? m_pSubSystem->QueryLuns(&luns) : E_UNEXPECTED;
+    PassOnOutOfMemory(hr);
+    if (SUCCEEDED(hr) && luns) {
         IUnknown* unk = nullptr;
         ULONG fetched = 0;
         while (luns->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+            CComPtr<IUnknown> lun;
+            lun.Attach(unk);
             auto* base = dynamic_cast<CVdsBase*>(unk);
-            if (m_pSubSystem->b_SupportULP || (base && base->OwnerId() == m_Owner)) hr = out->Append(unk);
-            unk->Release();
+            if (m_pSubSystem->SupportsUlp() || (base && base->OwnerId() == m_Owner)) out->Append(unk);
         }
-        luns->Release();
     }
     out->Reset();
-    *ppEnum = out;
-    return hr;
+    *ppEnum = out.Detach();
+    return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CControllerPort::Reset() {
+HRESULT CControllerPort::Reset() try {
     DebugTrace("CControllerPort::Reset() returning VDS_E_NOT_SUPPORTED\n");
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM
 
-HRESULT CControllerPort::SetStatus(VDS_PORT_STATUS) {
+HRESULT CControllerPort::SetStatus(VDS_PORT_STATUS) try {
     DebugTrace("CControllerPort::SetStatus() returning VDS_E_NOT_SUPPORTED\n");
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM

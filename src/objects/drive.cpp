@@ -7,6 +7,7 @@
 #include "core/globals.h"
 #include "core/lock_guard.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/object_util.h"
 #include "objects/subsystem.h"
@@ -67,7 +68,10 @@ uint64_t DriveUsedSizeFor(uint64_t s, uint8_t raidLevel, uint32_t n, uint32_t g,
 
 CDrive::CDrive() : CVdsBase(VDS_OT_DRIVE) {}
 
-CDrive::~CDrive() { ReleaseAll(); }
+CDrive::~CDrive() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsDrive*>(this));
+    ReleaseAll();
+}
 
 HRESULT CDrive::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsDrive)
@@ -129,7 +133,6 @@ HRESULT CDrive::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSys
     std::u16string name = MakeDriveName(d);
     m_prop.pwszFriendlyName = NewObjectString(name);
     m_prop.pwszIdentification = NewObjectString(WidenField(d.serialNumber, sizeof d.serialNumber));
-    if (!m_prop.pwszFriendlyName || !m_prop.pwszIdentification) return E_OUTOFMEMORY;
 
     m_prop.ullSize = UsableBytes(d.blockCount(), controller ? controller->OverheadPerMille() : 0);
 
@@ -217,7 +220,7 @@ void CDrive::TakePositionFrom(const DriveData& d) {
     std::memcpy(m_driveBlock, d.driveBlock(), sizeof m_driveBlock);
 }
 
-HRESULT CDrive::GetProperties(VDS_DRIVE_PROP* pDriveProp) {
+HRESULT CDrive::GetProperties(VDS_DRIVE_PROP* pDriveProp) try {
     if (!pDriveProp) return E_POINTER;
     CLockGuard lock("CDrive::GetProperties", hNotificationMutex);
     VDS_DRIVE_PROP p = m_prop;
@@ -230,8 +233,9 @@ HRESULT CDrive::GetProperties(VDS_DRIVE_PROP* pDriveProp) {
     *pDriveProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::GetProperties2(VDS_DRIVE_PROP2* pDriveProp2) {
+HRESULT CDrive::GetProperties2(VDS_DRIVE_PROP2* pDriveProp2) try {
     if (!pDriveProp2) return E_POINTER;
     CLockGuard lock("CDrive::GetProperties2", hNotificationMutex);
     VDS_DRIVE_PROP2 p{};
@@ -254,19 +258,22 @@ HRESULT CDrive::GetProperties2(VDS_DRIVE_PROP2* pDriveProp2) {
     *pDriveProp2 = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::GetSubSystem(IVdsSubSystem** ppSubSystem) {
+HRESULT CDrive::GetSubSystem(IVdsSubSystem** ppSubSystem) try {
     if (!ppSubSystem) return E_POINTER;
     CLockGuard lock("CDrive::GetSubSystem", hNotificationMutex);
     return HandOutSubSystem(m_pSubSystem, ppSubSystem);
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::SetStatus(VDS_DRIVE_STATUS) {
+HRESULT CDrive::SetStatus(VDS_DRIVE_STATUS) try {
     DebugTrace("CDrive::SetStatus() returning VDS_E_NOT_SUPPORTED\n");
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::SetFlags(ULONG ulFlags) {
+HRESULT CDrive::SetFlags(ULONG ulFlags) try {
     CLockGuard lock("CDrive::SetFlags", hNotificationMutex);
     if (m_pProvider) m_pProvider->Refreshable();
     if (m_howUsed == TROV_HOWUSED_POOL_SPARE) {
@@ -286,8 +293,7 @@ HRESULT CDrive::SetFlags(ULONG ulFlags) {
     }
     int spares = 0;
     if (m_pSubSystem)
-        for (auto& [id, e] : m_pSubSystem->m_drives)
-            if (auto* d = dynamic_cast<CDrive*>(e.pObject); d && d->m_howUsed == TROV_HOWUSED_POOL_SPARE) ++spares;
+        m_pSubSystem->ForEach<CDrive>([&](CDrive* d) { spares += d->HowUsed() == TROV_HOWUSED_POOL_SPARE ? 1 : 0; });
     if (spares >= kMaxGlobalSpares) {
         DebugTrace("OOP!!! CDrive::SetFlags spare num > 8, return VDS_E_NOT_SUPPORTED, line %d\n", __LINE__);
         return VDS_E_NOT_SUPPORTED;
@@ -296,8 +302,9 @@ HRESULT CDrive::SetFlags(ULONG ulFlags) {
     if (m_pProvider) m_pProvider->SetNeedRefresh(true);
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::ClearFlags(ULONG ulFlags) {
+HRESULT CDrive::ClearFlags(ULONG ulFlags) try {
     CLockGuard lock("CDrive::ClearFlags", hNotificationMutex);
     if (m_pProvider) m_pProvider->Refreshable();
     if (!(m_prop.ulFlags & VDS_DRF_HOTSPARE)) return VDS_E_NOT_SUPPORTED;
@@ -307,8 +314,9 @@ HRESULT CDrive::ClearFlags(ULONG ulFlags) {
     if (m_pProvider) m_pProvider->SetNeedRefresh(true);
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::StartMaintenance(VDS_MAINTENANCE_OPERATION operation) {
+HRESULT CDrive::StartMaintenance(VDS_MAINTENANCE_OPERATION operation) try {
     if (m_prop.status != VDS_DRS_ONLINE) {
         DebugTrace("OOP!!! CDrive::StartMaintenance status is wrong, return VDS_E_NOT_SUPPORTED, line %d\n", __LINE__);
         return VDS_E_NOT_SUPPORTED;
@@ -319,8 +327,9 @@ HRESULT CDrive::StartMaintenance(VDS_MAINTENANCE_OPERATION operation) {
     Kelvane::blink_drive(Handle(), 1, reinterpret_cast<const uint8_t*>(m_DriveSn));
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::StopMaintenance(VDS_MAINTENANCE_OPERATION operation) {
+HRESULT CDrive::StopMaintenance(VDS_MAINTENANCE_OPERATION operation) try {
     if (m_prop.status != VDS_DRS_ONLINE) {
         DebugTrace("OOP!!! CDrive::StopMaintenance status is wrong, return VDS_E_NOT_SUPPORTED, line %d\n", __LINE__);
         return VDS_E_NOT_SUPPORTED;
@@ -330,8 +339,9 @@ HRESULT CDrive::StopMaintenance(VDS_MAINTENANCE_OPERATION operation) {
     Kelvane::blink_drive(Handle(), 0, reinterpret_cast<const uint8_t*>(m_DriveSn));
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG ulCount) {
+HRESULT CDrive::PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG ulCount) try {
     if (m_prop.status != VDS_DRS_ONLINE) return VDS_E_NOT_SUPPORTED;
     if (operation < 1 || operation > 5) return E_INVALIDARG;
     // No lock across the waits: each step takes it for itself.
@@ -345,8 +355,9 @@ HRESULT CDrive::PulseMaintenance(VDS_MAINTENANCE_OPERATION operation, ULONG ulCo
     }
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CDrive::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) {
+HRESULT CDrive::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) try {
     if (!ppExtentArray || !plNumberOfExtents) return E_POINTER;
     CLockGuard lock("CDrive::QueryExtents", hNotificationMutex);
     if (m_isFreeDrive) {
@@ -366,11 +377,15 @@ HRESULT CDrive::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfE
         uint64_t used;
     };
     std::vector<Share> shares;
-    IEnumVdsObject* luns = nullptr;
-    if (m_pSubSystem && SUCCEEDED(m_pSubSystem->QueryLuns(&luns)) && luns) {
+    CComPtr<IEnumVdsObject> luns;
+    HRESULT hr = m_pSubSystem ? m_pSubSystem->QueryLuns(&luns) : E_UNEXPECTED;
+    PassOnOutOfMemory(hr);
+    if (SUCCEEDED(hr) && luns) {
         IUnknown* unk = nullptr;
         ULONG fetched = 0;
         while (luns->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+            CComPtr<IUnknown> lun;
+            lun.Attach(unk);
             auto* base = dynamic_cast<CVdsBase*>(unk);
             const uint8_t* serial = base ? base->ArraySerial() : nullptr;
             Share s{};
@@ -380,9 +395,7 @@ HRESULT CDrive::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfE
                            lunSize);
                 shares.push_back(s);
             }
-            unk->Release();
         }
-        luns->Release();
     }
     size_t count = shares.size() + 1;
     auto* ext = static_cast<VDS_DRIVE_EXTENT*>(CoTaskMemAlloc(count * sizeof(VDS_DRIVE_EXTENT)));
@@ -410,3 +423,4 @@ HRESULT CDrive::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfE
     *plNumberOfExtents = static_cast<LONG>(count);
     return S_OK;
 }
+TROV_CATCH_OOM

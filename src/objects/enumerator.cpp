@@ -4,6 +4,7 @@
 
 #include "core/globals.h"
 #include "core/lock_guard.h"
+#include "objects/boundary.h"
 #include "support/debuglog.h"
 
 namespace {
@@ -35,7 +36,7 @@ CComObject<CEnumerator>* CEnumerator::Create() {
     return p;
 }
 
-HRESULT CEnumerator::Next(ULONG celt, IUnknown** ppObjectArray, ULONG* pcFetched) {
+HRESULT CEnumerator::Next(ULONG celt, IUnknown** ppObjectArray, ULONG* pcFetched) try {
     CLockGuard lock("CEnumerator::Next", hNotificationMutex);
     if (!ppObjectArray || !pcFetched) return E_POINTER;
     *pcFetched = 0;
@@ -49,8 +50,9 @@ HRESULT CEnumerator::Next(ULONG celt, IUnknown** ppObjectArray, ULONG* pcFetched
     *pcFetched = n;
     return n < celt ? S_FALSE : S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CEnumerator::Skip(ULONG celt) {
+HRESULT CEnumerator::Skip(ULONG celt) try {
     CLockGuard lock("CEnumerator::Skip", hNotificationMutex);
     if (celt == 0) return S_OK;
     if (!m_cursorValid || m_cursor == m_items.end()) IteratorFault("CEnumerator::Skip");
@@ -61,35 +63,36 @@ HRESULT CEnumerator::Skip(ULONG celt) {
     }
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CEnumerator::Reset() {
+HRESULT CEnumerator::Reset() try {
     m_cursor = m_items.begin();
     m_cursorValid = true;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CEnumerator::Clone(IEnumVdsObject** ppEnum) {
+HRESULT CEnumerator::Clone(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CEnumerator::Clone", hNotificationMutex);
     if (!ppEnum) return E_POINTER;
     *ppEnum = nullptr;
-    CComObject<CEnumerator>* clone = Create();
+    CComPtr<CComObject<CEnumerator>> clone;
+    clone.Attach(Create());
     if (!clone) return E_OUTOFMEMORY;
     for (auto it = m_items.begin(); it != m_items.end(); ++it) {
         HRESULT hr = clone->Append(*it);
-        if (FAILED(hr)) {
-            clone->Release();
-            return hr;
-        }
+        if (FAILED(hr)) return hr;
         if (m_cursorValid && it == m_cursor) clone->SetPositionToLast();
     }
-    *ppEnum = clone;
+    *ppEnum = clone.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
 HRESULT CEnumerator::Append(IUnknown* pObject) {
     if (!pObject) return E_POINTER;
+    m_items.push_back(pObject);  // first, so that a failed allocation leaves no reference behind
     pObject->AddRef();
-    m_items.push_back(pObject);
     return S_OK;
 }
 

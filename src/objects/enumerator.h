@@ -29,6 +29,7 @@ public:
     HRESULT Reset() override;
     HRESULT Clone(IEnumVdsObject** ppEnum) override;
 
+    // Holds a reference on the object from now on. A failed allocation throws, nothing held.
     HRESULT Append(IUnknown* pObject);
     void Clear();
     void SetPositionToLast();

@@ -10,6 +10,7 @@
 #include "core/lock_guard.h"
 #include "core/provider.h"
 #include "objects/async.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/controller_port.h"
 #include "objects/enumerator.h"
@@ -47,7 +48,10 @@ std::string Narrow(const WCHAR* s) { return s ? WideToUtf8(s) : std::string(); }
 // CIscsiTarget
 
 CIscsiTarget::CIscsiTarget() : CVdsBase(VDS_OT_TARGET) {}
-CIscsiTarget::~CIscsiTarget() { Dispose(); }
+CIscsiTarget::~CIscsiTarget() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsIscsiTarget*>(this));
+    Dispose();
+}
 
 HRESULT CIscsiTarget::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsIscsiTarget)
@@ -64,7 +68,7 @@ std::u16string CIscsiTarget::TargetName(const UnifiedControllerData& unified, ui
 }
 
 uint32_t CIscsiTarget::Handle() const { return m_pController ? m_pController->Handle() : 0; }
-bool CIscsiTarget::Shared() const { return m_pSubSystem && m_pSubSystem->b_SupportULP; }
+bool CIscsiTarget::Shared() const { return m_pSubSystem && m_pSubSystem->SupportsUlp(); }
 
 void CIscsiTarget::Dispose() {
     FreeObjectString(m_prop.pwszIscsiName);
@@ -83,7 +87,7 @@ void CIscsiTarget::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSub
     provider->AddObject(*id, ObjectEntry{VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(this)});
     m_prop.pwszIscsiName = NewObjectString(u"");
     m_prop.pwszFriendlyName = NewObjectString(u"");
-    m_Owner = subsystem->b_SupportULP ? 2 : record->controller.controllerId;
+    m_Owner = subsystem->SupportsUlp() ? 2 : record->controller.controllerId;
     auto unified = std::make_unique<UnifiedControllerData>();
     if (Kelvane::get_unified_controller_data(controller->Handle(), unified.get()) != 0) {
         // Nothing to report to: the target stays without names, and nothing relies on them.
@@ -91,22 +95,22 @@ void CIscsiTarget::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSub
                    __LINE__);
         return;
     }
-    std::u16string name = TargetName(*unified, record->controller.controllerId, subsystem->b_SupportULP != 0);
+    std::u16string name = TargetName(*unified, record->controller.controllerId, subsystem->SupportsUlp());
     WStrNCpy(m_prop.pwszIscsiName, 257, name.c_str());
     m_prop.bChapEnabled = unified->chapEnabled();
-    WStrNCpy(m_prop.pwszFriendlyName, 257, subsystem->m_SysName.c_str());
+    WStrNCpy(m_prop.pwszFriendlyName, 257, subsystem->SysName().c_str());
     provider->RememberObject(*id, name, this, static_cast<IVdsIscsiTarget*>(this));
     DebugTrace("CIscsiTarget::Initialize() owner = %d\n", m_Owner);
 }
 
-HRESULT CIscsiTarget::GetProperties(VDS_ISCSI_TARGET_PROP* pTargetProp) {
+HRESULT CIscsiTarget::GetProperties(VDS_ISCSI_TARGET_PROP* pTargetProp) try {
     if (!pTargetProp) {
         DebugTrace("OOP!!! CIscsiTarget::GetProperties() pTargetProp == null, line %d\n", __LINE__);
         return E_POINTER;
     }
     CLockGuard lock("CIscsiTarget::GetProperties", hNotificationMutex);
     // A rename happens on the subsystem: the name is taken from there each time.
-    if (m_pSubSystem && m_prop.pwszFriendlyName) WStrNCpy(m_prop.pwszFriendlyName, 257, m_pSubSystem->m_SysName.c_str());
+    if (m_pSubSystem && m_prop.pwszFriendlyName) WStrNCpy(m_prop.pwszFriendlyName, 257, m_pSubSystem->SysName().c_str());
     VDS_ISCSI_TARGET_PROP p = m_prop;
     p.pwszFriendlyName = TaskName(m_prop.pwszFriendlyName);
     if (!p.pwszFriendlyName) {
@@ -122,97 +126,106 @@ HRESULT CIscsiTarget::GetProperties(VDS_ISCSI_TARGET_PROP* pTargetProp) {
     *pTargetProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
+HRESULT CIscsiTarget::GetSubSystem(IVdsSubSystem** ppSubSystem) try {
+    return HandOutSubSystem(m_pSubSystem, ppSubSystem);
+}
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::QueryPortalGroups(IEnumVdsObject** ppEnum) {
+HRESULT CIscsiTarget::QueryPortalGroups(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CIscsiTarget::QueryPortalGroups", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) {
         DebugTrace("OOP!!! CIscsiTarget::QueryPortalGroups() pOutEnum == NULL return E_OUTOFMEMORY, line %d\n",
                    __LINE__);
         return E_OUTOFMEMORY;
     }
     if (m_pSubSystem) {
-        for (auto& [gid, e] : m_pSubSystem->m_portalGroups) {
-            auto* g = dynamic_cast<CIscsiPortalGroup*>(e.pObject);
-            if (g && (Shared() || g->Owner() == m_Owner)) out->Append(e.pObject);
-        }
+        m_pSubSystem->ForEach<CIscsiPortalGroup>([&](CIscsiPortalGroup* g) {
+            if (Shared() || g->Owner() == m_Owner) out->Append(static_cast<IVdsIscsiPortalGroup*>(g));
+        });
     }
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::QueryAssociatedLuns(IEnumVdsObject** ppEnum) {
+HRESULT CIscsiTarget::QueryAssociatedLuns(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CIscsiTarget::QueryAssociatedLuns", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
-    IEnumVdsObject* luns = nullptr;
-    if (m_pSubSystem && SUCCEEDED(m_pSubSystem->QueryLuns(&luns)) && luns) {
+    CComPtr<IEnumVdsObject> luns;
+    HRESULT hr = m_pSubSystem ? m_pSubSystem->QueryLuns(&luns) : E_UNEXPECTED;
+    PassOnOutOfMemory(hr);
+    if (SUCCEEDED(hr) && luns) {
         IUnknown* unk = nullptr;
         ULONG fetched = 0;
         while (luns->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+            CComPtr<IUnknown> held;
+            held.Attach(unk);
             auto* lun = dynamic_cast<CLun*>(unk);
             // A LUN that no host may see is not associated with any target.
             if (lun && (Shared() || lun->Owner() == m_Owner) && lun->HasUnmaskingList()) out->Append(unk);
-            unk->Release();
         }
-        luns->Release();
     }
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::CreatePortalGroup(IVdsAsync** ppAsync) {
+HRESULT CIscsiTarget::CreatePortalGroup(IVdsAsync** ppAsync) try {
     if (!ppAsync) return E_POINTER;
     CLockGuard lock("CIscsiTarget::CreatePortalGroup", hNotificationMutex);
     // No group is ever made: the answer hands the host the first existing one.
-    IUnknown* first = nullptr;
-    if (m_pSubSystem && !m_pSubSystem->m_portalGroups.empty()) {
-        IEnumVdsObject* groups = nullptr;
-        if (FAILED(QueryObjects(m_pProvider, m_pSubSystem->m_portalGroups, &groups)) || !groups) {
+    CComPtr<IUnknown> first;
+    if (m_pSubSystem) {
+        CComPtr<IEnumVdsObject> groups;
+        if (FAILED(m_pSubSystem->EnumeratePortalGroups(&groups)) || !groups) {
             DebugTrace("OOP!!! CIscsiTarget::QueryPortalGroups() pOutEnum == NULL return E_OUTOFMEMORY, line %d\n",
                        __LINE__);
             return E_OUTOFMEMORY;
         }
         ULONG fetched = 0;
         groups->Next(1, &first, &fetched);
-        groups->Release();
     }
-    CComObject<CVdsAsyncObject>* async = nullptr;
-    if (FAILED(CComObject<CVdsAsyncObject>::CreateInstance(&async)) || !async) {
-        if (first) first->Release();
+    CComObject<CVdsAsyncObject>* created = nullptr;
+    if (FAILED(CComObject<CVdsAsyncObject>::CreateInstance(&created)) || !created) {
         DebugTrace("OOP!!! CIscsiTarget::QueryPortalGroups() pOutEnum == NULL return E_OUTOFMEMORY, line %d\n",
                    __LINE__);
         return E_OUTOFMEMORY;
     }
-    static_cast<IVdsAsync*>(async)->AddRef();
+    CComPtr<CComObject<CVdsAsyncObject>> async(created);
     async->Initialize(m_pSubSystem, m_pController, VDS_ASYNCOUT_CREATEPORTALGROUP);
     async->SetResult(first);
     async->SetRunning(0);
-    if (first) first->Release();
-    *ppAsync = async;
+    *ppAsync = async.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::Delete(IVdsAsync**) { return NotSupported("OOP!! CIscsiTarget::Delete() not support\n"); }
+HRESULT CIscsiTarget::Delete(IVdsAsync**) try { return NotSupported("OOP!! CIscsiTarget::Delete() not support\n"); }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::SetFriendlyName(LPWSTR pwszFriendlyName) {
+HRESULT CIscsiTarget::SetFriendlyName(LPWSTR pwszFriendlyName) try {
     // A target has no name of its own: it carries the subsystem's.
     if (!m_pSubSystem) return E_UNEXPECTED;
     HRESULT hr = m_pSubSystem->SetFriendlyName(pwszFriendlyName);
     if (SUCCEEDED(hr)) {
         CLockGuard lock("CIscsiTarget::SetFriendlyName", hNotificationMutex);
-        if (m_prop.pwszFriendlyName) WStrNCpy(m_prop.pwszFriendlyName, 257, m_pSubSystem->m_SysName.c_str());
+        if (m_prop.pwszFriendlyName) WStrNCpy(m_prop.pwszFriendlyName, 257, m_pSubSystem->SysName().c_str());
     }
     return hr;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::SetSharedSecret(VDS_ISCSI_SHARED_SECRET* pTargetSharedSecret, LPWSTR pwszInitiatorName) {
+HRESULT CIscsiTarget::SetSharedSecret(VDS_ISCSI_SHARED_SECRET* pTargetSharedSecret, LPWSTR pwszInitiatorName) try {
     CLockGuard lock("CIscsiTarget::SetSharedSecret", hNotificationMutex);
     bool present = pTargetSharedSecret && pTargetSharedSecret->pSharedSecret && pTargetSharedSecret->ulSharedSecretSize;
     std::string shown = present ? std::string(reinterpret_cast<const char*>(pTargetSharedSecret->pSharedSecret),
@@ -248,9 +261,10 @@ HRESULT CIscsiTarget::SetSharedSecret(VDS_ISCSI_SHARED_SECRET* pTargetSharedSecr
     }
     return rc != 0 ? VDS_E_INTERNAL_ERROR : S_OK;
 }
+TROV_CATCH_OOM
 
 HRESULT CIscsiTarget::RememberInitiatorSharedSecret(LPWSTR pwszInitiatorName,
-                                                    VDS_ISCSI_SHARED_SECRET* pInitiatorSharedSecret) {
+                                                    VDS_ISCSI_SHARED_SECRET* pInitiatorSharedSecret) try {
     if (!pwszInitiatorName) return VDS_E_NOT_SUPPORTED;
     CLockGuard lock("CIscsiTarget::RememberInitiatorSharedSecret", hNotificationMutex);
     std::string initiator = Narrow(pwszInitiatorName);
@@ -276,8 +290,9 @@ HRESULT CIscsiTarget::RememberInitiatorSharedSecret(LPWSTR pwszInitiatorName,
                                                static_cast<uint32_t>(target.size()), secretLength);
     return rc != 0 ? VDS_E_INTERNAL_ERROR : S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiTarget::GetConnectedInitiators(LPWSTR** pppwszInitiatorList, LONG* plNumberOfInitiators) {
+HRESULT CIscsiTarget::GetConnectedInitiators(LPWSTR** pppwszInitiatorList, LONG* plNumberOfInitiators) try {
     if (!pppwszInitiatorList || !plNumberOfInitiators) return E_POINTER;
     CLockGuard lock("CIscsiTarget::GetConnectedInitiators", hNotificationMutex);
     auto hosts = std::make_unique<KnownHostList>();
@@ -288,11 +303,17 @@ HRESULT CIscsiTarget::GetConnectedInitiators(LPWSTR** pppwszInitiatorList, LONG*
         return VDS_E_INTERNAL_ERROR;
     }
     uint32_t count = hosts->hostCount();
+    std::vector<std::u16string> names;
+    names.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        const KnownHostEntry& h = hosts->entries[i];
+        names.push_back(Utf8ToWide(FieldText(h.hostName, sizeof h.hostName)));
+    }
+    // From here on nothing throws: the blocks are the host's once the list is whole.
     auto** list = static_cast<LPWSTR*>(CoTaskMemAlloc((count ? count : 1) * sizeof(LPWSTR)));
     if (!list) return E_OUTOFMEMORY;
     for (uint32_t i = 0; i < count; ++i) {
-        const KnownHostEntry& h = hosts->entries[i];
-        list[i] = FromU16(Utf8ToWide(FieldText(h.hostName, sizeof h.hostName)));
+        list[i] = FromU16(names[i]);
         if (!list[i]) {
             for (uint32_t j = 0; j < i; ++j) CoTaskMemFree(list[j]);
             CoTaskMemFree(list);
@@ -303,12 +324,16 @@ HRESULT CIscsiTarget::GetConnectedInitiators(LPWSTR** pppwszInitiatorList, LONG*
     *plNumberOfInitiators = static_cast<LONG>(count);
     return S_OK;
 }
+TROV_CATCH_OOM
 
 // ---------------------------------------------------------------------------------------------
 // CIscsiPortal
 
 CIscsiPortal::CIscsiPortal() : CVdsBase(VDS_OT_PORTAL) {}
-CIscsiPortal::~CIscsiPortal() { Dispose(); }
+CIscsiPortal::~CIscsiPortal() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsIscsiPortal*>(this));
+    Dispose();
+}
 
 HRESULT CIscsiPortal::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsIscsiPortal)
@@ -360,19 +385,24 @@ HRESULT CIscsiPortal::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, C
     return S_OK;
 }
 
-HRESULT CIscsiPortal::GetProperties(VDS_ISCSI_PORTAL_PROP* pPortalProp) {
+HRESULT CIscsiPortal::GetProperties(VDS_ISCSI_PORTAL_PROP* pPortalProp) try {
     if (!pPortalProp) return E_POINTER;
     CLockGuard lock("CIscsiPortal::GetProperties", hNotificationMutex);
     *pPortalProp = m_prop;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortal::GetSubSystem(IVdsSubSystem** ppSubSystem) { return HandOutSubSystem(m_pSubSystem, ppSubSystem); }
+HRESULT CIscsiPortal::GetSubSystem(IVdsSubSystem** ppSubSystem) try {
+    return HandOutSubSystem(m_pSubSystem, ppSubSystem);
+}
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortal::QueryAssociatedPortalGroups(IEnumVdsObject** ppEnum) {
+HRESULT CIscsiPortal::QueryAssociatedPortalGroups(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CIscsiPortal::QueryAssociatedPortalGroups", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) {
         DebugTrace("OOP!!! CIscsiPortal::QueryAssociatedPortalGroups() pOutEnum == NULL return E_OUTOFMEMORY, line "
                    "%d\n",
@@ -380,31 +410,40 @@ HRESULT CIscsiPortal::QueryAssociatedPortalGroups(IEnumVdsObject** ppEnum) {
         return E_OUTOFMEMORY;
     }
     if (m_pSubSystem)
-        for (auto& [gid, e] : m_pSubSystem->m_portalGroups)
-            if (auto* g = dynamic_cast<CIscsiPortalGroup*>(e.pObject); g && g->Tag() == m_tag) out->Append(e.pObject);
+        m_pSubSystem->ForEach<CIscsiPortalGroup>([&](CIscsiPortalGroup* g) {
+            if (g->Tag() == m_tag) out->Append(static_cast<IVdsIscsiPortalGroup*>(g));
+        });
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortal::SetStatus(VDS_ISCSI_PORTAL_STATUS) {
+HRESULT CIscsiPortal::SetStatus(VDS_ISCSI_PORTAL_STATUS) try {
     return NotSupported("OOP!! CIscsiPortal::SetStatus() not support\n");
 }
-HRESULT CIscsiPortal::SetIpsecTunnelAddress(VDS_IPADDRESS*, VDS_IPADDRESS*) {
+TROV_CATCH_OOM
+HRESULT CIscsiPortal::SetIpsecTunnelAddress(VDS_IPADDRESS*, VDS_IPADDRESS*) try {
     return NotSupported("OOP!! CIscsiPortal::SetIpsecTunnelAddress() not support\n");
 }
-HRESULT CIscsiPortal::GetIpsecSecurity(VDS_IPADDRESS*, ULONGLONG*) {
+TROV_CATCH_OOM
+HRESULT CIscsiPortal::GetIpsecSecurity(VDS_IPADDRESS*, ULONGLONG*) try {
     return NotSupported("OOP!! CIscsiPortal::GetIpsecSecurity() not support\n");
 }
-HRESULT CIscsiPortal::SetIpsecSecurity(VDS_IPADDRESS*, ULONGLONG, VDS_ISCSI_IPSEC_KEY*) {
+TROV_CATCH_OOM
+HRESULT CIscsiPortal::SetIpsecSecurity(VDS_IPADDRESS*, ULONGLONG, VDS_ISCSI_IPSEC_KEY*) try {
     return NotSupported("OOP!! CIscsiPortal::SetIpsecSecurity() not support\n");
 }
+TROV_CATCH_OOM
 
 // ---------------------------------------------------------------------------------------------
 // CIscsiPortalGroup
 
 CIscsiPortalGroup::CIscsiPortalGroup() : CVdsBase(VDS_OT_PORTAL_GROUP) {}
-CIscsiPortalGroup::~CIscsiPortalGroup() { Dispose(); }
+CIscsiPortalGroup::~CIscsiPortalGroup() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsIscsiPortalGroup*>(this));
+    Dispose();
+}
 
 HRESULT CIscsiPortalGroup::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsIscsiPortalGroup)
@@ -439,15 +478,16 @@ void CIscsiPortalGroup::Initialize(const VDS_OBJECT_ID* id, CProvider* provider,
     provider->RememberObject(*id, KeyText(m_tag), this, static_cast<IVdsIscsiPortalGroup*>(this));
 }
 
-HRESULT CIscsiPortalGroup::GetProperties(VDS_ISCSI_PORTALGROUP_PROP* pPortalGroupProp) {
+HRESULT CIscsiPortalGroup::GetProperties(VDS_ISCSI_PORTALGROUP_PROP* pPortalGroupProp) try {
     if (!pPortalGroupProp) return E_POINTER;
     CLockGuard lock("CIscsiPortalGroup::GetProperties", hNotificationMutex);
     pPortalGroupProp->id = m_prop.id;
     pPortalGroupProp->tag = m_prop.tag;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortalGroup::GetTarget(IVdsIscsiTarget** ppTarget) {
+HRESULT CIscsiPortalGroup::GetTarget(IVdsIscsiTarget** ppTarget) try {
     if (!ppTarget) {
         DebugTrace("OOP!!! CIscsiPortalGroup::GetTarget() ppTarget == NULL return E_POINTER, line %d\n", __LINE__);
         return E_POINTER;
@@ -455,36 +495,42 @@ HRESULT CIscsiPortalGroup::GetTarget(IVdsIscsiTarget** ppTarget) {
     CLockGuard lock("CIscsiPortalGroup::GetTarget", hNotificationMutex);
     *ppTarget = nullptr;
     if (!m_pSubSystem) return S_OK;
-    for (auto& [tid, e] : m_pSubSystem->m_targets) {
-        auto* t = dynamic_cast<CIscsiTarget*>(e.pObject);
-        if (t && (m_pSubSystem->b_SupportULP || t->Owner() == m_Owner)) {
-            *ppTarget = static_cast<IVdsIscsiTarget*>(t);
-            (*ppTarget)->AddRef();
-            break;
-        }
+    bool shared = m_pSubSystem->SupportsUlp();
+    CIscsiTarget* t =
+        m_pSubSystem->FindFirst<CIscsiTarget>([&](CIscsiTarget* x) { return shared || x->Owner() == m_Owner; });
+    if (t) {
+        *ppTarget = static_cast<IVdsIscsiTarget*>(t);
+        (*ppTarget)->AddRef();
     }
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortalGroup::QueryAssociatedPortals(IEnumVdsObject** ppEnum) {
+HRESULT CIscsiPortalGroup::QueryAssociatedPortals(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CIscsiPortalGroup::QueryAssociatedPortals", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
     if (m_pSubSystem)
-        for (auto& [pid, e] : m_pSubSystem->m_portals)
-            if (auto* p = dynamic_cast<CIscsiPortal*>(e.pObject); p && p->Tag() == m_tag) out->Append(e.pObject);
+        m_pSubSystem->ForEach<CIscsiPortal>([&](CIscsiPortal* p) {
+            if (p->Tag() == m_tag) out->Append(static_cast<IVdsIscsiPortal*>(p));
+        });
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CIscsiPortalGroup::AddPortal(VDS_OBJECT_ID, IVdsAsync**) {
+HRESULT CIscsiPortalGroup::AddPortal(VDS_OBJECT_ID, IVdsAsync**) try {
     return NotSupported("OOP!! CIscsiPortalGroup::AddPortal() not support\n");
 }
-HRESULT CIscsiPortalGroup::RemovePortal(VDS_OBJECT_ID, IVdsAsync**) {
+TROV_CATCH_OOM
+HRESULT CIscsiPortalGroup::RemovePortal(VDS_OBJECT_ID, IVdsAsync**) try {
     return NotSupported("OOP!! CIscsiPortalGroup::RemovePortal() not support\n");
 }
-HRESULT CIscsiPortalGroup::Delete(IVdsAsync**) {
+TROV_CATCH_OOM
+HRESULT CIscsiPortalGroup::Delete(IVdsAsync**) try {
     return NotSupported("OOP!! CIscsiPortalGroup::Delete() not support\n");
 }
+TROV_CATCH_OOM

@@ -9,6 +9,7 @@
 #include "core/globals.h"
 #include "core/lock_guard.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
@@ -146,25 +147,21 @@ std::vector<std::string>& UsedNames() {
     static std::vector<std::string> names;
     return names;
 }
-char g_newName[32];
 }  // namespace
 
 void ResetNewNamesForTest() { UsedNames().clear(); }
 
-const char* NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialType, const char* nameToForget) {
+std::string NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialType, const char* nameToForget) {
     std::vector<std::string>& used = UsedNames();
     if (nameToForget) {
         auto it = std::find(used.begin(), used.end(), std::string(nameToForget));
         if (it != used.end()) used.erase(it);
-        return nullptr;
+        return {};
     }
     if (used.empty()) {
-        std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
+        std::unique_ptr<uint8_t[]> buf = NewRecordBuffer();
         for (uint32_t handle : {entry.controllerA, entry.controllerB}) {
-            if (!buf || Kelvane::get_controller_data(handle, buf.get()) != 0) {
-                std::snprintf(g_newName, sizeof g_newName, "VDS_LNU_ERROR");
-                return g_newName;
-            }
+            if (Kelvane::get_controller_data(handle, buf.get()) != 0) return "VDS_LNU_ERROR";
             const auto* cd = reinterpret_cast<const ControllerData*>(buf.get());
             for (uint32_t a = 0; a < cd->arrayCount(); ++a) {
                 used.push_back(FieldText(cd->array(a).name, sizeof cd->array(a).name));
@@ -180,13 +177,14 @@ const char* NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialTy
                           : specialType == 2 ? "VDS_MV_LUN_%d"
                           : specialType == 3 ? "VDS_SS_LUN_%d"
                                              : "VDS_LUN_%d";
+    char name[32];
     for (int n = 0;; ++n) {
-        std::snprintf(g_newName, sizeof g_newName, pattern, n);
-        if (std::find(used.begin(), used.end(), std::string(g_newName)) == used.end()) break;
+        std::snprintf(name, sizeof name, pattern, n);
+        if (std::find(used.begin(), used.end(), std::string(name)) == used.end()) break;
     }
-    used.push_back(g_newName);
-    DebugTrace("NewName %s\n", g_newName);
-    return g_newName;
+    used.push_back(name);
+    DebugTrace("NewName %s\n", name);
+    return name;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -194,7 +192,10 @@ const char* NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialTy
 
 CLunPlex::CLunPlex() : CVdsBase(VDS_OT_LUN_PLEX) {}
 
-CLunPlex::~CLunPlex() { Dispose(); }
+CLunPlex::~CLunPlex() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsLunPlex*>(this));
+    Dispose();
+}
 
 HRESULT CLunPlex::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsLunPlex)
@@ -214,7 +215,7 @@ void CLunPlex::Dispose() {
 bool CLunPlex::HoldsDrive(const CDrive& d) const {
     bool spare = (d.Flags() & VDS_DRF_HOTSPARE) != 0;
     if (d.IsFree() && !spare) return false;
-    if (!rec::ArrayKeyMatches(d.DriveBlock(), m_pLun->m_ArraySn)) return false;
+    if (!rec::ArrayKeyMatches(d.DriveBlock(), m_pLun->ArraySerial())) return false;
     if (d.DriveIndex() == TROV_NO_INDEX && d.ContainerIndex() == TROV_NO_INDEX) return false;
     if (m_isMirrorHalf && ((d.ArrayPosition() & 1) != 0) != m_isFirstHalf) return false;
     return true;
@@ -238,8 +239,7 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
     m_prop.health = lp.health;
 
     uint32_t drives = 0;
-    for (auto& [did, e] : subsystem->m_drives)
-        if (auto* d = dynamic_cast<CDrive*>(e.pObject); d && HoldsDrive(*d)) ++drives;
+    subsystem->ForEach<CDrive>([&](CDrive* d) { drives += HoldsDrive(*d) ? 1 : 0; });
     if (m_isMirrorHalf && lp.health == VDS_H_FAILING_REDUNDANCY) {
         // A mirror half that kept all its drives is whole; one that lost any has failed.
         uint32_t half = lun->MemberAmount() / 2;
@@ -256,20 +256,21 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
     m_prop.ulStripeSize = lun->StripeSize();
     m_prop.sRebuildPriority = 0;
     provider->AddObject(*id, ObjectEntry{VDS_OT_LUN_PLEX, static_cast<IVdsLunPlex*>(this)});
-    std::u16string key = lun->m_lunSn + (m_isMirrorHalf && !m_isFirstHalf ? u" Plex2" : u" Plex");
+    std::u16string key = lun->SerialText() + (m_isMirrorHalf && !m_isFirstHalf ? u" Plex2" : u" Plex");
     provider->RememberObject(*id, key, this, static_cast<IVdsLunPlex*>(this));
     DebugTrace("CLunPlex::Initialize() PlexIden = %s, PlexType = %d, StripeSize=%d\n", WideToUtf8(key).c_str(),
                static_cast<int>(m_prop.type), static_cast<int>(m_prop.ulStripeSize));
 }
 
-HRESULT CLunPlex::GetProperties(VDS_LUN_PLEX_PROP* pPlexProp) {
+HRESULT CLunPlex::GetProperties(VDS_LUN_PLEX_PROP* pPlexProp) try {
     if (!pPlexProp) return E_POINTER;
     CLockGuard lock("CLunPlex::GetProperties", hNotificationMutex);
     *pPlexProp = m_prop;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CLunPlex::GetLun(IVdsLun** ppLun) {
+HRESULT CLunPlex::GetLun(IVdsLun** ppLun) try {
     if (!ppLun) return E_POINTER;
     CLockGuard lock("CLunPlex::GetLun", hNotificationMutex);
     if (!m_pLun) return E_UNEXPECTED;
@@ -277,25 +278,31 @@ HRESULT CLunPlex::GetLun(IVdsLun** ppLun) {
     (*ppLun)->AddRef();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) {
+HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) try {
     if (!ppExtentArray || !plNumberOfExtents) return E_INVALIDARG;
     CLockGuard lock("CLunPlex::QueryExtents", hNotificationMutex);
     *plNumberOfExtents = 0;
     if (!m_pSubSystem || !m_pLun) return S_OK;
+    // The drives first: a drive's extents ask for the subsystem's LUNs, which may rebuild its maps.
+    std::vector<CComPtr<IVdsDrive>> drives;
+    m_pSubSystem->ForEach<CDrive>([&](CDrive* d) {
+        if (HoldsDrive(*d)) drives.emplace_back(static_cast<IVdsDrive*>(d));
+    });
     std::vector<VDS_DRIVE_EXTENT> kept;
-    for (auto& [did, e] : m_pSubSystem->m_drives) {
-        auto* d = dynamic_cast<CDrive*>(e.pObject);
-        if (!d || !HoldsDrive(*d)) continue;
-        VDS_DRIVE_EXTENT* ext = nullptr;
+    for (const CComPtr<IVdsDrive>& d : drives) {
+        VDS_DRIVE_EXTENT* got = nullptr;
         LONG n = 0;
-        if (FAILED(d->QueryExtents(&ext, &n)) || !ext) continue;
+        HRESULT hr = d->QueryExtents(&got, &n);
+        PassOnOutOfMemory(hr);
+        TaskMem<VDS_DRIVE_EXTENT> ext(SUCCEEDED(hr) ? got : nullptr);
+        if (!ext) continue;
         for (LONG i = 0; i < n; ++i) {
-            if (ext[i].LunId != m_pLun->Id()) continue;
-            DebugTrace("CLunPlex::QueryExtents() find matched extend, ullSize = 0x%I64x, ", ext[i].ullSize);
-            kept.push_back(ext[i]);
+            if (ext.get()[i].LunId != m_pLun->Id()) continue;
+            DebugTrace("CLunPlex::QueryExtents() find matched extend, ullSize = 0x%I64x, ", ext.get()[i].ullSize);
+            kept.push_back(ext.get()[i]);
         }
-        CoTaskMemFree(ext);
     }
     if (!kept.empty()) {
         auto* out = static_cast<VDS_DRIVE_EXTENT*>(CoTaskMemAlloc(kept.size() * sizeof(VDS_DRIVE_EXTENT)));
@@ -307,24 +314,30 @@ HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberO
     DebugTrace("CLunPlex::QueryExtents() return S_OK, Extents.size =%d\n", static_cast<int>(kept.size()));
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CLunPlex::QueryHints(VDS_HINTS* pHints) {
+HRESULT CLunPlex::QueryHints(VDS_HINTS* pHints) try {
     if (!pHints) return E_POINTER;
     // The plex has the LUN's hints: one copy of the data.
     return m_pLun ? m_pLun->QueryHints(pHints) : E_UNEXPECTED;
 }
+TROV_CATCH_OOM
 
-HRESULT CLunPlex::ApplyHints(VDS_HINTS* pHints) {
+HRESULT CLunPlex::ApplyHints(VDS_HINTS* pHints) try {
     if (!pHints) return E_POINTER;
     return VDS_E_NOT_SUPPORTED;
 }
+TROV_CATCH_OOM
 
 // ---------------------------------------------------------------------------------------------
 // CLun
 
 CLun::CLun() : CVdsBase(VDS_OT_LUN) {}
 
-CLun::~CLun() { Dispose(); }
+CLun::~CLun() {
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsLun*>(this));
+    Dispose();
+}
 
 HRESULT CLun::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsLun)
@@ -375,7 +388,7 @@ bool CLun::CanOperate() const {
 
 void CLun::Dispose() {
     // During a refresh the plexes stay: the rebuild finds them again by their key texts.
-    if (!isRefreshing.load()) ReleaseMap(m_mapPlexes);
+    if (!isRefreshing.load()) m_mapPlexes.Clear();
     FreeObjectString(m_prop.pwszFriendlyName);
     FreeObjectString(m_prop.pwszIdentification);
     FreeObjectString(m_prop.pwszUnmaskingList);
@@ -385,17 +398,13 @@ void CLun::Dispose() {
 }
 
 void CLun::TearDown() {
-    ReleaseMap(m_mapPlexes);
+    m_mapPlexes.Clear();
     Dispose();
 }
 
 HRESULT CLun::AddPlexToMap(CLunPlex* plex) {
     if (!plex) return E_INVALIDARG;
-    const VDS_OBJECT_ID& id = plex->Prop().id;
-    auto it = m_mapPlexes.find(id);
-    if (it != m_mapPlexes.end()) return S_OK;  // the same plex again, found by its key text
-    static_cast<IVdsLunPlex*>(plex)->AddRef();
-    m_mapPlexes.emplace(id, ObjectEntry{VDS_OT_LUN_PLEX, static_cast<IVdsLunPlex*>(plex)});
+    m_mapPlexes.Enter(plex->Prop().id, VDS_OT_LUN_PLEX, static_cast<IVdsLunPlex*>(plex));
     return S_OK;
 }
 
@@ -412,10 +421,10 @@ void CLun::ReadUnmaskingList(const PartitionData& partition) {
     if (n == 0 && view->defaultLun == partition.lunNumber) list = u"*";
     if (list.size() + 1 > 257) {
         // A list longer than the standard block gets a block of its own size.
+        LPWSTR block = NewObjectBlock(list.size() + 1);
+        std::memcpy(block, list.c_str(), list.size() * sizeof(WCHAR));
         FreeObjectString(m_prop.pwszUnmaskingList);
-        auto* block = new (std::nothrow) WCHAR[list.size() + 1]();
-        if (block) std::memcpy(block, list.c_str(), list.size() * sizeof(WCHAR));
-        m_prop.pwszUnmaskingList = block;  // an object string: FreeObjectString lets go of it
+        m_prop.pwszUnmaskingList = block;
     } else if (m_prop.pwszUnmaskingList) {
         WStrNCpy(m_prop.pwszUnmaskingList, 257, list.c_str());
     }
@@ -424,14 +433,11 @@ void CLun::ReadUnmaskingList(const PartitionData& partition) {
 CLunPlex* CLun::MakePlex(bool second) {
     VDS_OBJECT_ID id{};
     std::u16string key = m_lunSn + (second ? u" Plex2" : u" Plex");
-    CComObject<CLunPlex>* plex = MakeTreeObject<CLunPlex>(m_pProvider, &id, key);
-    if (!plex) return nullptr;
-    static_cast<IVdsLunPlex*>(plex)->AddRef();  // held while it is set up
+    TreePtr<CLunPlex> plex = MakeTreeObject<CLunPlex>(m_pProvider, &id, key);
     bool mirror = m_prop.type == VDS_LT_MIRROR;
     plex->Initialize(&id, m_pProvider, m_pSubSystem, this, mirror, mirror && !second);
     AddPlexToMap(plex);
-    static_cast<IVdsLunPlex*>(plex)->Release();
-    return plex;
+    return plex;  // the plex map holds it
 }
 
 void CLun::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, CController* controller,
@@ -512,42 +518,45 @@ void CLun::DumpMySelf() const {
                static_cast<int>(m_prop.sRebuildPriority));
 }
 
-HRESULT CLun::GetProperties(VDS_LUN_PROP* pLunProp) {
+HRESULT CLun::GetProperties(VDS_LUN_PROP* pLunProp) try {
     if (!pLunProp) return E_POINTER;
     CLockGuard lock("CLun::GetProperties", hNotificationMutex);
     VDS_LUN_PROP p = m_prop;
-    p.pwszFriendlyName = CopyPropString(m_prop.pwszFriendlyName);
-    p.pwszIdentification = p.pwszFriendlyName ? CopyPropString(m_prop.pwszIdentification) : nullptr;
-    p.pwszUnmaskingList = p.pwszIdentification ? WStrDup(m_prop.pwszUnmaskingList ? m_prop.pwszUnmaskingList
-                                                                                   : reinterpret_cast<const WCHAR*>(u""))
-                                               : nullptr;
-    if (!p.pwszFriendlyName || !p.pwszIdentification || !p.pwszUnmaskingList) {
-        CoTaskMemFree(p.pwszFriendlyName);
-        CoTaskMemFree(p.pwszIdentification);
-        CoTaskMemFree(p.pwszUnmaskingList);
+    TaskMem<WCHAR> name(CopyPropString(m_prop.pwszFriendlyName));
+    TaskMem<WCHAR> ident(name ? CopyPropString(m_prop.pwszIdentification) : nullptr);
+    TaskMem<WCHAR> unmask(ident ? WStrDup(m_prop.pwszUnmaskingList ? m_prop.pwszUnmaskingList
+                                                                   : reinterpret_cast<const WCHAR*>(u""))
+                                : nullptr);
+    if (!unmask) {
         DebugTrace("OOP!! CLun::GetProperties() out of memory, line = %d\n", __LINE__);
         return E_OUTOFMEMORY;
     }
     DebugTrace("CLun::GetProperties() print VDS_LUN_PROP:\n");
     DumpMySelf();
+    p.pwszFriendlyName = name.release();
+    p.pwszIdentification = ident.release();
+    p.pwszUnmaskingList = unmask.release();
     *pLunProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::GetSubSystem(IVdsSubSystem** ppSubSystem) {
+HRESULT CLun::GetSubSystem(IVdsSubSystem** ppSubSystem) try {
     if (!ppSubSystem) return E_POINTER;
     CLockGuard lock("CLun::GetSubSystem", hNotificationMutex);
     return HandOutSubSystem(m_pSubSystem, ppSubSystem);
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::QueryPlexes(IEnumVdsObject** ppEnum) {
+HRESULT CLun::QueryPlexes(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CLun::QueryPlexes", hNotificationMutex);
     DebugTrace("m_mapPlexes.size() %d\n", static_cast<int>(m_mapPlexes.size()));
     return QueryObjects(m_pProvider, m_mapPlexes, ppEnum);
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::SetFriendlyName(LPWSTR pwszFriendlyName) {
+HRESULT CLun::SetFriendlyName(LPWSTR pwszFriendlyName) try {
     if (m_isDummy) {
         DebugTrace("CLun::SetFriendlyName(), it is a dummy volume, cann't SetFriendlyName, line %d\n", __LINE__);
         return VDS_E_NOT_SUPPORTED;
@@ -565,14 +574,11 @@ HRESULT CLun::SetFriendlyName(LPWSTR pwszFriendlyName) {
                                  ? std::u16string(m_prop.pwszFriendlyName, WStrLen(m_prop.pwszFriendlyName))
                                  : std::u16string();
     if (name == present) return cut ? VDS_S_NAME_TRUNCATED : S_OK;
-    if (m_pSubSystem) {
-        for (auto& [lid, e] : m_pSubSystem->m_luns) {
-            auto* other = dynamic_cast<CLun*>(e.pObject);
-            if (!other || other == this || !other->m_prop.pwszFriendlyName) continue;
-            if (name == std::u16string(other->m_prop.pwszFriendlyName, WStrLen(other->m_prop.pwszFriendlyName)))
-                return VDS_E_NAME_NOT_UNIQUE;
-        }
-    }
+    if (m_pSubSystem && m_pSubSystem->FindFirst<CLun>([&](CLun* other) {
+            return other != this && other->m_prop.pwszFriendlyName &&
+                   name == std::u16string(other->m_prop.pwszFriendlyName, WStrLen(other->m_prop.pwszFriendlyName));
+        }))
+        return VDS_E_NAME_NOT_UNIQUE;
     std::string narrow = WideToUtf8(name);
     if (Kelvane::set_part_name(m_pController ? m_pController->Handle() : 0, m_partitionSn, narrow.c_str()) != 0) {
         DebugTrace("OOP!!! CLun::SetFriendlyName() set_part_name  return E_POINTER, line %d\n", __LINE__);
@@ -581,48 +587,69 @@ HRESULT CLun::SetFriendlyName(LPWSTR pwszFriendlyName) {
     WStrNCpy(m_prop.pwszFriendlyName, 257, name.c_str());
     return cut ? VDS_S_NAME_TRUNCATED : S_OK;
 }
+TROV_CATCH_OOM
 
 HRESULT CLun::NotSupported(const char* method) {
     DebugTrace("%s() returning VDS_E_NOT_SUPPORTED\n", method);
     return VDS_E_NOT_SUPPORTED;
 }
 
-HRESULT CLun::AddPlex(VDS_OBJECT_ID, IVdsAsync** ppAsync) {
+HRESULT CLun::AddPlex(VDS_OBJECT_ID, IVdsAsync** ppAsync) try {
     *ppAsync = nullptr;
     return NotSupported("CLun::AddPlex");
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::RemovePlex(VDS_OBJECT_ID, IVdsAsync** ppAsync) {
+HRESULT CLun::RemovePlex(VDS_OBJECT_ID, IVdsAsync** ppAsync) try {
     *ppAsync = nullptr;
     return NotSupported("CLun::RemovePlex");
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::Recover(IVdsAsync** ppAsync) {
+HRESULT CLun::Recover(IVdsAsync** ppAsync) try {
     if (!ppAsync) return E_POINTER;
     *ppAsync = nullptr;
     return NotSupported("CLun::Recover");
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::AssociateControllers(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) {
+HRESULT CLun::AssociateControllers(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try {
     return NotSupported("CLun::AssociateControllers");
 }
+TROV_CATCH_OOM
 
-HRESULT CLun::SetStatus(VDS_LUN_STATUS) { return NotSupported("CLun::SetStatus"); }
+HRESULT CLun::SetStatus(VDS_LUN_STATUS) try { return NotSupported("CLun::SetStatus"); }
+TROV_CATCH_OOM
 
 // Provisioning, masking, hints, identification and paths are later work of this provider: until
 // then these answer that they are not implemented, never a false success.
-HRESULT CLun::GetIdentificationData(VDS_LUN_INFORMATION*) { return E_NOTIMPL; }
-HRESULT CLun::QueryActiveControllers(IEnumVdsObject**) { return E_NOTIMPL; }
-HRESULT CLun::Extend(ULONGLONG, VDS_OBJECT_ID*, LONG, IVdsAsync**) { return E_NOTIMPL; }
-HRESULT CLun::Shrink(ULONGLONG, IVdsAsync**) { return E_NOTIMPL; }
-HRESULT CLun::SetMask(LPWSTR) { return E_NOTIMPL; }
-HRESULT CLun::Delete() { return E_NOTIMPL; }
-HRESULT CLun::QueryHints(VDS_HINTS*) { return E_NOTIMPL; }
-HRESULT CLun::ApplyHints(VDS_HINTS*) { return E_NOTIMPL; }
-HRESULT CLun::QueryMaxLunExtendSize(VDS_OBJECT_ID*, LONG, ULONGLONG*) { return E_NOTIMPL; }
-HRESULT CLun::QueryHints2(VDS_HINTS2*) { return E_NOTIMPL; }
-HRESULT CLun::ApplyHints2(VDS_HINTS2*) { return E_NOTIMPL; }
-HRESULT CLun::AssociateTargets(VDS_OBJECT_ID*, LONG) { return E_NOTIMPL; }
-HRESULT CLun::QueryAssociatedTargets(IEnumVdsObject**) { return E_NOTIMPL; }
-HRESULT CLun::AssociateControllerPorts(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) { return E_NOTIMPL; }
-HRESULT CLun::QueryActiveControllerPorts(IEnumVdsObject**) { return E_NOTIMPL; }
+HRESULT CLun::GetIdentificationData(VDS_LUN_INFORMATION*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryActiveControllers(IEnumVdsObject**) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::Extend(ULONGLONG, VDS_OBJECT_ID*, LONG, IVdsAsync**) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::Shrink(ULONGLONG, IVdsAsync**) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::SetMask(LPWSTR) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::Delete() try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryHints(VDS_HINTS*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::ApplyHints(VDS_HINTS*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryMaxLunExtendSize(VDS_OBJECT_ID*, LONG, ULONGLONG*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::ApplyHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::AssociateTargets(VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryAssociatedTargets(IEnumVdsObject**) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::AssociateControllerPorts(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
+TROV_CATCH_OOM
+HRESULT CLun::QueryActiveControllerPorts(IEnumVdsObject**) try { return E_NOTIMPL; }
+TROV_CATCH_OOM

@@ -41,8 +41,9 @@ std::string DiskSnFromPartitionSnOld(const uint8_t* partSn);
 
 // The process-wide generated names: "VDS_VDISK_%d", "VDS_LUN_%d", "VDS_SP_LUN_%d", ... The list
 // is filled from the array on first use and never cleared; the callers hold the notification
-// mutex. With `nameToForget` the name leaves the list and the result is null.
-const char* NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialType, const char* nameToForget = nullptr);
+// mutex. With `nameToForget` the name leaves the list and the result is empty.
+std::string NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialType,
+                    const char* nameToForget = nullptr);
 void ResetNewNamesForTest();
 
 class CLunPlex : public CComObjectRootEx, public CVdsBase, public IVdsLunPlex {
@@ -137,6 +138,7 @@ public:
                     const ArrayData* array, const PartitionData* partition);
     void Dispose();
     void TearDown() override;
+    // Enters a plex in the plex map; the same plex again (found by its key text) is kept once.
     HRESULT AddPlexToMap(CLunPlex* plex);
     void DumpMySelf() const;
     // Whether a change may be asked of the LUN in its present state.
@@ -162,15 +164,15 @@ public:
     uint32_t UnitNumber() const { return m_unitNumber; }
     uint32_t PercentOfVdisk() const { return m_percentOfVdisk; }
     const uint8_t* PartitionSerial() const { return m_partitionSn; }
+    // The LUN's key text (KeyText), from which its plexes' key texts are made.
+    const std::u16string& SerialText() const { return m_lunSn; }
     const uint8_t* CacheParamBytes() const { return m_cacheParams; }
     // An empty unmasking list: no host may see the LUN.
     bool HasUnmaskingList() const { return m_prop.pwszUnmaskingList && m_prop.pwszUnmaskingList[0] != 0; }
     CSubSystem* SubSystem() const { return m_pSubSystem; }
     CController* Controller() const { return m_pController; }
-    const ObjectMap& Plexes() const { return m_mapPlexes; }
 
 private:
-    friend class CLunPlex;
     void ReadUnmaskingList(const PartitionData& partition);
     CLunPlex* MakePlex(bool second);
     HRESULT NotSupported(const char* method);
@@ -178,7 +180,7 @@ private:
     CProvider* m_pProvider = nullptr;        // counted
     CSubSystem* m_pSubSystem = nullptr;      // counted
     CController* m_pController = nullptr;    // counted
-    ObjectMap m_mapPlexes;                   // counted entries
+    OwningMap m_mapPlexes;
     VDS_LUN_PROP m_prop{};
     std::u16string m_lunSn;
     uint32_t m_percentOfVdisk = 100;

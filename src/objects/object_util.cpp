@@ -13,9 +13,10 @@ constexpr size_t kPropStringChars = 256;    // 512 bytes
 constexpr size_t kPropStringMaxText = 254;
 }  // namespace
 
+LPWSTR NewObjectBlock(size_t chars) { return new WCHAR[chars](); }
+
 LPWSTR NewObjectString(const std::u16string& text) {
-    auto* s = new (std::nothrow) WCHAR[kObjectStringChars]();
-    if (!s) return nullptr;
+    WCHAR* s = NewObjectBlock(kObjectStringChars);
     size_t n = std::min(text.size(), kObjectStringChars - 1);
     std::memcpy(s, text.data(), n * sizeof(WCHAR));
     return s;
@@ -68,12 +69,7 @@ std::string TrimRight(std::string s) {
     return s;
 }
 
-void ReleaseMap(ObjectMap& map) {
-    ObjectMap old;
-    old.swap(map);  // a release may reach code that walks the map
-    for (auto& [id, e] : old)
-        if (e.pObject) e.pObject->Release();
-}
+std::unique_ptr<uint8_t[]> NewRecordBuffer() { return std::unique_ptr<uint8_t[]>(new uint8_t[rec::kControllerDataSize]); }
 
 std::string HexBytes(const uint8_t* p, size_t n, const char* sep) {
     std::string out;

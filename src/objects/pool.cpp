@@ -7,6 +7,7 @@
 #include "core/globals.h"
 #include "core/lock_guard.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
 #include "objects/lun.h"
@@ -118,6 +119,7 @@ CPool::CPool() : CVdsBase(VDS_OT_STORAGE_POOL) {}
 
 CPool::~CPool() {
     CLockGuard lock("CPool::~CPool", hNotificationMutex);
+    if (m_pProv) m_pProv->DropObject(m_prop.id, static_cast<IVdsStoragePool*>(this));
     Dispose();
 }
 
@@ -175,21 +177,20 @@ void CPool::InitPrimordialPool(uint8_t driveClass) {
     m_driveClass = driveClass;
     const char* label = DriveClassLabel(driveClass);
     SetString(m_prop.pwszName, AsciiToWide(label) + u" Primordial Pool");
-    SetString(m_prop.pwszDescription, PrimordialKey(driveClass, m_pSub->m_SysName));
+    SetString(m_prop.pwszDescription, PrimordialKey(driveClass, m_pSub->SysName()));
     // Constant for a primordial pool, whatever the drives' state.
     m_prop.status = VDS_SPS_ONLINE;
     m_prop.health = VDS_H_HEALTHY;
     m_prop.type = VDS_SPT_PRIMORDIAL;
     uint32_t count = 0;
     uint64_t total = 0, available = 0, smallest = 0;
-    for (auto& [did, e] : m_pSub->m_drives) {
-        auto* d = dynamic_cast<CDrive*>(e.pObject);
-        if (!d || DriveClassOf(d->DriveType()) != driveClass) continue;
+    m_pSub->ForEach<CDrive>([&](CDrive* d) {
+        if (DriveClassOf(d->DriveType()) != driveClass) return;
         ++count;
         total += d->Size();
         if (d->Size() != 0 && (smallest == 0 || d->Size() < smallest)) smallest = d->Size();
         if (d->IsFree() && !(d->Flags() & VDS_DRF_HOTSPARE) && d->Health() == VDS_H_HEALTHY) available += d->Size();
-    }
+    });
     DebugTrace("%d drives, min=%.1fgb total=%.1fgb avail=%.1fgb\n", static_cast<int>(count), smallest / kGiB,
                total / kGiB, available / kGiB);
     m_prop.ullTotalConsumedSpace = total;
@@ -204,7 +205,7 @@ void CPool::InitVdiskPool(const ArrayData& vdisk) {
     m_vdisk = vdisk;
     std::u16string name = Narrowed32(vdisk.name, sizeof vdisk.name);
     SetString(m_prop.pwszName, u"Vdisk " + name);
-    SetString(m_prop.pwszDescription, VdiskKey(vdisk, m_pSub->m_SysName));
+    SetString(m_prop.pwszDescription, VdiskKey(vdisk, m_pSub->SysName()));
     VdiskPoolState(vdisk.health, vdisk.utilityRunning, vdisk.raidLevel, &m_prop.status, &m_prop.health);
     m_prop.type = VDS_SPT_CONCRETE;
     m_prop.ullTotalManagedSpace = vdisk.blockCapacity.value() * 512;
@@ -239,7 +240,7 @@ void CPool::Dump() const {
                m_attr.ulStripeSize, m_attr.ulStripeSizeMax, m_attr.ulStripeSizeMin, m_attr.ulDefaultStripeSize);
 }
 
-HRESULT CPool::GetProvider(IVdsProvider** ppProvider) {
+HRESULT CPool::GetProvider(IVdsProvider** ppProvider) try {
     if (!ppProvider) {
         DebugTrace("CSubSystem::GetProvider ppProvider == NULL, returning E_POINTER, line %d\n", __LINE__);
         return E_POINTER;
@@ -249,28 +250,35 @@ HRESULT CPool::GetProvider(IVdsProvider** ppProvider) {
     (*ppProvider)->AddRef();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CPool::GetProperties(VDS_STORAGE_POOL_PROP* pStoragePoolProp) {
+HRESULT CPool::GetProperties(VDS_STORAGE_POOL_PROP* pStoragePoolProp) try {
     if (!pStoragePoolProp) return E_POINTER;
     CLockGuard lock("CPool::GetProperties", hNotificationMutex);
     VDS_STORAGE_POOL_PROP p = m_prop;
     HRESULT hr = CopyPropStrings(m_prop.pwszName, m_prop.pwszDescription, &p.pwszName, &p.pwszDescription);
     if (FAILED(hr)) return hr;
+    TaskMem<WCHAR> name(p.pwszName), description(p.pwszDescription);
     DebugTrace("CPool::GetProperties() print VDS_STORAGE_POOL_PROP:\n");
     Dump();
+    name.release();
+    description.release();
     *pStoragePoolProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CPool::GetAttributes(VDS_POOL_ATTRIBUTES* pStoragePoolAttributes) {
+HRESULT CPool::GetAttributes(VDS_POOL_ATTRIBUTES* pStoragePoolAttributes) try {
     if (!pStoragePoolAttributes) return E_POINTER;
     VDS_POOL_ATTRIBUTES a = m_attr;
-    a.pwszIntendedUsage = CopyPropString(m_attr.pwszIntendedUsage);
-    if (m_attr.pwszIntendedUsage && !a.pwszIntendedUsage) return E_OUTOFMEMORY;
+    TaskMem<WCHAR> usage(CopyPropString(m_attr.pwszIntendedUsage));
+    if (m_attr.pwszIntendedUsage && !usage) return E_OUTOFMEMORY;
     Dump();
+    a.pwszIntendedUsage = usage.release();
     *pStoragePoolAttributes = a;
     return S_OK;
 }
+TROV_CATCH_OOM
 
 bool CPool::HoldsDrive(const CDrive& d) const {
     if (m_prop.type == VDS_SPT_PRIMORDIAL) return DriveClassOf(d.DriveType()) == m_driveClass;
@@ -278,20 +286,19 @@ bool CPool::HoldsDrive(const CDrive& d) const {
     return false;
 }
 
-HRESULT CPool::QueryDriveExtents(VDS_STORAGE_POOL_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) {
+HRESULT CPool::QueryDriveExtents(VDS_STORAGE_POOL_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) try {
     if (!ppExtentArray || !plNumberOfExtents) return E_POINTER;
     CLockGuard lock("CPool::QueryDriveExtents", hNotificationMutex);
     std::vector<VDS_STORAGE_POOL_DRIVE_EXTENT> ext;
     if (m_pSub) {
-        for (auto& [did, e] : m_pSub->m_drives) {
-            auto* d = dynamic_cast<CDrive*>(e.pObject);
-            if (!d || !HoldsDrive(*d)) continue;
+        m_pSub->ForEach<CDrive>([&](CDrive* d) {
+            if (!HoldsDrive(*d)) return;
             VDS_STORAGE_POOL_DRIVE_EXTENT x{};
             x.id = d->Id();
             x.ullSize = d->Size();
             x.bUsed = d->IsFree() && !(d->Flags() & VDS_DRF_HOTSPARE) ? FALSE : TRUE;
             ext.push_back(x);
-        }
+        });
     }
     *ppExtentArray = nullptr;
     *plNumberOfExtents = 0;
@@ -304,47 +311,48 @@ HRESULT CPool::QueryDriveExtents(VDS_STORAGE_POOL_DRIVE_EXTENT** ppExtentArray, 
     *plNumberOfExtents = static_cast<LONG>(ext.size());
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CPool::QueryAllocatedLuns(IEnumVdsObject** ppEnum) {
+HRESULT CPool::QueryAllocatedLuns(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CPool::QueryAllocatedLuns", hNotificationMutex);
-    CComObject<CEnumerator>* out = CEnumerator::Create();
+    CComPtr<CComObject<CEnumerator>> out;
+    out.Attach(CEnumerator::Create());
     if (!out) return E_OUTOFMEMORY;
     if (m_pSub) {
-        for (auto& [lid, e] : m_pSub->m_luns) {
-            auto* lun = dynamic_cast<CLun*>(e.pObject);
-            if (!lun) continue;
+        m_pSub->ForEach<CLun>([&](CLun* lun) {
             DebugTrace("Checking SN for LUN %S\n", lun->Prop().pwszFriendlyName);
-            if (std::memcmp(lun->ArraySerial(), m_vdisk.serialNumber, sizeof m_vdisk.serialNumber) != 0) continue;
+            if (std::memcmp(lun->ArraySerial(), m_vdisk.serialNumber, sizeof m_vdisk.serialNumber) != 0) return;
             DebugTrace("LUN %S matches\n", lun->Prop().pwszFriendlyName);
-            out->Append(e.pObject);
-        }
+            out->Append(static_cast<IVdsLun*>(lun));
+        });
     }
     out->Reset();
-    *ppEnum = out;
+    *ppEnum = out.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CPool::QueryAllocatedStoragePools(IEnumVdsObject** ppEnum) {
+HRESULT CPool::QueryAllocatedStoragePools(IEnumVdsObject** ppEnum) try {
     if (!ppEnum) return E_POINTER;
     CLockGuard lock("CPool::QueryAllocatedStoragePools", hNotificationMutex);
     if (!m_pProv) return E_UNEXPECTED;
     // Every pool of the provider, this one included: no filter by parent.
     HRESULT hr = QueryObjects(m_pProv, m_pProv->PoolMap(), ppEnum);
     if (FAILED(hr)) return hr;
-    for (auto& [pid, e] : m_pProv->PoolMap())
-        if (auto* p = dynamic_cast<CPool*>(e.pObject)) DebugTrace("  Returning pool \"%S\"\n", p->m_prop.pwszName);
+    for (const auto& [pid, e] : m_pProv->PoolMap())
+        if (auto* p = e.As<CPool>()) DebugTrace("  Returning pool \"%S\"\n", p->m_prop.pwszName);
     (*ppEnum)->Reset();
     return S_OK;
 }
+TROV_CATCH_OOM
 
 void CPool::DriveIds(std::vector<VDS_OBJECT_ID>* ids, bool skipSpares, bool onlyFree) const {
     ids->clear();
     int spares = 0, unfit = 0;
     if (m_pSub) {
-        for (auto& [did, e] : m_pSub->m_drives) {
-            auto* d = dynamic_cast<CDrive*>(e.pObject);
-            if (!d || !HoldsDrive(*d)) continue;
+        m_pSub->ForEach<CDrive>([&](CDrive* d) {
+            if (!HoldsDrive(*d)) return;
             bool spare = d->HowUsed() == TROV_HOWUSED_POOL_SPARE;
             if (m_prop.type == VDS_SPT_PRIMORDIAL) {
                 if (spare && skipSpares) {
@@ -360,7 +368,7 @@ void CPool::DriveIds(std::vector<VDS_OBJECT_ID>* ids, bool skipSpares, bool only
             } else {
                 ids->push_back(d->Id());
             }
-        }
+        });
     }
     if (skipSpares || onlyFree)
         DebugTrace("CPool::DriveIds returning %d drives (skipped %d spares, %d assigned or unhealthy drives)\n",

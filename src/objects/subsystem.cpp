@@ -5,9 +5,13 @@
 
 #include "core/globals.h"
 #include "core/lock_guard.h"
+#include "core/monitor.h"
 #include "core/provider.h"
+#include "objects/boundary.h"
 #include "objects/controller.h"
 #include "objects/drive.h"
+#include "objects/iscsi.h"
+#include "objects/lun.h"
 #include "objects/enumerator.h"
 #include "objects/pool.h"
 #include "objects/object_util.h"
@@ -32,7 +36,11 @@ std::string SerialText(const SubsystemEntry& e) { return FieldText(e.UniqueSN, s
 
 CSubSystem::CSubSystem() : CVdsBase(VDS_OT_SUB_SYSTEM) {}
 
-CSubSystem::~CSubSystem() { Dispose(); }
+CSubSystem::~CSubSystem() {
+    ForgetLastEvents(m_prop.id);
+    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsSubSystem*>(this));
+    Dispose();
+}
 
 HRESULT CSubSystem::InternalQueryInterface(REFIID riid, void** ppv) {
     if (riid == IID_IUnknown || riid == IID_IVdsSubSystem)
@@ -53,13 +61,17 @@ std::u16string CSubSystem::KeyText(const SubsystemEntry& entry) {
     return AsciiToWide(("Sub " + sn + " " + sn).c_str());
 }
 
+void CSubSystem::ReleaseMaps() {
+    m_controllers.Clear();
+    m_drives.Clear();
+    m_luns.Clear();
+    m_portals.Clear();
+    m_targets.Clear();
+    m_portalGroups.Clear();
+}
+
 void CSubSystem::Dispose() {
-    ReleaseMap(m_controllers);
-    ReleaseMap(m_drives);
-    ReleaseMap(m_luns);
-    ReleaseMap(m_portals);
-    ReleaseMap(m_targets);
-    ReleaseMap(m_portalGroups);
+    ReleaseMaps();
     FreeObjectString(m_prop.pwszFriendlyName);
     FreeObjectString(m_prop.pwszIdentification);
     if (m_pProvider) {
@@ -85,7 +97,6 @@ HRESULT CSubSystem::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, con
     m_prop.id = *id;
     m_prop.pwszFriendlyName = NewObjectString(u"");
     m_prop.pwszIdentification = NewObjectString(u"");
-    if (!m_prop.pwszFriendlyName || !m_prop.pwszIdentification) return E_OUTOFMEMORY;
     m_prop.ulFlags = kSubsystemFlags;
     m_prop.ulStripeSizeFlags = kStripeSizeFlags;
     m_prop.status = VDS_SSS_ONLINE;
@@ -106,21 +117,20 @@ HRESULT CSubSystem::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, con
     m_allowedDriveType = 0;
     uint32_t handle = m_entry.controllerA ? m_entry.controllerA : m_entry.controllerB;
     if (handle) {
-        std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
-        if (buf && Kelvane::get_controller_data(handle, buf.get()) == 0)
+        std::unique_ptr<uint8_t[]> buf = NewRecordBuffer();
+        if (Kelvane::get_controller_data(handle, buf.get()) == 0)
             m_allowedDriveType = reinterpret_cast<const ControllerData*>(buf.get())->allowedDriveType();
     }
 
     provider->RememberObject(*id, KeyText(entry), this, static_cast<IVdsSubSystem*>(this));
 
-    if (!m_lastEventsSet) {
-        std::memset(m_lastEvent, 0, sizeof m_lastEvent);
-        m_lastEventsSet = true;
-    }
+    // The monitor's starting point: each controller's newest event, unless the record kept from an
+    // earlier load of this subsystem already has one. Events from before the load are not told.
+    LastEvents& last = LastEventsOf(*id);
     const uint32_t handles[2] = {m_entry.controllerA, m_entry.controllerB};
     for (int i = 0; i < 2; ++i) {
-        if (m_lastEvent[i].sequenceNumber != 0 || handles[i] == 0) continue;
-        if (Kelvane::get_event(handles[i], 0, 1, 0, &m_lastEvent[i]) != 0)
+        if (last.controller[i].sequenceNumber != 0 || handles[i] == 0) continue;
+        if (Kelvane::get_event(handles[i], 0, 1, 0, &last.controller[i]) != 0)
             DebugTrace(i == 0 ? "OOP!!! CSubSystem::Initialize() Controller A Last Event failed! \n"
                               : "OOP!!! CSubSystem::Initialize() Controller B Last Event failed! \n");
     }
@@ -129,19 +139,53 @@ HRESULT CSubSystem::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, con
 
 void CSubSystem::AddPrimordialPools() {
     bool present[8] = {};
-    for (auto& [id, e] : m_drives)
-        if (auto* d = dynamic_cast<CDrive*>(e.pObject)) present[DriveClassOf(d->DriveType())] = true;
+    ForEach<CDrive>([&](CDrive* d) { present[DriveClassOf(d->DriveType())] = true; });
     // SATA, SAS, SSD in this order; never one for FC or an unknown class.
     for (uint8_t cls : {kClassSata, kClassSas, kClassSsd}) {
         if (!present[cls]) continue;
         VDS_OBJECT_ID id{};
-        CComObject<CPool>* pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::PrimordialKey(cls, m_SysName));
-        if (!pool) continue;
-        static_cast<IVdsStoragePool*>(pool)->AddRef();
+        TreePtr<CPool> pool = MakeTreeObject<CPool>(m_pProvider, &id, CPool::PrimordialKey(cls, m_SysName));
         pool->Initialize(&id, m_pProvider, this, nullptr, cls);
-        EnterInMap(m_pProvider->PoolMap(), id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
+        m_pProvider->EnterPool(id, pool);
     }
 }
+
+void CSubSystem::RecordControllerFacts(const ControllerData& cd, const std::u16string& systemName,
+                                       const std::u16string& longName) {
+    const ControllerSection& cs = cd.controller;
+    m_portCount = static_cast<uint16_t>(m_portCount + (cs.numDiskChannels & 0xFFFF) + (cs.numPorts & 0xFFFF));
+    m_maxSlots = cd.diskPort(0).maxDevices;
+    if (cd.enclosureCount > m_enclosureCount) m_enclosureCount = cd.enclosureCount;
+    m_enclosureDrives = cd.enclosure(0).numDrives;
+    m_SysName = systemName;
+    if (m_identString.empty()) m_identString = longName;
+}
+
+bool CSubSystem::FirstViewOfDrive(uint16_t channel, uint16_t scsiId) {
+    std::pair<uint16_t, uint16_t> pair{channel, scsiId};
+    for (const auto& p : m_driveSeen)
+        if (p == pair) return false;
+    m_driveSeen.push_back(pair);
+    return true;
+}
+
+void CSubSystem::EnterDrive(const VDS_OBJECT_ID& id, CDrive* drive) {
+    m_drives.Enter(id, VDS_OT_DRIVE, static_cast<IVdsDrive*>(drive));
+}
+void CSubSystem::EnterLun(const VDS_OBJECT_ID& id, CLun* lun) {
+    m_luns.Enter(id, VDS_OT_LUN, static_cast<IVdsLun*>(lun));
+}
+void CSubSystem::EnterTarget(const VDS_OBJECT_ID& id, CIscsiTarget* target) {
+    m_targets.Enter(id, VDS_OT_TARGET, static_cast<IVdsIscsiTarget*>(target));
+}
+void CSubSystem::EnterPortal(const VDS_OBJECT_ID& id, CIscsiPortal* portal) {
+    m_portals.Enter(id, VDS_OT_PORTAL, static_cast<IVdsIscsiPortal*>(portal));
+}
+void CSubSystem::EnterPortalGroup(const VDS_OBJECT_ID& id, CIscsiPortalGroup* group) {
+    m_portalGroups.Enter(id, VDS_OT_PORTAL_GROUP, static_cast<IVdsIscsiPortalGroup*>(group));
+}
+
+HRESULT CSubSystem::EnumeratePortalGroups(IEnumVdsObject** ppEnum) { return EnumerateMap(m_portalGroups, ppEnum); }
 
 HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
     m_driveSeen.clear();
@@ -151,8 +195,8 @@ HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
         (i == 0 ? m_handleA : m_handleB) = handle;
         if (handle == 0) continue;
         // 2.5 MB: read whole, kept only for this controller's turn.
-        std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[rec::kControllerDataSize]);
-        if (!buf || Kelvane::get_controller_data(handle, buf.get()) != 0) {
+        std::unique_ptr<uint8_t[]> buf = NewRecordBuffer();
+        if (Kelvane::get_controller_data(handle, buf.get()) != 0) {
             DebugTrace("OOP!!! CSubSystem::FillCtrlDriveLunList get_controller_data return VDS_E_INTERNAL_ERROR, "
                        "line %d\n",
                        __LINE__);
@@ -165,11 +209,9 @@ HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
         if (cd->dualPortUlp()) b_SupportULP = 1;
         m_hostBusType = cd->port(0).busType;
         std::u16string name = WidenField(cd->controller.controllerIdent, sizeof cd->controller.controllerIdent);
-        CComObject<CController>* ctrl = MakeTreeObject<CController>(m_pProvider, &id, name);
-        if (!ctrl) return E_OUTOFMEMORY;
-        ctrl->AddRef();
+        TreePtr<CController> ctrl = MakeTreeObject<CController>(m_pProvider, &id, name);
         ctrl->Initialize(&id, m_pProvider, this, handle, cd);
-        EnterInMap(m_controllers, id, VDS_OT_CONTROLLER, static_cast<IVdsController*>(ctrl));
+        m_controllers.Enter(id, VDS_OT_CONTROLLER, static_cast<IVdsController*>(ctrl.get()));
     }
     DebugTrace("number of Controllers: %d\n", static_cast<int>(m_controllers.size()));
     DebugTrace("number of Luns: %d\n", static_cast<int>(m_luns.size()));
@@ -177,7 +219,7 @@ HRESULT CSubSystem::FillCtrlDriveLunList(const SubsystemEntry& entry) {
     return 0;
 }
 
-HRESULT CSubSystem::GetProperties(VDS_SUB_SYSTEM_PROP* pSubSystemProp) {
+HRESULT CSubSystem::GetProperties(VDS_SUB_SYSTEM_PROP* pSubSystemProp) try {
     if (!pSubSystemProp) return E_POINTER;
     CLockGuard lock("CSubSystem::GetProperties", hNotificationMutex);
     VDS_SUB_SYSTEM_PROP p = m_prop;
@@ -187,8 +229,9 @@ HRESULT CSubSystem::GetProperties(VDS_SUB_SYSTEM_PROP* pSubSystemProp) {
     *pSubSystemProp = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::GetProperties2(VDS_SUB_SYSTEM_PROP2* pSubSystemProp2) {
+HRESULT CSubSystem::GetProperties2(VDS_SUB_SYSTEM_PROP2* pSubSystemProp2) try {
     if (!pSubSystemProp2) return E_POINTER;
     CLockGuard lock("CSubSystem::GetProperties2", hNotificationMutex);
     VDS_SUB_SYSTEM_PROP2 p{};
@@ -209,20 +252,22 @@ HRESULT CSubSystem::GetProperties2(VDS_SUB_SYSTEM_PROP2* pSubSystemProp2) {
     *pSubSystemProp2 = p;
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::GetProvider(IVdsProvider** ppProvider) {
+HRESULT CSubSystem::GetProvider(IVdsProvider** ppProvider) try {
     if (!ppProvider) return E_POINTER;
     if (!m_pProvider) return E_UNEXPECTED;
     *ppProvider = static_cast<IVdsProvider*>(m_pProvider);
     (*ppProvider)->AddRef();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::EnumerateMap(const ObjectMap& map, IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::EnumerateMap(const OwningMap& map, IEnumVdsObject** ppEnum) {
     return QueryObjects(m_pProvider, map, ppEnum);
 }
 
-HRESULT CSubSystem::QueryControllers(IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::QueryControllers(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CSubSystem::QueryControllers", hNotificationMutex);
     if (allowQueryRefresh.load() && m_pProvider) m_pProvider->Refreshable();
     if (!ppEnum) {
@@ -231,8 +276,9 @@ HRESULT CSubSystem::QueryControllers(IEnumVdsObject** ppEnum) {
     }
     return EnumerateMap(m_controllers, ppEnum);
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::QueryLuns(IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::QueryLuns(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CSubSystem::QueryLuns", hNotificationMutex);
     if (m_pProvider) m_pProvider->Refreshable();
     if (!ppEnum) {
@@ -241,66 +287,74 @@ HRESULT CSubSystem::QueryLuns(IEnumVdsObject** ppEnum) {
     }
     return EnumerateMap(m_luns, ppEnum);
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::QueryDrives(IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::QueryDrives(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CSubSystem::QueryDrives", hNotificationMutex);
     if (m_pProvider) m_pProvider->Refreshable();
     if (!ppEnum) {
         DebugTrace("OOP!!! CSubSystem::QueryDrives ppEnum == NULL return E_POINTER, line %d\n", __LINE__);
         return E_POINTER;
     }
-    HRESULT hr = EnumerateMap(m_drives, ppEnum);
+    CComPtr<IEnumVdsObject> drives;
+    HRESULT hr = EnumerateMap(m_drives, &drives);
     if (FAILED(hr)) return hr;
     IUnknown* unk = nullptr;
     ULONG fetched = 0;
-    while ((*ppEnum)->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
-        if (auto* d = dynamic_cast<CDrive*>(unk))
-            DebugTrace("CSubSystem::QueryDrives() drive %S\n", d->FriendlyName());
-        unk->Release();
+    while (drives->Next(1, &unk, &fetched) == S_OK && fetched == 1) {
+        CComPtr<IUnknown> drive;
+        drive.Attach(unk);
+        if (auto* d = dynamic_cast<CDrive*>(unk)) DebugTrace("CSubSystem::QueryDrives() drive %S\n", d->FriendlyName());
     }
-    (*ppEnum)->Reset();
+    drives->Reset();
+    *ppEnum = drives.Detach();
     return S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::QueryTargets(IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::QueryTargets(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CSubSystem::QueryTargets", hNotificationMutex);
     if (!ppEnum) return E_POINTER;
     return EnumerateMap(m_targets, ppEnum);
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::QueryPortals(IEnumVdsObject** ppEnum) {
+HRESULT CSubSystem::QueryPortals(IEnumVdsObject** ppEnum) try {
     CLockGuard lock("CSubSystem::QueryPortals", hNotificationMutex);
     if (!ppEnum) return E_POINTER;
     return EnumerateMap(m_portals, ppEnum);
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::GetDrive(SHORT sBusNumber, SHORT sSlotNumber, IVdsDrive** ppDrive) {
+HRESULT CSubSystem::GetDrive(SHORT sBusNumber, SHORT sSlotNumber, IVdsDrive** ppDrive) try {
     if (!ppDrive) {
         DebugTrace("OOP!!! CSubSystem::QueryDrives ppDrive == NULL return E_POINTER, line %d\n", __LINE__);
         return E_POINTER;
     }
     CLockGuard lock("CSubSystem::GetDrive", hNotificationMutex);
-    for (auto& [id, e] : m_drives) {
-        auto* d = dynamic_cast<CDrive*>(e.pObject);
-        if (d && static_cast<int>(d->EnclosureNumber()) == sBusNumber && d->SlotNumber() == sSlotNumber) {
-            *ppDrive = static_cast<IVdsDrive*>(d);
-            (*ppDrive)->AddRef();
-            return S_OK;
-        }
+    CDrive* d = FindFirst<CDrive>([&](CDrive* x) {
+        return static_cast<int>(x->EnclosureNumber()) == sBusNumber && x->SlotNumber() == sSlotNumber;
+    });
+    if (d) {
+        *ppDrive = static_cast<IVdsDrive*>(d);
+        (*ppDrive)->AddRef();
+        return S_OK;
     }
     DebugTrace("BUGBUGBUG!!! CSubSystem::GetDrive() return VDS_E_OBJECT_NOT_FOUND %d.%d\n", sBusNumber, sSlotNumber);
     return VDS_E_OBJECT_NOT_FOUND;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::GetDrive2(SHORT sBusNumber, SHORT sSlotNumber, ULONG, IVdsDrive** ppDrive) {
+HRESULT CSubSystem::GetDrive2(SHORT sBusNumber, SHORT sSlotNumber, ULONG, IVdsDrive** ppDrive) try {
     // The bus already is the enclosure: the enclosure number adds nothing.
     return GetDrive(sBusNumber, sSlotNumber, ppDrive);
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::Reenumerate() {
+HRESULT CSubSystem::Reenumerate() try {
     if (isRefreshing.load()) return S_OK;
     CLockGuard lock("CSubSystem::Reenumerate", hNotificationMutex);
-    isRefreshing = 1;
+    RefreshingScope refreshing;
     if (Options.load() & kOptionRescanOnReenumerate) {
         for (uint32_t handle : {m_entry.controllerA, m_entry.controllerB}) {
             if (!handle) continue;
@@ -308,18 +362,21 @@ HRESULT CSubSystem::Reenumerate() {
             Plat()->Sleep(kRescanPauseMs);
         }
     }
-    ReleaseMap(m_controllers);
-    ReleaseMap(m_drives);
-    ReleaseMap(m_luns);
-    ReleaseMap(m_targets);
-    ReleaseMap(m_portals);
-    ReleaseMap(m_portalGroups);
-    HRESULT rc = FillCtrlDriveLunList(m_entry);
-    isRefreshing = 0;
+    ReleaseMaps();
+    HRESULT rc;
+    try {
+        rc = FillCtrlDriveLunList(m_entry);
+    } catch (...) {
+        // A fill cut short by a failed allocation leaves part of the tree: the next query builds
+        // it again.
+        if (m_pProvider) m_pProvider->SetNeedRefresh(true);
+        throw;
+    }
     return rc != 0 ? VDS_E_INTERNAL_ERROR : S_OK;
 }
+TROV_CATCH_OOM
 
-HRESULT CSubSystem::SetFriendlyName(LPWSTR pwszFriendlyName) {
+HRESULT CSubSystem::SetFriendlyName(LPWSTR pwszFriendlyName) try {
     if (!pwszFriendlyName) return E_POINTER;
     if (m_prop.pwszFriendlyName && WStrCmp(pwszFriendlyName, m_prop.pwszFriendlyName) == 0) return S_OK;
     std::u16string name(pwszFriendlyName, WStrLen(pwszFriendlyName));
@@ -330,15 +387,16 @@ HRESULT CSubSystem::SetFriendlyName(LPWSTR pwszFriendlyName) {
     }
     CLockGuard lock("CSubSystem::SetFriendlyName", hNotificationMutex);
     if (m_pProvider) {
-        for (auto& [id, e] : m_pProvider->SubSystemMap()) {
-            auto* other = dynamic_cast<CSubSystem*>(e.pObject);
+        for (const auto& [id, e] : m_pProvider->SubSystemMap()) {
+            auto* other = e.As<CSubSystem>();
             if (!other) continue;
             VDS_SUB_SYSTEM_PROP p{};
-            if (FAILED(other->GetProperties(&p))) continue;
-            bool same = p.pwszFriendlyName && name == std::u16string(p.pwszFriendlyName, WStrLen(p.pwszFriendlyName));
-            CoTaskMemFree(p.pwszFriendlyName);
-            CoTaskMemFree(p.pwszIdentification);
-            if (same) return VDS_E_NAME_NOT_UNIQUE;
+            HRESULT hr = other->GetProperties(&p);
+            PassOnOutOfMemory(hr);
+            if (FAILED(hr)) continue;
+            TaskMem<WCHAR> friendly(p.pwszFriendlyName), ident(p.pwszIdentification);
+            if (friendly && name == std::u16string(friendly.get(), WStrLen(friendly.get())))
+                return VDS_E_NAME_NOT_UNIQUE;
         }
     }
     auto adv = std::make_unique<AdvNet>();
@@ -360,42 +418,47 @@ HRESULT CSubSystem::SetFriendlyName(LPWSTR pwszFriendlyName) {
     if (!sent) return VDS_E_INTERNAL_ERROR;
     // A name that had to be cut stays unseen here until the next refresh reads it back.
     if (cut) return S_OK;
-    WStrNCpy(m_prop.pwszFriendlyName, 257, name.c_str());
     m_SysName = name;
+    WStrNCpy(m_prop.pwszFriendlyName, 257, name.c_str());
     return S_OK;
 }
+TROV_CATCH_OOM
 
 HRESULT CSubSystem::DeleteLun(const VDS_OBJECT_ID& id) {
     DebugTrace("CSubSystem::DeleteLun()\n");
-    auto it = m_luns.find(id);
-    if (it != m_luns.end()) {
-        IUnknown* lun = it->second.pObject;
-        m_luns.erase(it);
-        if (lun) lun->Release();
-    }
+    m_luns.Remove(id);
     return S_OK;
 }
 
-HRESULT CSubSystem::SetControllerStatus(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) {
+HRESULT CSubSystem::SetControllerStatus(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try {
     return NotSupported("CSubSystem::SetControllerStatus");
 }
-HRESULT CSubSystem::ReplaceDrive(VDS_OBJECT_ID, VDS_OBJECT_ID) { return NotSupported("CSubSystem::ReplaceDrive"); }
-HRESULT CSubSystem::SetStatus(VDS_SUB_SYSTEM_STATUS) { return NotSupported("CSubSystem::SetStatus"); }
-HRESULT CSubSystem::CreateTarget(LPWSTR, LPWSTR, IVdsAsync**) { return NotSupported("CSubSystem::CreateTarget"); }
-HRESULT CSubSystem::SetIpsecGroupPresharedKey(VDS_ISCSI_IPSEC_KEY*) {
+TROV_CATCH_OOM
+HRESULT CSubSystem::ReplaceDrive(VDS_OBJECT_ID, VDS_OBJECT_ID) try { return NotSupported("CSubSystem::ReplaceDrive"); }
+TROV_CATCH_OOM
+HRESULT CSubSystem::SetStatus(VDS_SUB_SYSTEM_STATUS) try { return NotSupported("CSubSystem::SetStatus"); }
+TROV_CATCH_OOM
+HRESULT CSubSystem::CreateTarget(LPWSTR, LPWSTR, IVdsAsync**) try { return NotSupported("CSubSystem::CreateTarget"); }
+TROV_CATCH_OOM
+HRESULT CSubSystem::SetIpsecGroupPresharedKey(VDS_ISCSI_IPSEC_KEY*) try {
     return NotSupported("CSubSystem::SetIpsecGroupPresharedKey");
 }
+TROV_CATCH_OOM
 
 // LUN creation and its size queries come with provisioning.
-HRESULT CSubSystem::CreateLun(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS*, IVdsAsync**) {
+HRESULT CSubSystem::CreateLun(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS*, IVdsAsync**) try {
     return E_NOTIMPL;
 }
-HRESULT CSubSystem::QueryMaxLunCreateSize(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS*, ULONGLONG*) {
+TROV_CATCH_OOM
+HRESULT CSubSystem::QueryMaxLunCreateSize(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS*, ULONGLONG*) try {
     return E_NOTIMPL;
 }
-HRESULT CSubSystem::CreateLun2(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS2*, IVdsAsync**) {
+TROV_CATCH_OOM
+HRESULT CSubSystem::CreateLun2(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS2*, IVdsAsync**) try {
     return E_NOTIMPL;
 }
-HRESULT CSubSystem::QueryMaxLunCreateSize2(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS2*, ULONGLONG*) {
+TROV_CATCH_OOM
+HRESULT CSubSystem::QueryMaxLunCreateSize2(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS2*, ULONGLONG*) try {
     return E_NOTIMPL;
 }
+TROV_CATCH_OOM

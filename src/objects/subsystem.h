@@ -4,7 +4,10 @@
 // objects, builds them from both controllers' records (FillCtrlDriveLunList, through
 // CController::Initialize), and answers the subsystem interfaces. Every method that reads or
 // changes the maps holds the notification mutex; Initialize and Reenumerate hold it throughout,
-// array reads included.
+// array reads included. Its state is its own: the controllers enter what they build and record
+// what their records say through the named operations below, and other objects read the maps
+// through ForEach and FindFirst. The monitor's view of the array's event logs lives with the
+// monitor (core/monitor.h).
 #pragma once
 
 #include <cstdint>
@@ -21,6 +24,11 @@
 #include "proxy/wire.h"
 
 class CProvider;
+class CDrive;
+class CLun;
+class CIscsiTarget;
+class CIscsiPortal;
+class CIscsiPortalGroup;
 
 class CSubSystem : public CComObjectRootEx,
                    public CVdsBase,
@@ -81,11 +89,71 @@ public:
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
     const SubsystemEntry& Entry() const { return m_entry; }
+    // The friendly name as last delivered by the array (or set by the host).
+    const std::u16string& SysName() const { return m_SysName; }
+    // One target serves both controllers (b_SupportULP).
+    bool SupportsUlp() const { return b_SupportULP != 0; }
 
-    // The maps of the array's objects (the lock holder's).
-    ObjectMap m_controllers, m_drives, m_luns, m_portals, m_targets, m_portalGroups;
+    // --- What a controller's Initialize enters (the caller holds the notification mutex) ---
+    // The facts of one controller's record: ports and channels counted, slots, enclosures, the
+    // system's name; the long name only from the first controller that gives one.
+    void RecordControllerFacts(const ControllerData& record, const std::u16string& systemName,
+                               const std::u16string& longName);
+    // True the first time a drive view of (channel, scsiId) is met in this fill, which records it.
+    bool FirstViewOfDrive(uint16_t channel, uint16_t scsiId);
+    // Each enters an object in its map with a reference of the map's own; an id already there
+    // keeps its entry.
+    void EnterDrive(const VDS_OBJECT_ID& id, CDrive* drive);
+    void EnterLun(const VDS_OBJECT_ID& id, CLun* lun);
+    void EnterTarget(const VDS_OBJECT_ID& id, CIscsiTarget* target);
+    void EnterPortal(const VDS_OBJECT_ID& id, CIscsiPortal* portal);
+    void EnterPortalGroup(const VDS_OBJECT_ID& id, CIscsiPortalGroup* group);
 
-    // Filled by the controllers while they initialise.
+    // --- Reading the maps (the caller holds the notification mutex) ---
+    // Calls f(T*) for each object of T's kind, in id order. f must not call what may rebuild the
+    // tree (a query's refresh check): the walk is over the map itself.
+    template <class T, class F>
+    void ForEach(F&& f) const {
+        for (const auto& [id, e] : MapOf<T>())
+            if (T* o = e.template As<T>()) f(o);
+    }
+    // The first object of T's kind, in id order, for which pred(T*) holds; null when none.
+    template <class T, class P>
+    T* FindFirst(P&& pred) const {
+        for (const auto& [id, e] : MapOf<T>())
+            if (T* o = e.template As<T>(); o && pred(o)) return o;
+        return nullptr;
+    }
+    // An enumerator over the portal groups, in the order of a query.
+    HRESULT EnumeratePortalGroups(IEnumVdsObject** ppEnum);
+
+private:
+    template <class T>
+    const OwningMap& MapOf() const {
+        if constexpr (T::kObjectType == VDS_OT_CONTROLLER) return m_controllers;
+        else if constexpr (T::kObjectType == VDS_OT_DRIVE) return m_drives;
+        else if constexpr (T::kObjectType == VDS_OT_LUN) return m_luns;
+        else if constexpr (T::kObjectType == VDS_OT_PORTAL) return m_portals;
+        else if constexpr (T::kObjectType == VDS_OT_TARGET) return m_targets;
+        else {
+            static_assert(T::kObjectType == VDS_OT_PORTAL_GROUP, "no map of this kind in a subsystem");
+            return m_portalGroups;
+        }
+    }
+    HRESULT EnumerateMap(const OwningMap& map, IEnumVdsObject** ppEnum);
+    // One primordial pool per drive class present (SATA, SAS, SSD).
+    void AddPrimordialPools();
+    // Lets go of every object of the six maps.
+    void ReleaseMaps();
+
+    CProvider* m_pProvider = nullptr;  // counted
+    VDS_SUB_SYSTEM_PROP m_prop{};
+    SubsystemEntry m_entry{};
+
+    // The array's objects.
+    OwningMap m_controllers, m_drives, m_luns, m_portals, m_targets, m_portalGroups;
+
+    // What the controllers' records said in the last fill.
     std::u16string m_SysName;
     std::u16string m_identString;
     std::vector<std::pair<uint16_t, uint16_t>> m_driveSeen;  // (channel, scsiId) of each view met
@@ -99,16 +167,4 @@ public:
     uint32_t m_handleA = 0, m_handleB = 0;
     uint32_t m_maxLuns = 0;
     uint8_t m_hostBusType = 0;
-    // The newest event per controller: the state of the monitor's event check.
-    bool m_lastEventsSet = false;
-    EventData m_lastEvent[2]{};
-
-private:
-    HRESULT EnumerateMap(const ObjectMap& map, IEnumVdsObject** ppEnum);
-    // One primordial pool per drive class present (SATA, SAS, SSD).
-    void AddPrimordialPools();
-
-    CProvider* m_pProvider = nullptr;  // counted
-    VDS_SUB_SYSTEM_PROP m_prop{};
-    SubsystemEntry m_entry{};
 };

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "platform/platform.h"
@@ -110,7 +111,12 @@ bool SinkActive() {
 bool CountCall() {
     uint32_t count = g_log.callCount.fetch_add(1, std::memory_order_relaxed) + 1;
     if (count % 100 == 0) {
-        ReadDebugConfig(&g_log.config);
+        // Settings changed in the store take effect within 100 calls; the file is never reopened.
+        // Out of memory, the settings stay as they are until the next re-read: logging never throws.
+        try {
+            ReadDebugConfig(&g_log.config);
+        } catch (const std::bad_alloc&) {
+        }
         if (g_log.callCount.load(std::memory_order_relaxed) % 100 == 0) CheckDebugFileLength(g_log.file.load());
     }
     return SinkActive();

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -220,6 +221,9 @@ int TrovVFormat(char* buf, size_t size, const char* format, va_list apIn) {
     va_list ap;
     va_copy(ap, apIn);
     const char* f = format;
+    // A log call never throws, so that destructors and unwinding code may log: out of memory, the
+    // text ends where the conversion that needed it stood.
+    try {
     while (*f) {
         if (*f != '%') {
             const char* start = f;
@@ -339,6 +343,8 @@ int TrovVFormat(char* buf, size_t size, const char* format, va_list apIn) {
             break;
         }
         if (out.Full()) break;
+    }
+    } catch (const std::bad_alloc&) {
     }
     va_end(ap);
     return out.Finish();

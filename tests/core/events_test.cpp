@@ -77,12 +77,4 @@ TEST(EventTables, SameEventIgnoresOnlySequenceAndDescription) {
     EXPECT_TRUE(differs([](EventData& e) { e.word140 = 1; }));
 }
 
-TEST(EventTables, WindowOfAHundred) {
-    EXPECT_EQ(EventWindowFirst(1), 1u);
-    EXPECT_EQ(EventWindowFirst(50), 1u);
-    EXPECT_EQ(EventWindowFirst(100), 1u);
-    EXPECT_EQ(EventWindowFirst(101), 2u);
-    EXPECT_EQ(EventWindowFirst(500), 401u);
-}
-
 }  // namespace

@@ -74,42 +74,34 @@ TEST(ProviderLoad, LoadDelayHappensOncePerProcess) {
     priv->Release();
 }
 
-TEST(ProviderProperties, DefaultsAndSettings) {
-    ProviderEnv env;
-    ASSERT_EQ(env.Load(), S_OK);
-    VDS_PROVIDER_PROP prop{};
-    ASSERT_EQ(env.provider->GetProperties(&prop), S_OK);
-    EXPECT_EQ(U8(prop.pwszName), "Halden iSCSI VDS Provider");
-    EXPECT_EQ(U8(prop.pwszVersion), "2.8.5.45");
-    EXPECT_EQ(prop.id, TROV_PROVIDER_ID);
-    EXPECT_EQ(prop.guidVersionId, TROV_PROVIDER_VERSION_ID);
-    EXPECT_EQ(prop.type, VDS_PT_HARDWARE);
-    EXPECT_EQ(prop.ulFlags, 2u);
-    EXPECT_EQ(prop.ulStripeSizeFlags, 0x1C000u);
-    EXPECT_EQ(prop.sRebuildPriority, 0);
-    CoTaskMemFree(prop.pwszName);
-    CoTaskMemFree(prop.pwszVersion);
-    EXPECT_EQ(env.provider->GetProperties(nullptr), E_POINTER);
-}
-
-TEST(ProviderProperties, NameAndVersionAreTakenOnlyTogether) {
-    ProviderEnv env;
-    env.tp.settings().SetString(TROV_PARAMETERS_KEY, "Name", "Other name");
-    ASSERT_EQ(env.Load(), S_OK);  // no Version: both keep their defaults
-    VDS_PROVIDER_PROP prop{};
-    ASSERT_EQ(env.provider->GetProperties(&prop), S_OK);
-    EXPECT_EQ(U8(prop.pwszName), "Halden iSCSI VDS Provider");
-    CoTaskMemFree(prop.pwszName);
-    CoTaskMemFree(prop.pwszVersion);
-    env.Unload();
-
-    env.tp.settings().SetString(TROV_PARAMETERS_KEY, "Version", "9.9");
-    ASSERT_EQ(env.Load(), S_OK);
-    ASSERT_EQ(env.provider->GetProperties(&prop), S_OK);
-    EXPECT_EQ(U8(prop.pwszName), "Other name");
-    EXPECT_EQ(U8(prop.pwszVersion), "9.9");
-    CoTaskMemFree(prop.pwszName);
-    CoTaskMemFree(prop.pwszVersion);
+TEST(ProviderProperties, DefaultsAndTheNameAndVersionTakenOnlyTogether) {
+    struct Case {
+        const char *name, *version;  // in the settings; null: absent
+        const char *shownName, *shownVersion;
+    } cases[] = {
+        {nullptr, nullptr, "Halden iSCSI VDS Provider", "2.8.5.45"},
+        {"Other name", nullptr, "Halden iSCSI VDS Provider", "2.8.5.45"},  // no Version: neither
+        {"Other name", "9.9", "Other name", "9.9"},
+    };
+    for (const Case& c : cases) {
+        ProviderEnv env;
+        if (c.name) env.tp.settings().SetString(TROV_PARAMETERS_KEY, "Name", c.name);
+        if (c.version) env.tp.settings().SetString(TROV_PARAMETERS_KEY, "Version", c.version);
+        ASSERT_EQ(env.Load(), S_OK);
+        VDS_PROVIDER_PROP prop{};
+        ASSERT_EQ(env.provider->GetProperties(&prop), S_OK);
+        EXPECT_EQ(U8(prop.pwszName), c.shownName);
+        EXPECT_EQ(U8(prop.pwszVersion), c.shownVersion);
+        EXPECT_EQ(prop.id, TROV_PROVIDER_ID);
+        EXPECT_EQ(prop.guidVersionId, TROV_PROVIDER_VERSION_ID);
+        EXPECT_EQ(prop.type, VDS_PT_HARDWARE);
+        EXPECT_EQ(prop.ulFlags, 2u);
+        EXPECT_EQ(prop.ulStripeSizeFlags, 0x1C000u);
+        EXPECT_EQ(prop.sRebuildPriority, 0);
+        CoTaskMemFree(prop.pwszName);
+        CoTaskMemFree(prop.pwszVersion);
+        EXPECT_EQ(env.provider->GetProperties(nullptr), E_POINTER);
+    }
 }
 
 TEST(ProviderProperties, ExhaustedAllocatorFreesWhatItTook) {

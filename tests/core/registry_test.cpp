@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "core/registry.h"
 #include "testlib/fake_platform.h"
 
@@ -9,8 +11,12 @@ class Obj final : public IUnknown {
 public:
     HRESULT QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG AddRef() override { return static_cast<ULONG>(++refs); }
-    ULONG Release() override { return static_cast<ULONG>(--refs); }
+    ULONG Release() override {
+        if (onRelease) onRelease();
+        return static_cast<ULONG>(--refs);
+    }
     long refs = 1;
+    std::function<void()> onRelease;
 };
 
 GUID G(uint32_t n) { return GUID{n, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}}; }
@@ -28,15 +34,53 @@ TEST(Registry, AddObjectKeepsTheFirstEntry) {
     EXPECT_EQ(a.refs, 1);  // the object map adds no reference
 }
 
-TEST(Registry, RemoveObjectIsInertDuringARefresh) {
+TEST(Registry, RemoveObjectIsInertDuringARefreshButADyingObjectAlwaysLeaves) {
     ObjectRegistry r;
-    Obj a;
+    Obj a, b;
     r.AddObject(G(1), {VDS_OT_LUN, &a});
     r.RemoveObject(G(1), /*refreshing=*/true);
     EXPECT_NE(r.Find(G(1)), nullptr);
     r.RemoveObject(G(1), false);
     EXPECT_EQ(r.Find(G(1)), nullptr);
     r.RemoveObject(G(1), false);  // absent: no error
+    r.AddObject(G(2), {VDS_OT_LUN, &a});
+    r.DropObject(G(2), &b);  // the id names another object: it stays
+    ASSERT_NE(r.Find(G(2)), nullptr);
+    r.DropObject(G(2), &a);
+    EXPECT_EQ(r.Find(G(2)), nullptr);
+}
+
+TEST(Registry, AnOwningMapHoldsOneReferencePerEntry) {
+    Obj a, b;
+    {
+        OwningMap m;
+        EXPECT_TRUE(m.Enter(G(1), VDS_OT_DRIVE, &a));
+        EXPECT_FALSE(m.Enter(G(1), VDS_OT_DRIVE, &b));  // the id keeps its entry, b no reference
+        EXPECT_TRUE(m.Enter(G(2), VDS_OT_LUN, &b));
+        EXPECT_EQ(a.refs, 2);
+        EXPECT_EQ(b.refs, 2);
+        ASSERT_NE(m.find(G(2)), m.end());
+        EXPECT_EQ(m.find(G(2))->second.type, VDS_OT_LUN);
+        m.Remove(G(1));
+        EXPECT_EQ(a.refs, 1);
+        m.Remove(G(1));  // absent: no error
+        EXPECT_EQ(m.size(), 1u);
+    }
+    EXPECT_EQ(b.refs, 1);  // the map's end lets go
+}
+
+TEST(Registry, AReleaseDuringClearFindsTheMapAlreadyEmpty) {
+    Obj a, b;
+    OwningMap m;
+    m.Enter(G(1), VDS_OT_DRIVE, &a);
+    m.Enter(G(2), VDS_OT_DRIVE, &b);
+    size_t seen = 99;
+    a.onRelease = b.onRelease = [&] { seen = m.size(); };
+    m.Clear();
+    EXPECT_EQ(seen, 0u);
+    EXPECT_EQ(a.refs, 1);
+    EXPECT_EQ(b.refs, 1);
+    a.onRelease = b.onRelease = nullptr;
 }
 
 TEST(Registry, IdentityFirstInIdOrderAndScopedByKind) {

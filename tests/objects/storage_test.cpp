@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -253,15 +251,7 @@ TEST(Lun, StatesOfMirrorDegradedRebuildExpansionAndDummy) {
 }
 
 TEST(Lun, RenamingKeepsTwentyCharactersAndUniqueNames) {
-    std::mutex mu;
-    std::string log;
-    trovsim::Options o;
-    o.logRequests = true;
-    o.logSink = [&](const std::string& line) {
-        std::lock_guard<std::mutex> g(mu);
-        log += line + "\n";
-    };
-    ProviderEnv env("demo", o);
+    ProviderEnv env;
     ASSERT_EQ(env.Load(), S_OK);
     auto ss = env.SubSystems().at(0);
     const LunInfo logs = ByName(Luns(ss), "logs01");
@@ -270,29 +260,28 @@ TEST(Lun, RenamingKeepsTwentyCharactersAndUniqueNames) {
     auto set = [&](const char16_t* s) {
         return naming->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(s)));
     };
-    auto renames = [&] {
-        std::lock_guard<std::mutex> g(mu);
-        size_t n = 0;
-        for (size_t at = log.find("SET_PART_NAME(12)"); at != std::string::npos; at = log.find("SET_PART_NAME(12)", at + 1))
-            ++n;
-        return n;
-    };
     auto arrayName = [&] {
         return env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].vdisks[0].parts[1].name; });
     };
+    // A name the array is not to be told: changed behind the provider's back, it stays so.
+    auto renameBehind = [&] {
+        env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].vdisks[0].parts[1].name = "behind"; });
+    };
 
+    renameBehind();
     EXPECT_EQ(set(u"logs01"), S_OK);  // the present name: nothing sent
-    EXPECT_EQ(renames(), 0u);
+    EXPECT_EQ(arrayName(), "behind");
     EXPECT_EQ(set(u"db01"), VDS_E_NAME_NOT_UNIQUE);
+    EXPECT_EQ(arrayName(), "behind");
     EXPECT_EQ(set(u"journal"), S_OK);
     EXPECT_EQ(arrayName(), "journal");
     EXPECT_EQ(ByName(Luns(ss), "journal").p.id, logs.p.id);
     // 21 characters: the first 20 are kept and said so.
     EXPECT_EQ(set(u"abcdefghijklmnopqrstu"), VDS_S_NAME_TRUNCATED);
     EXPECT_EQ(arrayName(), "abcdefghijklmnopqrst");
-    size_t sent = renames();
+    renameBehind();
     EXPECT_EQ(set(u"abcdefghijklmnopqrstX"), VDS_S_NAME_TRUNCATED);  // cut, it is the present name
-    EXPECT_EQ(renames(), sent);
+    EXPECT_EQ(arrayName(), "behind");
     EXPECT_EQ(naming->SetFriendlyName(nullptr), E_POINTER);
 
     IVdsAsync* async = reinterpret_cast<IVdsAsync*>(0x1);
@@ -439,18 +428,18 @@ TEST(LunMapping, GeneratedNamesSkipTheArraysNames) {
     SubsystemEntry entry{};
     entry.controllerA = 0x01000100;  // the demo's handles
     entry.controllerB = 0x01000101;
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_1");
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_2");
-    EXPECT_STREQ(NewName(entry, true, 0), "VDS_VDISK_0");
-    EXPECT_STREQ(NewName(entry, false, 1), "VDS_SP_LUN_0");
-    EXPECT_STREQ(NewName(entry, false, 2), "VDS_MV_LUN_0");
-    EXPECT_STREQ(NewName(entry, false, 3), "VDS_SS_LUN_0");
-    EXPECT_EQ(NewName(entry, false, 0, "VDS_LUN_1"), nullptr);
-    EXPECT_STREQ(NewName(entry, false, 0), "VDS_LUN_1");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_1");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_2");
+    EXPECT_EQ(NewName(entry, true, 0), "VDS_VDISK_0");
+    EXPECT_EQ(NewName(entry, false, 1), "VDS_SP_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 2), "VDS_MV_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 3), "VDS_SS_LUN_0");
+    EXPECT_EQ(NewName(entry, false, 0, "VDS_LUN_1"), "");
+    EXPECT_EQ(NewName(entry, false, 0), "VDS_LUN_1");
     ResetNewNamesForTest();
     SubsystemEntry gone = entry;
     gone.controllerA = 0x7777;
-    EXPECT_STREQ(NewName(gone, false, 0), "VDS_LNU_ERROR");
+    EXPECT_EQ(NewName(gone, false, 0), "VDS_LNU_ERROR");
     ResetNewNamesForTest();
 }
 
@@ -499,7 +488,7 @@ TEST(Pool, PrimordialPoolsByClassThenOneConcretePoolPerVdisk) {
     uint64_t sasTotal = 0, sasFree = 0;
     for (auto& d : CollectFrom<IVdsDrive>([&](IEnumVdsObject** e) { return ss->QueryDrives(e); }, IID_IVdsDrive)) {
         VDS_DRIVE_PROP dp{};
-        d->GetProperties(&dp);
+        EXPECT_EQ(d->GetProperties(&dp), S_OK);
         std::string ident = Take(dp.pwszIdentification);
         CoTaskMemFree(dp.pwszFriendlyName);
         if (ident.rfind("3SJ", 0) == 0) {
@@ -559,7 +548,7 @@ TEST(Pool, PrimordialPoolsByClassThenOneConcretePoolPerVdisk) {
         std::set<std::string> names;
         for (auto& l : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return p->QueryAllocatedLuns(e); }, IID_IVdsLun)) {
             VDS_LUN_PROP lp{};
-            l->GetProperties(&lp);
+            EXPECT_EQ(l->GetProperties(&lp), S_OK);
             names.insert(Take(lp.pwszFriendlyName));
             CoTaskMemFree(lp.pwszIdentification);
             CoTaskMemFree(lp.pwszUnmaskingList);
@@ -673,7 +662,7 @@ struct Portal {
 
 std::vector<Portal> Portals(IVdsSubSystem* ss) {
     CComPtr<IVdsSubSystemIscsi> si;
-    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    EXPECT_EQ(ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si)), S_OK);
     std::vector<Portal> out;
     for (auto& p : CollectFrom<IVdsIscsiPortal>([&](IEnumVdsObject** e) { return si->QueryPortals(e); },
                                                 IID_IVdsIscsiPortal)) {
@@ -687,7 +676,7 @@ std::vector<Portal> Portals(IVdsSubSystem* ss) {
 
 std::vector<CComPtr<IVdsIscsiTarget>> Targets(IVdsSubSystem* ss) {
     CComPtr<IVdsSubSystemIscsi> si;
-    ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si));
+    EXPECT_EQ(ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&si)), S_OK);
     return CollectFrom<IVdsIscsiTarget>([&](IEnumVdsObject** e) { return si->QueryTargets(e); }, IID_IVdsIscsiTarget);
 }
 
@@ -705,24 +694,6 @@ std::vector<USHORT> GroupTags(IVdsIscsiTarget* t) {
 
 class Iscsi : public ::testing::Test {
 protected:
-    Iscsi() : env("demo", Options()) {}
-    trovsim::Options Options() {
-        trovsim::Options o;
-        o.logRequests = true;
-        o.logSink = [this](const std::string& line) {
-            std::lock_guard<std::mutex> g(mu);
-            log += line + "\n";
-        };
-        return o;
-    }
-    size_t Count(const std::string& what) {
-        std::lock_guard<std::mutex> g(mu);
-        size_t n = 0;
-        for (size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) ++n;
-        return n;
-    }
-    std::mutex mu;
-    std::string log;
     ProviderEnv env;
 };
 
@@ -779,7 +750,7 @@ TEST_F(Iscsi, TargetsPortalsAndGroupsOfTheDemoArray) {
     auto luns = CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return targets[0]->QueryAssociatedLuns(e); }, IID_IVdsLun);
     ASSERT_EQ(luns.size(), 1u);
     VDS_LUN_PROP lp{};
-    luns[0]->GetProperties(&lp);
+    ASSERT_EQ(luns[0]->GetProperties(&lp), S_OK);
     EXPECT_EQ(Take(lp.pwszFriendlyName), "db01");
     CoTaskMemFree(lp.pwszIdentification);
     CoTaskMemFree(lp.pwszUnmaskingList);
@@ -817,22 +788,45 @@ TEST_F(Iscsi, SecretsInTheirFourFormsAndTheKnownInitiators) {
     uint8_t secret[] = "twelve-chars";
     VDS_ISCSI_SHARED_SECRET s{secret, 12};
     VDS_ISCSI_SHARED_SECRET zero{secret, 0};  // a size of 0 means no secret, whatever the pointer
-    std::u16string init = u"iqn.1991-05.com.microsoft:host01.demo.local";
-    LPWSTR name = const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(init.c_str()));
+    const std::string init = kHost1;
+    std::u16string wide(init.begin(), init.end());
+    LPWSTR name = const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(wide.c_str()));
+    // What the array keeps: the target's own secret, and the initiator's record (its secret for
+    // the target, and the target name and secret it remembers for the initiator).
+    struct Kept {
+        std::string target, forInitiator, rememberedTarget, remembered;
+        bool operator==(const Kept&) const = default;
+    };
+    auto kept = [&] {
+        return env.sim->WithModel([&](trovsim::Model& m) {
+            trovsim::Subsystem& sub = m.subsystems()[0];
+            Kept k{sub.targetSecret, "", "", ""};
+            if (const trovsim::ChapRecord* r = m.FindSecret(sub, init))
+                k.forInitiator = r->secret, k.rememberedTarget = r->secondText, k.remembered = r->thirdText;
+            return k;
+        });
+    };
     struct Case {
         VDS_ISCSI_SHARED_SECRET* secret;
         LPWSTR name;
-        const char* request;
-    } cases[] = {{nullptr, nullptr, "(116)"}, {&zero, nullptr, "(116)"}, {&s, nullptr, "(115)"},
-                 {nullptr, name, "(117)"},   {&s, name, "(117)"}};
+        Kept after;
+    } cases[] = {
+        {&s, nullptr, {"twelve-chars", "", "", ""}},
+        {nullptr, nullptr, {"", "", "", ""}},  // clears every secret
+        {&s, name, {"", "twelve-chars", "", ""}},
+        {&s, nullptr, {"twelve-chars", "twelve-chars", "", ""}},
+        {&zero, nullptr, {"", "", "", ""}},
+        {&s, name, {"", "twelve-chars", "", ""}},
+        {nullptr, name, {"", "", "", ""}},  // clears the initiator's only
+    };
     for (const Case& c : cases) {
-        size_t before = Count(c.request);
-        EXPECT_EQ(t->SetSharedSecret(c.secret, c.name), S_OK) << c.request;
-        EXPECT_EQ(Count(c.request), before + 1) << c.request;
+        EXPECT_EQ(t->SetSharedSecret(c.secret, c.name), S_OK);
+        EXPECT_EQ(kept(), c.after) << "secret " << (c.secret ? c.secret->ulSharedSecretSize : -1) << " for "
+                                   << (c.name ? "the initiator" : "all");
     }
     EXPECT_EQ(t->RememberInitiatorSharedSecret(nullptr, &s), VDS_E_NOT_SUPPORTED);
     EXPECT_EQ(t->RememberInitiatorSharedSecret(name, &s), S_OK);
-    EXPECT_EQ(Count("(118)"), 1u);
+    EXPECT_EQ(kept(), (Kept{"", "", "iqn.1995-03.com.trov:01.array.00c0ff1a2b3c.a", "twelve-chars"}));
 
     LPWSTR* list = nullptr;
     LONG n = 0;
@@ -843,9 +837,10 @@ TEST_F(Iscsi, SecretsInTheirFourFormsAndTheKnownInitiators) {
     for (LONG i = 0; i < n; ++i) CoTaskMemFree(list[i]);
     CoTaskMemFree(list);
 
-    // The array refuses: every secret command's failure is the internal error.
+    // The array refuses: the secret stays as it was, and the host is told of an internal error.
     env.sim->FailOpcode(115, 7);
     EXPECT_EQ(t->SetSharedSecret(&s, nullptr), VDS_E_INTERNAL_ERROR);
+    EXPECT_EQ(kept().target, "");
 }
 
 TEST_F(Iscsi, RenamingTheTargetRenamesTheSubsystem) {

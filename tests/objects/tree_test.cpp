@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <type_traits>
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -64,7 +65,7 @@ std::map<std::string, GUID> AllIds(ProviderEnv& env) {
             ids["ctrl " + PropName(cp.pwszFriendlyName)] = cp.id;
             CoTaskMemFree(cp.pwszIdentification);
             IVdsControllerControllerPort* ccp = nullptr;
-            c->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp));
+            EXPECT_EQ(c->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp)), S_OK);
             auto ports = CollectFrom<IVdsControllerPort>(
                 [&](IEnumVdsObject** e) { return ccp->QueryControllerPorts(e); }, IID_IVdsControllerPort);
             ccp->Release();
@@ -83,12 +84,23 @@ CComPtr<IVdsDrive> DriveBySerial(IVdsSubSystem* ss, const std::string& serial) {
     auto drives = CollectFrom<IVdsDrive>([&](IEnumVdsObject** e) { return ss->QueryDrives(e); }, IID_IVdsDrive);
     for (auto& d : drives) {
         VDS_DRIVE_PROP p{};
-        d->GetProperties(&p);
+        EXPECT_EQ(d->GetProperties(&p), S_OK);
         std::string id = PropName(p.pwszIdentification);
         CoTaskMemFree(p.pwszFriendlyName);
         if (id == serial) return d;
     }
     return {};
+}
+
+// The friendly name of a LUN, a controller or a subsystem, through its GetProperties.
+template <class I, class P>
+std::string NameOf(I* obj) {
+    P p{};
+    EXPECT_EQ(obj->GetProperties(&p), S_OK);
+    std::string name = PropName(p.pwszFriendlyName);
+    CoTaskMemFree(p.pwszIdentification);
+    if constexpr (std::is_same_v<P, VDS_LUN_PROP>) CoTaskMemFree(p.pwszUnmaskingList);
+    return name;
 }
 
 uint8_t ModelHowUsed(ProviderEnv& env, const std::string& serial) {
@@ -206,8 +218,15 @@ TEST(SubSystem, ControllersAndPortsOfBothSides) {
         EXPECT_EQ(m->PulseMaintenance(BeepAlarm, 3), S_OK);
         EXPECT_EQ(m->StartMaintenance(BlinkLight), VDS_E_NOT_SUPPORTED);
         EXPECT_EQ(m->StopMaintenance(BlinkLight), S_OK);
-        auto luns = CollectFrom<IUnknown>([&](IEnumVdsObject** e) { return ctrls[i]->QueryAssociatedLuns(e); },
-                                          IID_IUnknown);
+        // The LUNs of the vdisks this controller owns: the RAID5's three on A, the mirror's on B.
+        HRESULT hr = E_FAIL;
+        std::set<std::string> lunNames;
+        for (auto& lun : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return ctrls[i]->QueryAssociatedLuns(e); },
+                                              IID_IVdsLun, &hr))
+            lunNames.insert(NameOf<IVdsLun, VDS_LUN_PROP>(lun.get()));
+        EXPECT_EQ(hr, S_OK);
+        const std::set<std::string> owned[2] = {{"db01", "logs01", "scratch01"}, {"archive01"}};
+        EXPECT_EQ(lunNames, owned[i]);
         CComPtr<IVdsSubSystem> back;
         ASSERT_EQ(ctrls[i]->GetSubSystem(&back), S_OK);
         EXPECT_EQ(back.get(), ss.get());
@@ -263,12 +282,13 @@ TEST(SubSystem, DrivesAreFoldedAndDescribedByTheirRecords) {
     CComPtr<IVdsDrive> d;
     ASSERT_EQ(ss->GetDrive(0, 3, &d), S_OK);
     VDS_DRIVE_PROP p{};
-    d->GetProperties(&p);
+    ASSERT_EQ(d->GetProperties(&p), S_OK);
     EXPECT_EQ(p.sSlotNumber, 3);
+    EXPECT_EQ(p.sInternalBusNumber, 0);
     CoTaskMemFree(p.pwszFriendlyName);
     CoTaskMemFree(p.pwszIdentification);
     CComPtr<IVdsSubSystem2> s2;
-    ss->QueryInterface(IID_IVdsSubSystem2, reinterpret_cast<void**>(&s2));
+    ASSERT_EQ(ss->QueryInterface(IID_IVdsSubSystem2, reinterpret_cast<void**>(&s2)), S_OK);
     CComPtr<IVdsDrive> d2;
     ASSERT_EQ(s2->GetDrive2(0, 3, 12345, &d2), S_OK);
     EXPECT_EQ(d2.get(), d.get());
@@ -298,7 +318,7 @@ TEST(Drive, SpareFlagsFollowTheArraysRules) {
     // The tree learns of it at the next query.
     auto again = DriveBySerial(ss, "3SJ01205K");
     VDS_DRIVE_PROP p{};
-    again->GetProperties(&p);
+    ASSERT_EQ(again->GetProperties(&p), S_OK);
     EXPECT_EQ(p.ulFlags, static_cast<ULONG>(VDS_DRF_HOTSPARE));
     CoTaskMemFree(p.pwszFriendlyName);
     CoTaskMemFree(p.pwszIdentification);
@@ -417,8 +437,9 @@ TEST(Drive, ExtentsOfFreeAndMemberDrives) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.serial);
         auto d = DriveBySerial(ss, c.serial);
+        ASSERT_TRUE(d);
         VDS_DRIVE_PROP p{};
-        d->GetProperties(&p);
+        ASSERT_EQ(d->GetProperties(&p), S_OK);
         CoTaskMemFree(p.pwszFriendlyName);
         CoTaskMemFree(p.pwszIdentification);
         VDS_DRIVE_EXTENT* ext = nullptr;
@@ -465,7 +486,7 @@ TEST(Drive, LeftoverDrivesTakeTheirStateFromWhyTheyWentDown) {
         auto d = DriveBySerial(env.SubSystems().at(0), "3SJ01206K");
         ASSERT_TRUE(d);
         VDS_DRIVE_PROP p{};
-        d->GetProperties(&p);
+        ASSERT_EQ(d->GetProperties(&p), S_OK);
         EXPECT_EQ(p.status, c.status) << int(c.howUsed) << "/" << int(c.downReason);
         EXPECT_EQ(p.health, c.health) << int(c.howUsed) << "/" << int(c.downReason);
         CoTaskMemFree(p.pwszFriendlyName);
@@ -479,12 +500,7 @@ TEST(SubSystem, FriendlyNameRules) {
     auto ss = env.SubSystems().at(0);
     CComPtr<IVdsSubSystemNaming> naming;
     ASSERT_EQ(ss->QueryInterface(IID_IVdsSubSystemNaming, reinterpret_cast<void**>(&naming)), S_OK);
-    auto visible = [&] {
-        VDS_SUB_SYSTEM_PROP p{};
-        ss->GetProperties(&p);
-        CoTaskMemFree(p.pwszIdentification);
-        return PropName(p.pwszFriendlyName);
-    };
+    auto visible = [&] { return NameOf<IVdsSubSystem, VDS_SUB_SYSTEM_PROP>(ss.get()); };
     auto arrayName = [&] { return env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].systemName; }); };
     EXPECT_EQ(naming->SetFriendlyName(nullptr), E_POINTER);
     std::u16string eighty(80, u'n');
@@ -522,7 +538,7 @@ TEST(SubSystem, ControllerStatesOfferWhatTheyServe) {
         EXPECT_EQ(cp.status, VDS_CS_OFFLINE);
         EXPECT_EQ(cp.health, VDS_H_FAILED);
         CComPtr<IVdsControllerControllerPort> ccp;
-        ctrls[1]->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp));
+        ASSERT_EQ(ctrls[1]->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp)), S_OK);
         auto ports = CollectFrom<IVdsControllerPort>([&](IEnumVdsObject** e) { return ccp->QueryControllerPorts(e); },
                                                      IID_IVdsControllerPort);
         EXPECT_EQ(ports.size(), state == 1 ? 2u : 0u) << int(state);
@@ -540,10 +556,7 @@ TEST(SubSystem, ControllerAAbsentBuildsOnlyB) {
     auto ctrls = CollectFrom<IVdsController>([&](IEnumVdsObject** e) { return subs[0]->QueryControllers(e); },
                                              IID_IVdsController);
     ASSERT_EQ(ctrls.size(), 1u);
-    VDS_CONTROLLER_PROP cp{};
-    ctrls[0]->GetProperties(&cp);
-    EXPECT_EQ(PropName(cp.pwszFriendlyName), "Controller B;IP=10.0.0.3");
-    CoTaskMemFree(cp.pwszIdentification);
+    EXPECT_EQ((NameOf<IVdsController, VDS_CONTROLLER_PROP>(ctrls[0].get())), "Controller B;IP=10.0.0.3");
     EXPECT_EQ(Drives(subs[0]).size(), 12u);
 }
 
@@ -553,6 +566,7 @@ TEST(SubSystem, OnlySubsystemsWithAnIscsiPortAreServed) {
     env.sim->WithModel([&](trovsim::Model& m) {
         trovsim::Subsystem fc = m.subsystems()[0];
         fc.uniqueSn = "00C0FFFC0000";
+        fc.systemName = "fibre-array";
         fc.prefix[0] ^= 0x55;
         for (auto& c : fc.ctrl) {
             c.handle += 0x100;
@@ -564,10 +578,7 @@ TEST(SubSystem, OnlySubsystemsWithAnIscsiPortAreServed) {
     ASSERT_EQ(env.Load(), S_OK);
     auto subs = env.SubSystems();
     ASSERT_EQ(subs.size(), 1u);
-    VDS_SUB_SYSTEM_PROP p{};
-    subs[0]->GetProperties(&p);
-    CoTaskMemFree(p.pwszFriendlyName);
-    EXPECT_NE(PropName(p.pwszIdentification), "");
+    EXPECT_EQ((NameOf<IVdsSubSystem, VDS_SUB_SYSTEM_PROP>(subs[0].get())), "demo-array");
 }
 
 TEST(SubSystem, AControllerUnreachableDuringTheLoadLeavesItsSubsystemOut) {
