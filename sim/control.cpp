@@ -1,10 +1,12 @@
 #include "sim/control.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <sstream>
 #include <vector>
 
 #include "sim/commands.h"
+#include "sim/iscsi_service.h"
 #include "sim/sim.h"
 
 namespace trovsim {
@@ -92,6 +94,65 @@ std::string FaultLine(Server& s, const std::vector<std::string>& w) {
     return "ok";
 }
 
+// A size in MiB, or with a suffix M, G or T.
+bool SizeBlocks(const std::string& text, uint64_t* blocks) {
+    if (text.empty()) return false;
+    uint64_t unit = 1;
+    std::string digits = text;
+    char last = static_cast<char>(std::toupper(static_cast<unsigned char>(text.back())));
+    if (last == 'M' || last == 'G' || last == 'T') {
+        unit = last == 'M' ? 1 : last == 'G' ? 1024 : 1024 * 1024;
+        digits.pop_back();
+    }
+    uint64_t n;
+    if (!Number(digits, &n) || n == 0 || n > (uint64_t(1) << 40) / unit) return false;
+    *blocks = n * unit * kMiBBlocks;
+    return true;
+}
+
+// volume create VDISK NAME SIZE | map NAME HOST|* LUN | unmap NAME HOST|*|all | expand NAME SIZE |
+// delete NAME: the array's volume commands, sent by the controller that owns the vdisk.
+std::string VolumeLine(Server& s, const std::vector<std::string>& w) {
+    const char* usage = "volume create VDISK NAME SIZE | map NAME HOST|* LUN | unmap NAME HOST|*|all | "
+                        "expand NAME SIZE | delete NAME";
+    if (w.size() < 3) return Err(usage);
+    const std::string& op = w[1];
+    uint64_t blocks = 0, lun = 0;
+    if (op == "create" && (w.size() != 5 || !SizeBlocks(w[4], &blocks))) return Err(usage);
+    if (op == "expand" && (w.size() != 4 || !SizeBlocks(w[3], &blocks))) return Err(usage);
+    if (op == "map" && (w.size() != 5 || !Number(w[4], &lun) || lun > 0xFFFE)) return Err(usage);
+    if (op == "unmap" && w.size() != 4) return Err(usage);
+    if (op == "delete" && w.size() != 3) return Err(usage);
+    if (op != "create" && op != "expand" && op != "map" && op != "unmap" && op != "delete") return Err(usage);
+    return s.WithModel([&](Model& m) -> std::string {
+        for (Subsystem& sub : m.subsystems())
+            for (Vdisk& v : sub.vdisks) {
+                CtrlRef owner{&sub, v.owner == 1 ? 0 : 1};
+                if (op == "create") {
+                    if (v.name != w[2]) continue;
+                    PartRef out;
+                    return Result(m.AddPartition(owner, v.serial, blocks, w[3], 0, Serial{}, &out));
+                }
+                for (Partition& p : v.parts) {
+                    if (p.name != w[2]) continue;
+                    Serial serial = p.serial;
+                    if (op == "expand") return Result(m.ExpandPartition(owner, Serial{}, serial, blocks));
+                    if (op == "delete") return Result(m.DeletePartition(owner, serial));
+                    Model::ViewChange vc;
+                    vc.part = serial;
+                    vc.create = op == "map";
+                    const std::string& host = w[3];
+                    vc.removeAll = host == "all";
+                    vc.hasHost = host != "*" && host != "all";
+                    vc.view.host = vc.hasHost ? host : "";
+                    vc.view.lun = static_cast<uint16_t>(lun);
+                    return Result(m.ChangeView(owner, vc));
+                }
+            }
+        return Err("no " + std::string(op == "create" ? "vdisk " : "volume ") + w[2]);
+    });
+}
+
 }  // namespace
 
 std::string RunControl(Server& s, const std::string& line) {
@@ -103,6 +164,14 @@ std::string RunControl(Server& s, const std::string& line) {
     uint64_t a = 0, b = 0;
 
     if (verb == "fault") return FaultLine(s, w);
+    if (verb == "volume") return VolumeLine(s, w);
+    if (verb == "iscsi") {
+        IscsiService* service = s.iscsi();
+        if (!service) return Err("the emulator serves no iSCSI (start it with --iscsi PORTAL)");
+        std::string text = service->Describe();
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        return text.empty() ? "no targets" : text;
+    }
     if (verb == "event") {
         // event HANDLE CODE [PARAM [DRIVE-SERIAL]]
         if (w.size() < 3 || !Number(w[1], &a) || !Number(w[2], &b)) return Err("event HANDLE CODE [PARAM [DRIVE]]");
@@ -192,7 +261,8 @@ std::string RunControl(Server& s, const std::string& line) {
         return out.str();
     }
     if (verb == "help")
-        return "event, controller, drive, vdisk, utility, fault, refuse, advance, restart, heartbeat, stats, quit";
+        return "event, controller, drive, vdisk, volume, iscsi, utility, fault, refuse, advance, restart, heartbeat, "
+               "stats, quit";
     return Err("unknown command " + verb);
 }
 

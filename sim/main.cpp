@@ -38,6 +38,13 @@ int main(int argc, char** argv) {
     app.add_option("--user", opt.user, "the user a client logs in as")->capture_default_str();
     app.add_option("--password", opt.password, "that user's password")->capture_default_str();
     app.add_option("--state", opt.stateFile, "save the model here after every change, load it from here at start");
+    app.add_option("--iscsi", opt.iscsiPortal,
+                   "serve the partitions as iSCSI LUNs through tgtd on ADDR:PORT, or on loopback:PORT with an "
+                   "address of its own for each iSCSI port of the model");
+    app.add_option("--iscsi-folder", opt.iscsiFolder,
+                   "backing files and tgtd's files (default: STATE.iscsi with --state, else a temporary folder)");
+    app.add_option("--tgtd", opt.tgtdPath, "the tgtd program (default: looked up on PATH, /usr/sbin, /sbin)");
+    app.add_option("--tgtadm", opt.tgtadmPath, "the tgtadm program (default: looked up)");
     app.add_option("--write-conf", conf, "write a kelvane.conf that points at this emulator");
     app.add_option("--heartbeat", heartbeat, "milliseconds between heartbeats (0: none)");
     app.add_flag("--quiet", quiet, "no line per request");

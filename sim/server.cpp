@@ -24,6 +24,7 @@
 #include "proxy/wire.h"
 #include "sim/commands.h"
 #include "sim/encode.h"
+#include "sim/iscsi_service.h"
 #include "sim/sim.h"
 
 namespace trovsim {
@@ -150,6 +151,10 @@ void Server::SyncTimeLocked() {
 }
 
 void Server::AfterChangeLocked() {
+    if (iscsi_ && model_.changes() != pokedChanges_) {
+        pokedChanges_ = model_.changes();
+        iscsi_->Poke();
+    }
     if (opt_.stateFile.empty() || model_.changes() == savedChanges_) return;
     std::string err;
     if (!model_.SaveFile(opt_.stateFile, &err)) LogLine("cannot save the state: " + err);
@@ -211,7 +216,11 @@ bool Server::Start(std::string* error) {
         }
     }
     if (port_ == 0) port_ = opt_.port;
-    if (!OpenListener(error)) return false;
+    if (!opt_.iscsiPortal.empty() && !StartIscsi(error)) return false;
+    if (!OpenListener(error)) {
+        StopIscsi();
+        return false;
+    }
     wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     stopping_ = false;
     refusing_ = false;
@@ -250,7 +259,75 @@ void Server::Stop() {
     wakeFd_ = -1;
     running_ = false;
     refusing_ = false;
+    StopIscsi();
     LogLine("stopped");
+}
+
+bool Server::StartIscsi(std::string* error) {
+    std::vector<Endpoint> portals;
+    bool loopback = opt_.iscsiPortal.rfind("loopback:", 0) == 0;
+    if (loopback) {
+        Endpoint e;
+        if (!ParseEndpoint("127.0.0.1:" + opt_.iscsiPortal.substr(9), &e)) {
+            if (error) *error = "bad iSCSI portal " + opt_.iscsiPortal + " (ADDR:PORT or loopback:PORT)";
+            return false;
+        }
+        std::lock_guard<std::mutex> g(mu_);
+        for (const std::string& text : MapPortsToLoopback(model_, e.port)) {
+            Endpoint p;
+            if (ParseEndpoint(text, &p)) portals.push_back(p);
+        }
+        AfterChangeLocked();
+    } else {
+        Endpoint e;
+        if (!ParseEndpoint(opt_.iscsiPortal, &e)) {
+            if (error) *error = "bad iSCSI portal " + opt_.iscsiPortal + " (ADDR:PORT or loopback:PORT)";
+            return false;
+        }
+        portals.push_back(e);
+    }
+    IscsiServiceOptions so;
+    so.folder = !opt_.iscsiFolder.empty() ? opt_.iscsiFolder : opt_.stateFile.empty() ? "" : opt_.stateFile + ".iscsi";
+    so.tgtd = opt_.tgtdPath;
+    so.tgtadm = opt_.tgtadmPath;
+    so.syncMs = opt_.iscsiSyncMs;
+    so.log = [this](const std::string& line) { LogLine(line); };
+    // Without the loopback map, discovery names the portal the initiator used.
+    auto plan = [this, loopback](uint64_t* generation) {
+        std::lock_guard<std::mutex> g(mu_);
+        SyncTimeLocked();
+        AfterChangeLocked();
+        *generation = model_.changes();
+        return PlanIscsi(model_, loopback);
+    };
+    auto service = std::make_unique<IscsiService>(so, plan);
+    if (!service->Start(portals, error)) return false;
+    std::lock_guard<std::mutex> g(mu_);
+    iscsi_ = std::move(service);
+    return true;
+}
+
+void Server::StopIscsi() {
+    std::unique_ptr<IscsiService> service;
+    {
+        // Out from under the lock first: its thread takes the lock to read the model.
+        std::lock_guard<std::mutex> g(mu_);
+        service = std::move(iscsi_);
+    }
+    if (service) service->Stop();
+}
+
+bool Server::IscsiWaitInStep(uint32_t ms) {
+    uint64_t generation;
+    IscsiService* service;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        SyncTimeLocked();
+        AfterChangeLocked();
+        generation = model_.changes();
+        service = iscsi_.get();
+    }
+    return service && service->WaitInStep(generation, ms);
 }
 
 bool Server::Restart(std::string* error) {

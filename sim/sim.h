@@ -7,6 +7,10 @@
 // "TROV_Proxy_<port>"). Stop() ends every thread it started; Start() may follow again, and
 // Restart() does both while keeping the model. The model is reached through WithModel() or
 // Lock()+model(), which hold the server's one mutex.
+//
+// With Options::iscsiPortal set, Start() also starts the data path (sim/iscsi_service.h): a tgtd
+// of the emulator's own that serves the model's partitions as iSCSI LUNs and follows every change
+// of the model; Start() fails when it cannot, and Stop() stops it.
 #pragma once
 
 #include <atomic>
@@ -64,6 +68,13 @@ struct Options {
     std::string stateFile;                 // saved after every change when not empty
     bool logRequests = true;
     std::function<void(const std::string&)> logSink;  // one line each; null: standard error
+    // The data path, off when empty: "ADDR:PORT" serves every target on that portal;
+    // "loopback:PORT" first gives each iSCSI port of the model an address of its own on the
+    // loopback network (127.<subsystem>.<controller>.<port>) and serves each target there.
+    std::string iscsiPortal;
+    std::string iscsiFolder;          // empty: "<stateFile>.iscsi", or a temporary folder without one
+    std::string tgtdPath, tgtadmPath; // empty: looked up on PATH, /usr/sbin and /sbin
+    uint32_t iscsiSyncMs = 250;       // between syncs when no change pokes one
 };
 
 struct Stats {
@@ -78,6 +89,7 @@ struct Stats {
 
 class Encoder;
 class Commands;
+class IscsiService;
 
 class Server {
 public:
@@ -143,8 +155,14 @@ public:
     // The emulator's own log line, to the sink or standard error.
     void LogLine(const std::string& line) const;
 
-    // Called with the model lock held after a change from outside (saves the state file).
+    // Called with the model lock held after a change from outside (saves the state file, tells
+    // the data path).
     void AfterChangeLocked();
+
+    // The data path; null unless running with Options::iscsiPortal.
+    IscsiService* iscsi() { return iscsi_.get(); }
+    // Waits (real time, at most `ms`) until tgtd serves the model as it is now. True when it does.
+    bool IscsiWaitInStep(uint32_t ms);
 
 private:
     struct Conn;
@@ -161,6 +179,8 @@ private:
     uint32_t NextSeq() { return seq_.fetch_add(1); }
     uint32_t Random();
     void SyncTimeLocked();
+    bool StartIscsi(std::string* error);
+    void StopIscsi();
 
     Options opt_;
     Clock clock_;
@@ -170,6 +190,8 @@ private:
     std::unique_ptr<Commands> commands_;
     int64_t modelOffset_ = 0;     // model time less the clock's time
     uint64_t savedChanges_ = 0;   // model changes written to the state file
+    uint64_t pokedChanges_ = 0;   // model changes the data path was told of
+    std::unique_ptr<IscsiService> iscsi_;
 
     std::atomic<bool> running_{false}, stopping_{false}, refusing_{false};
     std::atomic<uint64_t> refuseUntil_{0};
