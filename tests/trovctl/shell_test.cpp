@@ -409,6 +409,14 @@ TEST_F(LoadedShell, ASelectionThatWentAwayIsSaidSo) {
     EXPECT_EQ(shell->selection(), nullptr);
 }
 
+TEST_F(LoadedShell, CompletionNumbersTheObjectsOfTheKindNamed) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(trovctl::Completions({"flushcache", "controller"}, "", shell.get()), (Words{"0", "1"}));
+    EXPECT_EQ(trovctl::Completions({"detail", "drive"}, "1", shell.get()), (Words{"1", "10", "11"}));
+    // A kind the command does not take is not counted.
+    EXPECT_EQ(trovctl::Completions({"flushcache", "drive"}, "", shell.get()), (Words{"controller"}));
+}
+
 struct SplitCase {
     const char* line;
     std::vector<std::string> words;

@@ -1,4 +1,6 @@
-// Signals as an operator sends them: the emulator stops at once whatever its input is doing.
+// Signals as an operator sends them: the emulator stops at once whatever its input is doing;
+// trovctl leaves a one-shot command after unloading the provider, and in the shell Ctrl-C
+// interrupts a command and returns to the prompt, and twice on an empty line leaves.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -26,6 +28,63 @@ TEST(Emulator, StopsWithinASecondOnASignalWhileItsInputIsAnOpenPipe) {
         EXPECT_TRUE(sim.exited());
         EXPECT_EQ(sim.exitCode(), 0);
     }
+}
+
+// The emulator for trovctl to use, with its kelvane.conf in /tmp; logs every request.
+class Emulator {
+public:
+    Emulator() : conf_(std::string("/tmp/trovctl-signal-") + std::to_string(getpid()) + ".conf"),
+                 sim_({TROVSIM_BIN, "--port", "0", "--no-stdin", "--write-conf", conf_}) {}
+    ~Emulator() { std::remove(conf_.c_str()); }
+    bool Ready() { return sim_.WaitFor("wrote " + conf_, 10000); }
+    const std::string& conf() const { return conf_; }
+    Child& sim() { return sim_; }
+
+private:
+    std::string conf_;
+    Child sim_;
+};
+
+TEST(Trovctl, CtrlCEndsAOneShotCommandAfterUnloadingTheProvider) {
+    Emulator e;
+    ASSERT_TRUE(e.Ready()) << e.sim().err;
+    Child run({TROVCTL_BIN, "--proxy-conf", e.conf(), "watch", "60"});
+    // The load is over when the provider has announced its listen port.
+    ASSERT_TRUE(e.sim().WaitFor("listen port", 10000)) << e.sim().err;
+    run.Signal(SIGINT);
+    ASSERT_TRUE(run.Finish(10000)) << "trovctl still runs after a Ctrl-C";
+    EXPECT_EQ(run.termSignal(), SIGINT) << "it ends as by the signal";
+    // The provider said goodbye to the service: it was unloaded, not cut off.
+    EXPECT_TRUE(e.sim().WaitFor("goodbye", 5000)) << e.sim().err;
+}
+
+TEST(Trovctl, CtrlCInTheShellInterruptsTheCommandAndTwiceOnAnEmptyLineLeaves) {
+    Child sh({TROVCTL_BIN, "shell"}, {"-TROVHWIPRV_SETTINGS", "HOME=/nonexistent"}, /*pty=*/true);
+    ASSERT_TRUE(sh.WaitFor("trovctl> ", 10000)) << sh.out;
+    sh.Write("watch 60\n");
+    ASSERT_TRUE(sh.WaitFor("watch 60", 5000)) << sh.out;  // the echo of the line
+    sh.out.clear();
+    auto start = testchild::Clock::now();
+    sh.Write("\x03");  // the terminal's interrupt character: SIGINT to the shell
+    ASSERT_TRUE(sh.WaitFor("trovctl> ", 5000)) << sh.out;
+    EXPECT_LT(testchild::MsSince(start), 5000) << "the watch went on";
+    sh.Write("list con");  // a line being typed is dropped by Ctrl-C
+    ASSERT_TRUE(sh.WaitFor("list con", 5000));
+    sh.out.clear();
+    sh.Write("\x03");
+    ASSERT_TRUE(sh.WaitFor("trovctl> ", 5000)) << sh.out;
+    EXPECT_EQ(sh.out.find("leave"), std::string::npos) << "not on an empty line: " << sh.out;
+    sh.Write("info\n");
+    ASSERT_TRUE(sh.WaitFor("pwszName", 5000)) << sh.out;
+    ASSERT_TRUE(sh.WaitFor("trovctl> ", 5000)) << sh.out;
+    sh.out.clear();
+    sh.Write("\x03");
+    ASSERT_TRUE(sh.WaitFor("Ctrl-C again or Ctrl-D to leave", 5000)) << sh.out;
+    EXPECT_FALSE(sh.Reap(100));  // one Ctrl-C does not leave
+    sh.Write("\x03");
+    EXPECT_TRUE(sh.Finish(10000)) << sh.out;
+    EXPECT_TRUE(sh.exited());
+    EXPECT_EQ(sh.exitCode(), 0) << "the last command, info, succeeded";
 }
 
 }  // namespace
