@@ -143,8 +143,9 @@ int main(int argc, char** argv) {
                 if (p[1].revents & POLLIN) return;
                 ssize_t n = read(STDIN_FILENO, chunk, sizeof chunk);
                 if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-                if (n <= 0) return;  // the end of input
-                buffer.append(chunk, static_cast<size_t>(n));
+                bool end = n <= 0;
+                if (end && !buffer.empty()) buffer += '\n';  // a last line without its newline
+                if (!end) buffer.append(chunk, static_cast<size_t>(n));
                 for (size_t nl; (nl = buffer.find('\n')) != std::string::npos;) {
                     std::string line = buffer.substr(0, nl);
                     buffer.erase(0, nl + 1);
@@ -156,6 +157,7 @@ int main(int argc, char** argv) {
                     std::string answer = trovsim::RunControl(server, line);
                     if (!answer.empty()) std::cout << answer << std::endl;
                 }
+                if (end) return;
             }
         });
     }

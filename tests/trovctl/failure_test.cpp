@@ -1,11 +1,10 @@
-// trovctl when the array is not reached or the connection to it is lost: one line on standard
-// error with the provider's reason, exit status 3, a listing that says it may be incomplete, the
-// JSON error object; and the emulator's fault options as the cause, run as the user runs them.
+// trovctl when the array is not reached or the connection to it is lost, with the emulator's fault
+// options as the cause, run as the user runs it: one line on standard error with the provider's
+// reason, exit status 3, a listing that says it may be incomplete, the JSON error object.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <stdlib.h>
-
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -14,38 +13,9 @@
 #include "child.h"
 
 using testchild::Child;
+using Words = std::vector<std::string>;
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void WriteFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/trovctl-failure.XXXXXX";
-        path_ = mkdtemp(tmpl);
-    }
-    ~TempDir() { (void)!system(("rm -rf '" + path_ + "'").c_str()); }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-// The emulator started with `args`, its kelvane.conf written to `conf`; its port.
-std::string StartSim(Child& sim, const std::string& conf) {
-    if (!sim.WaitFor("wrote " + conf, 10000)) return {};
-    std::string text = ReadFile(conf);
-    size_t at = text.find("port     :");
-    return at == std::string::npos ? std::string() : text.substr(at + 10, text.find('\n', at) - at - 10);
-}
 
 // `text` with every "%p" replaced by `port`.
 std::string WithPort(std::string text, const std::string& port) {
@@ -53,27 +23,30 @@ std::string WithPort(std::string text, const std::string& port) {
     return text;
 }
 
-struct Case {
-    const char* name;
-    std::vector<std::string> simArgs;  // with no emulator: empty and `conf` says what is read
-    const char* conf;                  // replaces the emulator's kelvane.conf when set
-    const char* password;              // in the kelvane.conf written for the emulator
-    std::vector<std::string> command;
-    const char* line;                  // the line on standard error
-    bool listed;                       // a listing is shown, and says it may be incomplete
-};
-
-std::vector<std::string> Trovctl(const std::string& conf, const std::vector<std::string>& words) {
-    std::vector<std::string> argv = {TROVCTL_BIN, "--proxy-conf", conf};
-    argv.insert(argv.end(), words.begin(), words.end());
-    return argv;
+// The documents of a stream of JSON documents.
+std::vector<nlohmann::json> Documents(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<nlohmann::json> docs;
+    try {
+        for (nlohmann::json j; in >> std::ws && in.peek() != EOF && (in >> j);) docs.push_back(j);
+    } catch (const nlohmann::json::parse_error&) {
+    }
+    return docs;
 }
 
 }  // namespace
 
 TEST(Failures, EachCauseIsOneLineWithTheProvidersReasonAndStatusThree) {
     const std::string conf = "version  :1\nipaddress:127.0.0.1\nusername :admin\npassword :%w\nport     :%p\n";
-    const Case cases[] = {
+    const struct {
+        const char* name;
+        Words simArgs;         // none: no emulator, and `conf` is what is read
+        const char* conf;      // the kelvane.conf when there is no emulator
+        const char* password;  // in the kelvane.conf for the emulator
+        Words command;
+        const char* line;      // on standard error; all of it when it ends the line
+        bool listed;           // a listing is shown, and says it may be incomplete
+    } cases[] = {
         {"wrong password", {}, nullptr, "wrong", {"list", "luns"},
          "trovctl: no array reached: login refused by the proxy service at 127.0.0.1:%p: invalid password (status 5)\n",
          false},
@@ -86,95 +59,82 @@ TEST(Failures, EachCauseIsOneLineWithTheProvidersReasonAndStatusThree) {
          "trovctl: no array reached: the proxy service at 127.0.0.1:%p speaks protocol version 4; this provider "
          "needs version 5\n",
          false},
-        {"empty kelvane.conf", {}, "", nullptr, {"list", "luns"}, "trovctl: no array reached: no usable kelvane.conf", false},
+        {"empty kelvane.conf", {}, "", nullptr, {"list", "luns"}, "trovctl: no array reached: no usable kelvane.conf",
+         false},
         {"malformed kelvane.conf", {}, "address=127.0.0.1\nport=9000\n", nullptr, {"list", "luns"},
          "trovctl: no array reached: no usable kelvane.conf", false},
         {"connection lost during the load", {"--close-after", "10"}, nullptr, "!admin", {"list", "luns"},
          "trovctl: the connection to the proxy service was lost: the exchange with the proxy service failed at ",
          true},
     };
-    for (const Case& c : cases) {
+    const std::string path = "/tmp/trovctl-failure-" + std::to_string(getpid()) + ".conf";
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        // A fresh emulator for each run: a fault such as close-after fires once.
         for (bool json : {false, true}) {
-            TempDir dir;
+            // A fresh emulator for each run: a fault such as close-after fires once.
             std::string port = "0";
             std::unique_ptr<Child> sim;
-            if (c.conf == nullptr) {
-                std::vector<std::string> args = {TROVSIM_BIN, "--port", "0", "--quiet", "--no-stdin",
-                                                 "--write-conf", dir / "sim.conf"};
+            if (c.conf) {
+                std::ofstream(path) << c.conf;
+            } else {
+                Words args = {TROVSIM_BIN, "--port", "0", "--no-stdin", "--quiet"};
                 args.insert(args.end(), c.simArgs.begin(), c.simArgs.end());
                 sim = std::make_unique<Child>(args);
-                port = StartSim(*sim, dir / "sim.conf");
-                ASSERT_FALSE(port.empty()) << sim->err;
+                ASSERT_TRUE(sim->WaitFor("listening on 127.0.0.1:", 10000)) << sim->err;
+                ASSERT_TRUE(sim->WaitFor("\n", 10000, sim->err.find("127.0.0.1:")));
+                size_t at = sim->err.find("127.0.0.1:") + 10;
+                port = sim->err.substr(at, sim->err.find('\n', at) - at);
                 std::string text = WithPort(conf, port);
-                text.replace(text.find("%w"), 2, c.password);
-                WriteFile(dir / "kelvane.conf", text);
-            } else {
-                WriteFile(dir / "kelvane.conf", c.conf);
+                std::ofstream(path) << text.replace(text.find("%w"), 2, c.password);
             }
-            std::vector<std::string> words = c.command;
-            if (json) words.insert(words.begin(), "--json");
-            Child run(Trovctl(dir / "kelvane.conf", words));
+            Words argv = {TROVCTL_BIN, "--proxy-conf", path};
+            if (json) argv.push_back("--json");
+            argv.insert(argv.end(), c.command.begin(), c.command.end());
+            Child run(argv);
             ASSERT_TRUE(run.Finish(30000)) << "trovctl did not end";
             EXPECT_EQ(run.exitCode(), 3) << run.err;
             std::string line = WithPort(c.line, port);
-            EXPECT_NE(run.err.find(line), std::string::npos) << run.err;
-            // One line says it; the provider's event reports may come beside it, not the same again.
-            EXPECT_EQ(run.err.find(line, run.err.find(line) + 1), std::string::npos) << run.err;
+            size_t at = run.err.find(line);
+            EXPECT_NE(at, std::string::npos) << run.err;
+            EXPECT_EQ(run.err.find(line, at + 1), std::string::npos) << "said once: " << run.err;
             EXPECT_EQ(run.err.find("may be incomplete") != std::string::npos, c.listed) << run.err;
             if (!json) {
                 EXPECT_EQ(run.out.find("luns (") != std::string::npos, c.listed) << run.out;
                 continue;
             }
-            // The error object comes when the failure does (after the load), then the listing that
-            // says in a field that it may be incomplete.
-            std::istringstream docs(run.out);
-            std::vector<nlohmann::json> parsed;
-            while (docs >> std::ws && docs.peek() != EOF) {
-                nlohmann::json j;
-                try {
-                    docs >> j;  // one document, the rest stays
-                } catch (const nlohmann::json::parse_error&) {
-                    break;
-                }
-                parsed.push_back(j);
-            }
-            ASSERT_EQ(parsed.size(), c.listed ? 2u : 1u) << run.out;
+            // The error object comes with the failure (after the load), then the listing, whose
+            // rows sit in an object that says they may be incomplete.
+            std::vector<nlohmann::json> docs = Documents(run.out);
+            ASSERT_EQ(docs.size(), c.listed ? 2u : 1u) << run.out;
+            EXPECT_EQ(docs[0]["code"], 3);
+            EXPECT_EQ(docs[0]["error"], c.listed ? "CONNECTION_LOST" : "NO_ARRAY");
+            std::string message = "trovctl: " + docs[0].value("message", std::string()) + "\n";
+            EXPECT_EQ(line.back() == '\n' ? message : message.substr(0, line.size()), line);
             if (c.listed) {
-                EXPECT_EQ(parsed[1]["incomplete"], true);
-                EXPECT_TRUE(parsed[1]["luns"].is_array());
+                EXPECT_EQ(docs[1]["incomplete"], true);
+                EXPECT_TRUE(docs[1]["luns"].is_array());
             }
-            EXPECT_EQ(parsed[0]["code"], 3);
-            EXPECT_EQ(parsed[0]["error"], c.listed ? "CONNECTION_LOST" : "NO_ARRAY");
-            // The message is the line: all of it where the case knows all of it.
-            std::string message = "trovctl: " + parsed[0].value("message", std::string());
-            if (line.back() == '\n')
-                EXPECT_EQ(message + "\n", line);
-            else
-                EXPECT_EQ(message.rfind(line, 0), 0u) << message;
         }
     }
+    std::remove(path.c_str());
 }
 
 TEST(Failures, BadFileArgumentsAndTimeoutsAreBadCommandLines) {
     const struct {
-        std::vector<std::string> args;
+        Words args;
         const char* message;
     } cases[] = {
-        {{"--proxy-conf", "/nonexistent/kelvane.conf", "info"},
+        {{"--proxy-conf", "/nonexistent/kelvane.conf"},
          "trovctl: --proxy-conf /nonexistent/kelvane.conf: No such file or directory\n"},
-        {{"--settings", "/nonexistent/settings.reg", "info"},
+        {{"--settings", "/nonexistent/settings.reg"},
          "trovctl: --settings /nonexistent/settings.reg: No such file or directory\n"},
-        {{"-f", "/tmp", "info"}, "trovctl: --file /tmp: is a directory\n"},
-        {{"--timeout", "0", "info"}, "trovctl: --timeout takes 1 to 600 seconds, not 0\n"},
-        {{"--timeout", "601", "info"}, "trovctl: --timeout takes 1 to 600 seconds, not 601\n"},
-        {{"--timeout", "soon", "info"}, "--timeout"},
+        {{"-f", "/tmp"}, "trovctl: --file /tmp: is a directory\n"},
+        {{"--timeout", "0"}, "trovctl: --timeout takes 1 to 600 seconds, not 0\n"},
+        {{"--timeout", "601"}, "trovctl: --timeout takes 1 to 600 seconds, not 601\n"},
+        {{"--timeout", "soon"}, "--timeout"},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> argv = {TROVCTL_BIN};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        Child run(argv);
+        Child run({TROVCTL_BIN, c.args[0], c.args[1], "info"});
         ASSERT_TRUE(run.Finish(10000));
         EXPECT_EQ(run.exitCode(), 2) << c.args[0] << " " << c.args[1] << ": " << run.err;
         EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;

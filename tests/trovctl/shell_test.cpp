@@ -453,6 +453,8 @@ TEST(HelpText, NamesEveryCommand) {
                             "setflag drive hotspare", "clearflag drive hotspare", "extents", "getdrive BUS SLOT",
                             "portprops N", "help", "quit"})
         EXPECT_NE(help.find(std::string("  ") + cmd), std::string::npos) << cmd;
+    for (const char* status : {"0 done", "1 the provider refused", "2 a bad command line", "3 the array was not reached"})
+        EXPECT_NE(help.find(status), std::string::npos) << status;
 }
 
 }  // namespace

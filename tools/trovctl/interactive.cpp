@@ -93,7 +93,8 @@ int Shell::RunTerminal() {
     // Saved line by line; append_history needs the file to exist.
     if (!history.empty() && read_history(history.c_str()) != 0) write_history(history.c_str());
     g_shell = this;
-    rl_catch_signals = 0;  // the signal thread takes Ctrl-C (interrupt.h)
+    rl_catch_signals = 0;  // the signal thread takes Ctrl-C and resizes (interrupt.h)
+    rl_catch_sigwinch = 0;
     rl_attempted_completion_function = Complete;
     bool armed = false;  // a Ctrl-C on an empty line came: the next one leaves
     bool installed = false;
@@ -105,11 +106,19 @@ int Shell::RunTerminal() {
         }
         int what = WaitInput();
         if (what < 0) break;
+        if (what == 2 && !interrupt::Pending()) {  // no Ctrl-C: the terminal's size changed
+            interrupt::Drain();
+            if (interrupt::TakeResize()) rl_resize_terminal();
+            continue;
+        }
         if (what == 2) {
             interrupt::Clear();
             if (interrupt::Ending()) break;
             bool empty = rl_end == 0;
-            if (empty && armed) break;
+            if (empty && armed) {
+                rl_crlf();  // the caller's prompt comes on a line of its own
+                break;
+            }
             armed = empty;
             // The line is dropped and a fresh prompt drawn below it.
             rl_callback_sigcleanup();
@@ -154,6 +163,10 @@ int Shell::RunLines() {
         if (nl == std::string::npos && !eof) {
             int what = WaitInput();
             if (what < 0) break;
+            if (what == 2 && !interrupt::Pending()) {
+                interrupt::Drain();
+                continue;
+            }
             if (what == 2) {
                 interrupt::Clear();
                 if (interrupt::Ending() || armed) break;

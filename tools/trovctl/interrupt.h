@@ -14,12 +14,15 @@
 // kGraceMs (a call into the provider that does not return), the program ends without it. Either
 // way it ends as by the signal, as a shell expects of an interrupted program.
 //
+// SIGWINCH is taken the same way, so that no signal handler runs on a provider thread.
 // Without Install() nothing is taken and Pending() stays false; Sleep() still sleeps.
 #pragma once
 
+#include <string>
+
 namespace trovctl::interrupt {
 
-constexpr int kGraceMs = 5000;
+constexpr int kGraceMs = 3000;
 
 void Install();
 void SetInteractive(bool interactive);
@@ -27,16 +30,22 @@ void SetInteractive(bool interactive);
 bool Pending();
 // Answers it.
 void Clear();
-// Readable while a Ctrl-C is pending.
+// Readable while a Ctrl-C is pending (or after a resize).
 int WakeFd();
+// Empties WakeFd() without answering a Ctrl-C: a reader that checks Pending() before it waits
+// loses none.
+void Drain();
 // Waits `ms` of real time, or less when a Ctrl-C comes; false when interrupted.
 bool Sleep(int ms);
 // The program is to end (SIGTERM, a Ctrl-C outside the shell, a second unanswered Ctrl-C).
 bool Ending();
 // Ends the program as by the signal that ended it; returns when none did.
 void ExitAsSignalled();
-
-// For tests: behaves as if the signal had come (SIGINT or SIGTERM).
-void Deliver(int sig);
+// A file or (empty) folder of this run that the program removes should it end without
+// unwinding (the grace time ran out); the owner removes it as usual otherwise.
+void RemoveIfCutShort(const std::string& path);
+// True once after the terminal's size changed (SIGWINCH, taken by the same thread): the shell
+// lets its line editor know. The change also makes WakeFd() readable, without a Ctrl-C.
+bool TakeResize();
 
 }  // namespace trovctl::interrupt

@@ -53,6 +53,9 @@ public:
             return false;
         }
         dir_ = tmpl;
+        trovctl::interrupt::RemoveIfCutShort(dir_);
+        trovctl::interrupt::RemoveIfCutShort(dir_ + "/kelvane.conf");
+        trovctl::interrupt::RemoveIfCutShort(dir_ + "/settings.reg");
         trovsim::Options o;
         o.logRequests = false;
         o.heartbeatIntervalMs = 0;
@@ -149,15 +152,17 @@ int Run(int argc, char** argv) {
     trovctl::interrupt::Install();
 
     BuiltInArray builtIn;
-    trovctl::TempFile confSettings("trovctl-settings"), timeoutSettings("trovctl-timeout");
+    std::optional<trovctl::TempFile> confSettings, timeoutSettings;  // removed as the run ends
     if (!opt.settings.empty()) {
         setenv("TROVHWIPRV_SETTINGS", opt.settings.c_str(), 1);
     } else if (!opt.proxyConf.empty()) {
-        if (confSettings.path().empty() || !trovctl::WriteSettingsFor(opt.proxyConf, confSettings.path())) {
+        const std::string& path = confSettings.emplace("trovctl-settings").path();
+        trovctl::interrupt::RemoveIfCutShort(path);
+        if (path.empty() || !trovctl::WriteSettingsFor(opt.proxyConf, path)) {
             std::cerr << "trovctl: cannot write a settings file for " << opt.proxyConf << "\n";
             return kFailed;
         }
-        setenv("TROVHWIPRV_SETTINGS", confSettings.path().c_str(), 1);
+        setenv("TROVHWIPRV_SETTINGS", path.c_str(), 1);
     } else if (!getenv("TROVHWIPRV_SETTINGS")) {
         std::string err;
         if (!builtIn.Start(opt.simLog, &err)) {
@@ -168,14 +173,15 @@ int Run(int argc, char** argv) {
     }
     if (opt.timeout) {
         const char* inUse = getenv("TROVHWIPRV_SETTINGS");
-        std::string err;
-        if (timeoutSettings.path().empty() ||
-            !trovctl::WriteTimeoutOverlay(inUse && *inUse ? inUse : kDefaultSettings,
-                                          static_cast<uint32_t>(*opt.timeout), timeoutSettings.path(), &err)) {
+        const std::string& path = timeoutSettings.emplace("trovctl-timeout").path();
+        trovctl::interrupt::RemoveIfCutShort(path);
+        std::string err = "cannot make a temporary file";
+        if (path.empty() || !trovctl::WriteTimeoutOverlay(inUse && *inUse ? inUse : kDefaultSettings,
+                                                          static_cast<uint32_t>(*opt.timeout), path, &err)) {
             std::cerr << "trovctl: cannot write the settings for --timeout: " << err << "\n";
             return kFailed;
         }
-        setenv("TROVHWIPRV_SETTINGS", timeoutSettings.path().c_str(), 1);
+        setenv("TROVHWIPRV_SETTINGS", path.c_str(), 1);
     }
 
     // Declared before the host: the provider may speak to the sink until the host unloads it.

@@ -123,10 +123,8 @@ void Shell::BeginLoad() { BeginCommand(); }
 
 int Shell::EndLoad(HRESULT hr) {
     if (FAILED(hr)) {
-        render_.Error(HResultName(hr) ? HResultName(hr) : "E_FAIL", static_cast<uint32_t>(hr),
-                      "OnLoad failed: " + HrText(hr));
         arrayReached_ = false;
-        return EndCommand(kFailed, true);
+        return EndCommand(Failed("OnLoad", hr), true);
     }
     return EndCommand(kOk, true);
 }
