@@ -124,9 +124,7 @@ int Shell::RunTerminal() {
             rl_callback_sigcleanup();
             rl_replace_line("", 0);
             rl_crlf();
-            if (empty) {
-                std::cout << kLeaveHint << std::endl;
-            }
+            if (empty) render_.out() << kLeaveHint << std::endl;
             rl_on_new_line();
             rl_redisplay();
             continue;
@@ -136,7 +134,7 @@ int Shell::RunTerminal() {
         if (!g_lineReady) continue;
         installed = false;
         if (g_endOfInput) {
-            std::cout << std::endl;
+            render_.out() << std::endl;
             break;
         }
         if (!g_line.empty()) {
@@ -144,7 +142,7 @@ int Shell::RunTerminal() {
             if (!history.empty()) append_history(1, history.c_str());
         }
         rc = ExecuteLine(g_line);
-        if (rc == kInterrupted) std::cout << std::endl;  // the terminal echoed ^C where the output was
+        if (rc == kInterrupted) render_.out() << std::endl;  // the terminal echoed ^C where the output was
         render_.out().flush();
         interrupt::Clear();
     }
