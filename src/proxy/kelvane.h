@@ -3,12 +3,14 @@
 // Every command is one exchange in the packet buffer, run by CommandExchange, the one piece that
 // carries the reply rule:
 //
-//   CommandExchange x(kCommand);               // takes kelvane_lock_vds, logs the entry line
-//   uint8_t* pkt = x.Begin(dataLen, cleared);  // header, DataLen, payload zeroed if `cleared`
-//   ... store the request fields at their packet offsets ...
-//   int rc = x.Run();                          // exchange and judge the reply: 0, -1 or the code
-//   if (rc == 0) ... read the reply from pkt ...
-//                                              // the lock goes with x at the end of the scope
+//   CommandExchange x(cmd::kGetPercent);         // takes kelvane_lock_vds
+//   auto* p = x.Begin<req::GetPercent>();        // header, DataLen, payload zeroed if "cleared"
+//   if (p) ... store the request fields by name ...
+//   int rc = x.Run();                            // exchange and judge the reply: 0, -1 or the code
+//   if (rc == 0) ... read the reply from p ...
+//                                                // the lock goes with x at the end of the scope
+//
+// The layouts and the command table (OpCode, DataLen, cleared, result rule) are proxy/requests.h.
 //
 // Run() sends 36 + DataLen bytes, takes up to 36 bytes of reply with one receive, reads the
 // payload only when exactly 36 came and DataLen isn't 0, then checks DataType (RSREPLY) and
@@ -24,21 +26,11 @@
 
 #include "platform/platform.h"
 #include "proxy/records.h"
+#include "proxy/requests.h"
 #include "proxy/wire.h"
 
 // The mutex of one command exchange; made at module load. Null: commands run unlocked.
 extern MutexHandle hVdsMutex;
-
-struct CommandDef {
-    const char* method;   // "get_percent": log lines read "Kelvane::get_percent ..."
-    const char* opName;   // "GET_PERCENT_COMPLETED": named in the DataType-or-OpCode line
-    uint32_t opcode;
-    bool codeResult;      // a non-zero error_code is the method's value (else -1)
-    // Where a command's failure lines borrow another command's texts (kept on purpose): the
-    // name used in them and the value shown with opName. Zero/null: the method's own.
-    const char* logMethod = nullptr;
-    uint32_t shownOpcode = UINT32_MAX;
-};
 
 class CommandExchange {
 public:
@@ -47,10 +39,14 @@ public:
     CommandExchange(const CommandExchange&) = delete;
     CommandExchange& operator=(const CommandExchange&) = delete;
 
-    // Builds the header in the packet buffer, stores DataLen and, for a "cleared" command,
-    // zeroes the payload. Returns the packet (header at 0, payload from 36). Null when the
-    // session has no packet buffer (the connect sequence never ran or the provider unloaded).
-    uint8_t* Begin(uint32_t dataLen, bool cleared);
+    // Builds the header of the command in the packet buffer, stores DataLen and, for a "cleared"
+    // command, zeroes the payload. Returns the packet as the command's layout P (whose size must
+    // be 36 + the command's DataLen). Null when the session has no packet buffer (the connect
+    // sequence never ran or the provider unloaded).
+    template <class P>
+    P* Begin() {
+        return reinterpret_cast<P*>(BeginPacket(sizeof(P)));
+    }
     // Steps of the reply rule. The error word is read at `errorOffset` (40; get_subsystems: 36,
     // where it is tested without conversion).
     int Run(size_t errorOffset = wire::kErrorCodeOffset);
@@ -64,6 +60,8 @@ public:
     bool failedOnErrorCode() const { return failedOnCode_; }
 
 private:
+    uint8_t* BeginPacket(size_t packetSize);
+
     const CommandDef& cmd_;
     uint8_t* pkt_ = nullptr;
     uint32_t dataLen_ = 0;

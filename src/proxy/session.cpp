@@ -17,6 +17,7 @@
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"
 #include "proxy/kelvane_conf.h"
+#include "proxy/requests.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
 #include "support/host_notice.h"
@@ -26,10 +27,7 @@ SessionState g_session;
 
 namespace {
 
-constexpr uint32_t kHandshakeOp = 1, kHandshakeAnswerOp = 2, kLoginOp = 3, kLoginAnswerOp = 4;
-constexpr uint32_t kListenPortOp = 7, kListenPortAnswerOp = 8, kGoodbyeOp = 14;
 constexpr int kVersionMismatch = 29;
-constexpr uint32_t kLoginRecordSize = 344;
 constexpr int kConnectTries = 10;
 
 // Never destroyed: a detached thread may still be leaving them when the process exits.
@@ -117,17 +115,32 @@ void NotifyThreadEnded(std::atomic<int>* runningFlag) {
     g_threadsCv.notify_all();
 }
 
+namespace {
+// The size of a session packet P, and its DataLen.
+template <class P>
+constexpr int PacketSize() {
+    return static_cast<int>(sizeof(P));
+}
+template <class P>
+constexpr uint32_t PayloadSize() {
+    return static_cast<uint32_t>(sizeof(P) - wire::kHeaderSize);
+}
+}  // namespace
+
 int Handshake(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kHandshakeOp);
-    std::memcpy(buffer + wire::kHeaderSize, "qvemid", 6);
-    wire::StoreBe32(buffer + wire::kDataLenOffset, 6);
-    int n = exec_cmnd(buffer, 42, buffer, static_cast<int>(wire::kHeaderSize));
+    auto* q = reinterpret_cast<req::Handshake*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kHandshakeOp);
+    std::memcpy(q->word, "qvemid", sizeof q->word);
+    q->header.dataLen = PayloadSize<req::Handshake>();
+    int n = exec_cmnd(buffer, PacketSize<req::Handshake>(), buffer, static_cast<int>(wire::kHeaderSize));
     if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) != 8)
+    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
+        ReadSessionPayload(buffer, n) != static_cast<int>(PayloadSize<req::HandshakeAnswer>()))
         return -1;
-    if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != kHandshakeAnswerOp) return -1;
-    uint32_t versionStatus = wire::LoadBe32(buffer + 36);
-    g_session.HandshakeToken = wire::LoadBe32(buffer + 40);
+    if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != req::kHandshakeAnswerOp) return -1;
+    const auto* a = reinterpret_cast<const req::HandshakeAnswer*>(buffer);
+    uint32_t versionStatus = a->versionStatus;
+    g_session.HandshakeToken = a->handshakeToken;
     if (((versionStatus >> 8) & 0xFF) != 5) {
         NoteHostFailure("the proxy service at %s:%u speaks protocol version %u; this provider needs version 5",
                         g_session.AgentIP, g_session.Port, (versionStatus >> 8) & 0xFF);
@@ -137,44 +150,46 @@ int Handshake(uint8_t* buffer) {
 }
 
 int Login(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kLoginOp);
-    uint8_t* rec = buffer + wire::kHeaderSize;
-    std::memset(rec, 0, kLoginRecordSize);
-    std::memcpy(rec, g_session.UserName, sizeof g_session.UserName);
-    std::memcpy(rec + 32, g_session.Password, sizeof g_session.Password);
-    EncipherPasswordField(rec + 32);
-    rec[80] = static_cast<uint8_t>(g_session.PasswordLength & 0xFF);
-    wire::StoreBe32(rec + 84, g_session.HandshakeToken);
-    wire::StoreBe32(buffer + wire::kDataLenOffset, kLoginRecordSize);
-    int n = exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize + kLoginRecordSize), buffer,
-                      static_cast<int>(wire::kHeaderSize));
+    auto* q = reinterpret_cast<req::Login*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kLoginOp);
+    std::memset(buffer + wire::kHeaderSize, 0, PayloadSize<req::Login>());
+    static_assert(sizeof q->userName == sizeof g_session.UserName && sizeof q->password == sizeof g_session.Password);
+    std::memcpy(q->userName, g_session.UserName, sizeof q->userName);
+    std::memcpy(q->password, g_session.Password, sizeof q->password);
+    EncipherPasswordField(q->password);
+    q->passwordLength = static_cast<uint8_t>(g_session.PasswordLength & 0xFF);
+    q->handshakeToken = g_session.HandshakeToken;
+    q->header.dataLen = PayloadSize<req::Login>();
+    int n = exec_cmnd(buffer, PacketSize<req::Login>(), buffer, static_cast<int>(wire::kHeaderSize));
     if (n <= 0) return -1;
     if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
-        ReadSessionPayload(buffer, n) != 12)
+        ReadSessionPayload(buffer, n) != static_cast<int>(PayloadSize<req::LoginAnswer>()))
         return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
-    if (type != wire::RSSESSION || op != kLoginAnswerOp) {
+    if (type != wire::RSSESSION || op != req::kLoginAnswerOp) {
         HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
         return -1;
     }
-    uint32_t status = wire::LoadBe32(buffer + 36);
+    const auto* a = reinterpret_cast<const req::LoginAnswer*>(buffer);
+    uint32_t status = a->status;
     if (status == 1) {
-        g_transport.SessionKey = wire::LoadBe32(buffer + 40);
+        g_transport.SessionKey = a->sessionKey;
         return 0;
     }
     return StatusResult(status, "login");
 }
 
 int negotiate_listen_port(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kListenPortOp);
-    wire::StoreBe16(buffer + wire::kHeaderSize, ListenPort());
-    wire::StoreBe32(buffer + wire::kDataLenOffset, 2);
-    int n = exec_cmnd(buffer, 38, buffer, static_cast<int>(wire::kHeaderSize));
+    auto* q = reinterpret_cast<req::ListenPort*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kListenPortOp);
+    q->port = ListenPort();
+    q->header.dataLen = PayloadSize<req::ListenPort>();
+    int n = exec_cmnd(buffer, PacketSize<req::ListenPort>(), buffer, static_cast<int>(wire::kHeaderSize));
     if (n <= 0) return -1;
     if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) < 1)
         return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
-    if (type == wire::RSSESSION && op == kListenPortAnswerOp) return 0;
+    if (type == wire::RSSESSION && op == req::kListenPortAnswerOp) return 0;
     HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
     return -1;
 }
@@ -281,8 +296,8 @@ void shut() {
     DebugTrace("shut()\n");
     uint8_t* buffer = g_transport.PacketBuffer;
     if (buffer && g_transport.sock.load() > 0) {
-        MakeHeader(buffer, wire::RSSESSION, kGoodbyeOp);
-        exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize), buffer, static_cast<int>(wire::kHeaderSize));
+        MakeHeader(buffer, wire::RSSESSION, req::kGoodbyeOp);
+        exec_cmnd(buffer, PacketSize<req::Goodbye>(), buffer, static_cast<int>(wire::kHeaderSize));
     }
     CloseProxySocket(0);
 }
