@@ -41,33 +41,49 @@ uint8_t* CommandExchange::BeginPacket(size_t packetSize) {
     return pkt_;
 }
 
+int CommandExchange::Fail(const std::string& why, int32_t socketError) {
+    NoteHostFailure("the exchange with the proxy service failed at %s (%s)", cmd_.method, why.c_str());
+    DropConnection(socketError);
+    return -1;
+}
+
 int CommandExchange::Run(size_t errorOffset) {
     const char* name = cmd_.LogMethod();
     if (!pkt_) {
         DebugTrace("OOP!! Kelvane::%s exec_cmnd(Line %d) error, it return len = %d\n", name, __LINE__, -1);
         return -1;
     }
+    // A connection closed by an earlier failure stays closed until the reconnect: the command
+    // fails at once, with the reason said when it was closed.
+    const bool closedBefore = g_transport.sock.load() < 0;
     int n = exec_cmnd(pkt_, static_cast<int>(wire::kHeaderSize + dataLen_), pkt_, static_cast<int>(wire::kHeaderSize));
     if (n <= 0) {
         DebugTrace("OOP!! Kelvane::%s exec_cmnd(Line %d) error, it return len = %d\n", name, __LINE__, n);
-        NoteHostFailure("the exchange with the proxy service failed at %s (%s)", cmd_.method,
-                        TransportErrorText(g_transport.LastSocketError.load()).c_str());
-        return -1;
+        return Fail(closedBefore ? std::string("no connection; it was closed after a failed exchange and waits "
+                                               "for the reconnect")
+                                 : TransportErrorText(g_transport.LastSocketError.load()),
+                    0);
     }
+    // One receive takes the header, as in the original; a header that comes short is a malformed
+    // reply here (the original judges the request's own bytes that it leaves in the buffer).
+    const bool shortHeader = n != static_cast<int>(wire::kHeaderSize);
     uint32_t len = wire::DataLenOf(pkt_);
-    if (n == static_cast<int>(wire::kHeaderSize) && len != 0) {
+    if (!shortHeader && len != 0) {
         // Our bound: a reply larger than the packet buffer is refused before a byte of it lands.
         if (len > wire::kPacketBufferSize - wire::kHeaderSize) {
             DebugTrace("OOP!! Kelvane::%s ph->DataLen(Line %d) error, the len = %d, ntohl(ph->DataLen) = %d\n", name,
                        __LINE__, -1, static_cast<int>(len));
             DebugTrace("OOP!! Kelvane::%s reply of %u bytes does not fit the packet buffer\n", name, len);
-            return -1;
+            return Fail(TrovFormatString("a reply of %u bytes, more than the packet buffer holds", len),
+                        kMalformedReply);
         }
         int got = recvdata(pkt_ + wire::kHeaderSize, static_cast<int>(len));
         if (got != static_cast<int>(len)) {
             DebugTrace("OOP!! Kelvane::%s ph->DataLen(Line %d) error, the len = %d, ntohl(ph->DataLen) = %d\n", name,
                        __LINE__, got, static_cast<int>(len));
-            return -1;
+            return Fail(TrovFormatString("the reply's %u bytes of payload did not all come: %s", len,
+                                         TransportErrorText(g_transport.LastSocketError.load()).c_str()),
+                        0);
         }
     }
     uint32_t type = wire::DataTypeOf(pkt_), op = wire::OpCodeOf(pkt_);
@@ -76,7 +92,13 @@ int CommandExchange::Run(size_t errorOffset) {
                    "ph->OpCode(=%d), %s(=%d) \n",
                    name, __LINE__, static_cast<int>(type), static_cast<int>(wire::RSREPLY), static_cast<int>(op),
                    cmd_.LogOpName(), static_cast<int>(cmd_.LogOpcode()));
-        return -1;
+        if (shortHeader) return Fail(TrovFormatString("a reply header of %d bytes", n), kMalformedReply);
+        return Fail(TrovFormatString("a reply of DataType %u, OpCode %u", type, op), kMalformedReply);
+    }
+    if (shortHeader) {
+        // What the short header left of the request could pass for a reply: refused all the same.
+        DebugTrace("OOP!! Kelvane::%s reply header of %d bytes(Line %d) error\n", name, n, __LINE__);
+        return Fail(TrovFormatString("a reply header of %d bytes", n), kMalformedReply);
     }
     replyLen_ = len;
     // get_subsystems tests its word at 36 without conversion; a zero test is the same either way.

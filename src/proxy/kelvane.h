@@ -16,12 +16,19 @@
 // payload only when exactly 36 came and DataLen isn't 0, then checks DataType (RSREPLY) and
 // OpCode, then error_code. Each failure is logged in the method's own name (a few commands borrow
 // another's) and fails with -1; a non-zero error_code is returned as the value for commands whose
-// result kind is "code". A reply that announces more payload than the packet
-// buffer holds fails without reading it: the buffer is never overrun.
+// result kind is "code". A reply that announces more payload than the packet buffer holds fails
+// without reading it: the buffer is never overrun.
+//
+// Every wait is bounded (see proxy/iasocket.h). A transport or format failure (no reply in time,
+// a lost connection, a short header, a payload that doesn't all come, more than the buffer holds,
+// another DataType or OpCode) tells the host why in one line (NoteHostFailure) and closes the
+// connection (DropConnection): a late byte of that reply can never be read as another command's.
+// A non-zero error_code in a well-formed reply is the array's answer: the connection stays.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "platform/platform.h"
@@ -61,6 +68,9 @@ public:
 
 private:
     uint8_t* BeginPacket(size_t packetSize);
+    // A transport or format failure: the host is told why, the connection is closed
+    // (DropConnection with `socketError`); returns -1.
+    int Fail(const std::string& why, int32_t socketError);
 
     const CommandDef& cmd_;
     uint8_t* pkt_ = nullptr;

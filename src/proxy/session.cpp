@@ -37,15 +37,57 @@ std::condition_variable& g_threadsCv = *new std::condition_variable;
 const char* kLostText = "The VDS Provider has lost its connection to the TROV Proxy service.";
 const char* kRestoredText = "The VDS Provider has restored its connection to the TROV Proxy service.";
 
-// Reads a session answer's payload when the header came whole and announces one. Returns the
-// count read, 0 when there was none to read, or -1.
-int ReadSessionPayload(uint8_t* buffer, int n) {
-    if (n != static_cast<int>(wire::kHeaderSize)) return 0;
-    uint32_t len = wire::DataLenOf(buffer);
-    if (len == 0) return 0;
-    if (len > wire::kPacketBufferSize - wire::kHeaderSize) return -1;  // never past the buffer
-    return recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
+// A session answer that didn't come, or came malformed: the host is told once, and the
+// connection is closed (DropConnection with `socketError`), as after a failed command. The
+// original keeps the connection, so that what is left of the answer is read as the next one.
+int SessionFailure(const char* step, const std::string& why, int32_t socketError) {
+    NoteHostFailure("the %s exchange with the proxy service at %s:%u failed (%s)", step, g_session.AgentIP,
+                    g_session.Port, why.c_str());
+    DropConnection(socketError);
+    return -1;
 }
+
+// Reads the payload that a whole answer header announces (a short header is judged with the
+// answer's kind). `expected`: the length the payload must have, 0 for any. False once the answer
+// has failed (SessionFailure done).
+bool ReadAnswerPayload(uint8_t* buffer, int n, const char* step, uint32_t expected) {
+    if (n != static_cast<int>(wire::kHeaderSize)) return true;
+    uint32_t len = wire::DataLenOf(buffer);
+    if (len == 0) return true;
+    if (len > wire::kPacketBufferSize - wire::kHeaderSize) {  // never past the buffer
+        SessionFailure(step, TrovFormatString("an answer of %u bytes, more than the packet buffer holds", len),
+                       kMalformedReply);
+        return false;
+    }
+    int got = recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
+    if (got != static_cast<int>(len)) {
+        SessionFailure(step,
+                       TrovFormatString("the answer's %u bytes of payload did not all come: %s", len,
+                                        TransportErrorText(g_transport.LastSocketError.load()).c_str()),
+                       0);
+        return false;
+    }
+    if (expected != 0 && len != expected) {
+        SessionFailure(step, TrovFormatString("an answer of %u bytes, %u expected", len, expected), kMalformedReply);
+        return false;
+    }
+    return true;
+}
+
+// The answer's kind is judged after its payload: a short header, or another DataType or OpCode.
+int WrongAnswer(const char* step, int n, uint32_t type, uint32_t op) {
+    if (n != static_cast<int>(wire::kHeaderSize))
+        return SessionFailure(step, TrovFormatString("an answer header of %d bytes", n), kMalformedReply);
+    return SessionFailure(step, TrovFormatString("an answer of DataType %u, OpCode %u", type, op), kMalformedReply);
+}
+
+int NoAnswer(const char* step) {
+    return SessionFailure(step, TransportErrorText(g_transport.LastSocketError.load()), 0);
+}
+
+constexpr const char* kHandshakeStep = "handshake";
+constexpr const char* kLoginStep = "login";
+constexpr const char* kListenPortStep = "listen-port";
 
 // `step`: "handshake" or "login", for the host's failure line.
 int StatusResult(uint32_t status, const char* step) {
@@ -133,11 +175,11 @@ int Handshake(uint8_t* buffer) {
     std::memcpy(q->word, "qvemid", sizeof q->word);
     q->header.dataLen = PayloadSize<req::Handshake>();
     int n = exec_cmnd(buffer, PacketSize<req::Handshake>(), buffer, static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
-        ReadSessionPayload(buffer, n) != static_cast<int>(PayloadSize<req::HandshakeAnswer>()))
-        return -1;
-    if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != req::kHandshakeAnswerOp) return -1;
+    if (n <= 0) return NoAnswer(kHandshakeStep);
+    if (!ReadAnswerPayload(buffer, n, kHandshakeStep, PayloadSize<req::HandshakeAnswer>())) return -1;
+    uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
+    if (n != static_cast<int>(wire::kHeaderSize) || type != wire::RSSESSION || op != req::kHandshakeAnswerOp)
+        return WrongAnswer(kHandshakeStep, n, type, op);
     const auto* a = reinterpret_cast<const req::HandshakeAnswer*>(buffer);
     uint32_t versionStatus = a->versionStatus;
     g_session.HandshakeToken = a->handshakeToken;
@@ -161,15 +203,14 @@ int Login(uint8_t* buffer) {
     q->handshakeToken = g_session.HandshakeToken;
     q->header.dataLen = PayloadSize<req::Login>();
     int n = exec_cmnd(buffer, PacketSize<req::Login>(), buffer, static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
-        ReadSessionPayload(buffer, n) != static_cast<int>(PayloadSize<req::LoginAnswer>()))
-        return -1;
+    if (n <= 0) return NoAnswer(kLoginStep);
+    if (!ReadAnswerPayload(buffer, n, kLoginStep, PayloadSize<req::LoginAnswer>())) return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
     if (type != wire::RSSESSION || op != req::kLoginAnswerOp) {
         HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
-        return -1;
+        return WrongAnswer(kLoginStep, n, type, op);
     }
+    if (n != static_cast<int>(wire::kHeaderSize)) return WrongAnswer(kLoginStep, n, type, op);
     const auto* a = reinterpret_cast<const req::LoginAnswer*>(buffer);
     uint32_t status = a->status;
     if (status == 1) {
@@ -185,13 +226,15 @@ int negotiate_listen_port(uint8_t* buffer) {
     q->port = ListenPort();
     q->header.dataLen = PayloadSize<req::ListenPort>();
     int n = exec_cmnd(buffer, PacketSize<req::ListenPort>(), buffer, static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) < 1)
-        return -1;
+    if (n <= 0) return NoAnswer(kListenPortStep);
+    if (!ReadAnswerPayload(buffer, n, kListenPortStep, 0)) return -1;  // a payload is read and ignored
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
-    if (type == wire::RSSESSION && op == req::kListenPortAnswerOp) return 0;
+    if (type == wire::RSSESSION && op == req::kListenPortAnswerOp) {
+        if (n != static_cast<int>(wire::kHeaderSize)) return WrongAnswer(kListenPortStep, n, type, op);
+        return 0;
+    }
     HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
-    return -1;
+    return WrongAnswer(kListenPortStep, n, type, op);
 }
 
 int ProxyLogin() {
