@@ -71,7 +71,8 @@ const std::vector<Command>& Commands() {
          }},
         {cmd::kGetVersion.opcode, [] { Kelvane::get_version(); }},
         {cmd::kSetPartName.opcode, [] { Kelvane::set_part_name(7, kSerial, "name"); }},
-        {cmd::kAddArrayPart.opcode, [] { Kelvane::add_array_part(7, kSerial, 1 << 20, "v", 0, 0, nullptr, Out<PartitionData>().get()); }},
+        {cmd::kAddArrayPart.opcode,
+         [] { Kelvane::add_array_part(7, kSerial, 1 << 20, "v", 0, 0, nullptr, Out<PartitionData>().get()); }},
         {cmd::kDeletePart.opcode, [] { Kelvane::delete_part(7, kSerial); }},
         {cmd::kCreateArray.opcode, [] {
              std::vector<DriveLocation> l(3, DriveLocation{0, 1});
@@ -118,7 +119,8 @@ const std::vector<Command>& Commands() {
          }},
         {cmd::kConvertMaster.opcode, [] { Kelvane::convert_master_volume(7, 9, kSerial, kId); }},
         {cmd::kGetPartView.opcode, [] { Kelvane::get_part_view(7, kSerial, Out<PartitionView>().get()); }},
-        {cmd::kCreateCustomView.opcode, [] { Kelvane::create_custom_view(7, kSerial, 1, true, 16, "0123456789abcdef", true); }},
+        {cmd::kCreateCustomView.opcode,
+         [] { Kelvane::create_custom_view(7, kSerial, 1, true, 16, "0123456789abcdef", true); }},
         {cmd::kCreateCustomView.opcode, [] { Kelvane::create_custom_view(7, kSerial, 1, true, 0x40, kAddr); }},
         {cmd::kCacheParams.opcode, [] { Kelvane::change_partition_cache_params(7, kSerial, kSerial); }},  // 32 bytes
         {cmd::kResetController.opcode, [] { Kelvane::reset_controller(7, 1); }},
@@ -136,7 +138,8 @@ const std::vector<Command>& Commands() {
         {cmd::kSetTargetSecret.opcode, [] { Kelvane::set_target_secret(7, kSerial, 12); }},
         {cmd::kClearTargetSecrets.opcode, [] { Kelvane::clear_all_target_secret(7); }},
         {cmd::kSetNamedTargetSecret.opcode, [] { Kelvane::set_target_secret(7, kSerial, kSerial, 32, 16); }},
-        {cmd::kRememberInitiator.opcode, [] { Kelvane::remeber_initiator_secret(7, kSerial, kSerial, kSerial, 32, 32, 32); }},
+        {cmd::kRememberInitiator.opcode,
+         [] { Kelvane::remeber_initiator_secret(7, kSerial, kSerial, kSerial, 32, 32, 32); }},
         {cmd::kGetKnownHosts.opcode, [] {
              auto k = Out<KnownHostList>();
              if (Kelvane::get_flex_known_hosts(7, k.get()) == 0) CHECK(k->hostCount() <= rec::kMaxKnownHosts);

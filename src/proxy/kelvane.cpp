@@ -323,11 +323,13 @@ int Kelvane::blink_drive(uint32_t handle, uint8_t on, const uint8_t* driveSerial
 }
 
 int Kelvane::flush_cache(uint32_t handle, const uint8_t* serial) {
-    return HandleCommand<req::HandleAndSerial48>(cmd::kFlushCache, handle, [&](auto& p) { PutSerial(p.serial, serial); });
+    return HandleCommand<req::HandleAndSerial48>(cmd::kFlushCache, handle,
+                                                 [&](auto& p) { PutSerial(p.serial, serial); });
 }
 
 int Kelvane::free_cache(uint32_t handle, const uint8_t* serial) {
-    return HandleCommand<req::HandleAndSerial52>(cmd::kFreeCache, handle, [&](auto& p) { PutSerial(p.serial, serial); });
+    return HandleCommand<req::HandleAndSerial52>(cmd::kFreeCache, handle,
+                                                 [&](auto& p) { PutSerial(p.serial, serial); });
 }
 
 int Kelvane::silence_alarm(uint32_t handle) {
@@ -765,7 +767,8 @@ int Kelvane::create_custom_view(uint32_t handle, const uint8_t* partSerial, uint
                ipText);
     auto* p = x.Begin<req::CreateCustomView>();
     if (p) {
-        req::ViewEntry& e = PutViewEntry(*p, handle, partSerial, lun, !bCreate && !ip, type, bCreate ? kAccessReadWrite : 0);
+        req::ViewEntry& e =
+            PutViewEntry(*p, handle, partSerial, lun, !bCreate && !ip, type, bCreate ? kAccessReadWrite : 0);
         if (ip && (type == 0x40 || type == 0x80)) std::memcpy(e.address, ip + 4, sizeof e.address);
     }
     return x.Run();
@@ -791,28 +794,32 @@ int Kelvane::reset_controller(uint32_t handle, uint8_t flag) {
 }
 
 int Kelvane::set_owner(uint32_t handle, const uint8_t* arraySerial) {
-    return HandleCommand<req::SetOwner>(cmd::kSetOwner, handle, [&](auto& p) { PutSerial(p.arraySerial, arraySerial); });
+    return HandleCommand<req::SetOwner>(cmd::kSetOwner, handle,
+                                        [&](auto& p) { PutSerial(p.arraySerial, arraySerial); });
 }
 
 namespace {
-// A field of the authentication table's payload: where, what, how long, and the room it has.
-struct AuthField {
-    size_t at;
-    const uint8_t* data;
-    uint32_t length;
-    uint32_t max;
-};
-#define TROV_AUTH_FIELD(member) offsetof(req::AuthRecord, member), static_cast<uint32_t>(sizeof(req::AuthRecord::member))
+// Where a field of the authentication table's payload stands, and the room it has.
 struct AuthPlace {
     size_t at;
     uint32_t max;
 };
+#define TROV_AUTH_FIELD(member) \
+    offsetof(req::AuthRecord, member), static_cast<uint32_t>(sizeof(req::AuthRecord::member))
 constexpr AuthPlace kAuthFirstName{TROV_AUTH_FIELD(firstName)};
 constexpr AuthPlace kAuthSecondName{TROV_AUTH_FIELD(secondName)};
 constexpr AuthPlace kAuthSecret{TROV_AUTH_FIELD(secret)};
 constexpr AuthPlace kAuthSecondText{TROV_AUTH_FIELD(secondText)};
 constexpr AuthPlace kAuthThirdText{TROV_AUTH_FIELD(thirdText)};
 #undef TROV_AUTH_FIELD
+
+// A field to store: its place, the caller's bytes and their length.
+struct AuthField {
+    size_t at;
+    const uint8_t* data;
+    uint32_t length;
+    uint32_t max;
+};
 
 AuthField Field(AuthPlace place, const uint8_t* data, uint32_t length) { return {place.at, data, length, place.max}; }
 

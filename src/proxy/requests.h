@@ -610,45 +610,63 @@ constexpr ResultRule kMinusOne = ResultRule::kMinusOne, kCode = ResultRule::kCod
 template <class P>
 constexpr CommandDef Def(const char* method, const char* opName, uint32_t opcode, bool cleared, ResultRule result,
                          Borrowed b = {}) {
-    return CommandDef{method,  opName,          opcode, static_cast<uint32_t>(sizeof(P) - wire::kHeaderSize),
-                      cleared, result,          HandleAt<P>(), b.method, b.opName, b.opcode};
+    return CommandDef{method, opName, opcode, static_cast<uint32_t>(sizeof(P) - wire::kHeaderSize),
+                      cleared, result, HandleAt<P>(), b.method, b.opName, b.opcode};
 }
 
-inline constexpr CommandDef kGetSubsystems = Def<req::GetSubsystems>("get_subsystems", "GET_CONTROLLERHANDLEDB", 0, kCleared, kMinusOne);
-inline constexpr CommandDef kGetControllerData = Def<req::GetControllerData>("get_controller_data", "GET_CONTROLLER", 1, kAsHeld, kMinusOne);
+inline constexpr CommandDef kGetSubsystems =
+    Def<req::GetSubsystems>("get_subsystems", "GET_CONTROLLERHANDLEDB", 0, kCleared, kMinusOne);
+inline constexpr CommandDef kGetControllerData =
+    Def<req::GetControllerData>("get_controller_data", "GET_CONTROLLER", 1, kAsHeld, kMinusOne);
 inline constexpr CommandDef kGetEvent = Def<req::GetEvent>("get_event", "GET_EVENT", 9, kCleared, kMinusOne);
 inline constexpr CommandDef kGetEvents = Def<req::GetEvent>("get_events", "GET_EVENT", 9, kCleared, kMinusOne);
 inline constexpr CommandDef kGetVersion = Def<req::GetVersion>("get_version", "GET_VERSION", 11, kAsHeld, kMinusOne);
-inline constexpr CommandDef kSetPartName = Def<req::SetPartName>("set_part_name", "SET_PART_NAME", 12, kAsHeld, kMinusOne);
-inline constexpr CommandDef kAddArrayPart = Def<req::AddArrayPart>("add_array_part", "ADD_ARRAY_PART", 14, kCleared, kCode);
-inline constexpr CommandDef kDeletePart = Def<req::HandleAndSerial52>("delete_part", "DELETE_PART", 15, kAsHeld, kMinusOne);
-inline constexpr CommandDef kCreateArray = Def<req::CreateArray>("create_array", "CREATE_ARRAY", 16, kCleared, kMinusOne);
+inline constexpr CommandDef kSetPartName =
+    Def<req::SetPartName>("set_part_name", "SET_PART_NAME", 12, kAsHeld, kMinusOne);
+inline constexpr CommandDef kAddArrayPart =
+    Def<req::AddArrayPart>("add_array_part", "ADD_ARRAY_PART", 14, kCleared, kCode);
+inline constexpr CommandDef kDeletePart =
+    Def<req::HandleAndSerial52>("delete_part", "DELETE_PART", 15, kAsHeld, kMinusOne);
+inline constexpr CommandDef kCreateArray =
+    Def<req::CreateArray>("create_array", "CREATE_ARRAY", 16, kCleared, kMinusOne);
 inline constexpr CommandDef kExpandPart = Def<req::ExpandPart>("expand_part", "EXPAND_PART", 17, kCleared, kMinusOne);
 // Its failure lines bear get_version's name; the OpCode shown is its own.
 inline constexpr CommandDef kExpandArray =
     Def<req::ExpandArray>("expand_array", "EXPAND_ARRAY", 18, kCleared, kMinusOne, {"get_version"});
-inline constexpr CommandDef kAssignSpare = Def<req::AssignSpare>("assign_spare", "ASSIGN_POOL_SPARE", 19, kCleared, kMinusOne);
+inline constexpr CommandDef kAssignSpare =
+    Def<req::AssignSpare>("assign_spare", "ASSIGN_POOL_SPARE", 19, kCleared, kMinusOne);
 inline constexpr CommandDef kBlinkDrive = Def<req::BlinkDrive>("blink_drive", "BLINK_DRIVE", 20, kCleared, kMinusOne);
-inline constexpr CommandDef kFlushCache = Def<req::HandleAndSerial48>("flush_cache", "FLUSH_CACHE", 21, kCleared, kMinusOne);
-inline constexpr CommandDef kFreeCache = Def<req::HandleAndSerial52>("free_cache", "FREE_CACHE", 22, kCleared, kMinusOne);
-inline constexpr CommandDef kSilenceAlarm = Def<req::HandleAndByte>("silence_alarm", "SILENCE_ALARM", 23, kCleared, kMinusOne);
-inline constexpr CommandDef kDeleteArray = Def<req::HandleAndSerial52>("delete_array", "DELETE_ARRAY", 24, kAsHeld, kMinusOne);
-inline constexpr CommandDef kAbortUtility = Def<req::HandleAndSerial48>("abort_utility", "ABORT_UTILITY", 27, kCleared, kMinusOne);
-inline constexpr CommandDef kGetPercent = Def<req::GetPercent>("get_percent", "GET_PERCENT_COMPLETED", 28, kCleared, kMinusOne);
-inline constexpr CommandDef kSetAdvNet = Def<req::SetAdvNet>("set_adv_net", "SET_ADV_NET_INTERFACE", 29, kCleared, kMinusOne);
-inline constexpr CommandDef kSetPartLun = Def<req::SetPartLun>("set_part_lun", "CHANGE_PART_LUN", 30, kCleared, kMinusOne);
+inline constexpr CommandDef kFlushCache =
+    Def<req::HandleAndSerial48>("flush_cache", "FLUSH_CACHE", 21, kCleared, kMinusOne);
+inline constexpr CommandDef kFreeCache =
+    Def<req::HandleAndSerial52>("free_cache", "FREE_CACHE", 22, kCleared, kMinusOne);
+inline constexpr CommandDef kSilenceAlarm =
+    Def<req::HandleAndByte>("silence_alarm", "SILENCE_ALARM", 23, kCleared, kMinusOne);
+inline constexpr CommandDef kDeleteArray =
+    Def<req::HandleAndSerial52>("delete_array", "DELETE_ARRAY", 24, kAsHeld, kMinusOne);
+inline constexpr CommandDef kAbortUtility =
+    Def<req::HandleAndSerial48>("abort_utility", "ABORT_UTILITY", 27, kCleared, kMinusOne);
+inline constexpr CommandDef kGetPercent =
+    Def<req::GetPercent>("get_percent", "GET_PERCENT_COMPLETED", 28, kCleared, kMinusOne);
+inline constexpr CommandDef kSetAdvNet =
+    Def<req::SetAdvNet>("set_adv_net", "SET_ADV_NET_INTERFACE", 29, kCleared, kMinusOne);
+inline constexpr CommandDef kSetPartLun =
+    Def<req::SetPartLun>("set_part_lun", "CHANGE_PART_LUN", 30, kCleared, kMinusOne);
 inline constexpr CommandDef kGetDmsTag = Def<req::GetDmsTag>("get_dms_tag", "GET_DMS_TAG", 50, kCleared, kCode);
 // Its format line names ADD_ARRAY_PART and 14 though the OpCode is 51.
 inline constexpr CommandDef kCreateSnapshot =
-    Def<req::CreateSnapshot>("create_snapshot", "CREATE_SNAPSHOT", 51, kCleared, kCode, {nullptr, "ADD_ARRAY_PART", 14});
+    Def<req::CreateSnapshot>("create_snapshot", "CREATE_SNAPSHOT", 51, kCleared, kCode,
+                             {nullptr, "ADD_ARRAY_PART", 14});
 inline constexpr CommandDef kGetBackingStores =
     Def<req::GetBackingStoreList>("get_backing_store_list", "GET_BACKING_STORE_LIST", 55, kAsHeld, kCode);
 inline constexpr CommandDef kGetMasterVolumes =
     Def<req::GetMasterVolumeList>("get_master_volume_list", "GET_MASTER_VOLUME_LIST", 56, kAsHeld, kCode);
-inline constexpr CommandDef kGetSnapshots = Def<req::GetSnapshotList>("get_snapshot_list", "GET_SNAPSHOT_LIST", 57, kAsHeld, kCode);
+inline constexpr CommandDef kGetSnapshots =
+    Def<req::GetSnapshotList>("get_snapshot_list", "GET_SNAPSHOT_LIST", 57, kAsHeld, kCode);
 inline constexpr CommandDef kConvertMaster =
     Def<req::ConvertMasterVolume>("convert_master_volume", "CONVERT_MASTER_VOLUME", 61, kAsHeld, kCode);
-inline constexpr CommandDef kGetPartView = Def<req::GetPartView>("get_part_view", "GET_PARTITION_VIEW", 70, kCleared, kMinusOne);
+inline constexpr CommandDef kGetPartView =
+    Def<req::GetPartView>("get_part_view", "GET_PARTITION_VIEW", 70, kCleared, kMinusOne);
 inline constexpr CommandDef kCreateCustomView =
     Def<req::CreateCustomView>("create_custom_view", "CREATE_CUSTOM_VIEW", 71, kCleared, kMinusOne);
 inline constexpr CommandDef kCacheParams =
@@ -656,12 +674,16 @@ inline constexpr CommandDef kCacheParams =
 inline constexpr CommandDef kResetController =
     Def<req::HandleAndByte>("reset_controller", "REBOOT_CONTROLLER", 85, kCleared, kMinusOne);
 inline constexpr CommandDef kSetOwner = Def<req::SetOwner>("set_owner", "SET_PREFERRED_OWNER", 92, kCleared, kMinusOne);
-inline constexpr CommandDef kRescanBus = Def<req::HandleAndByte>("rescan_bus", "RESCAN_ALL_BUS", 105, kCleared, kMinusOne);
-inline constexpr CommandDef kGetNeedRefresh = Def<req::GetNeedRefresh>("get_need_refresh", "GET_NEED_REFRESH", 108, kAsHeld, kCode);
+inline constexpr CommandDef kRescanBus =
+    Def<req::HandleAndByte>("rescan_bus", "RESCAN_ALL_BUS", 105, kCleared, kMinusOne);
+inline constexpr CommandDef kGetNeedRefresh =
+    Def<req::GetNeedRefresh>("get_need_refresh", "GET_NEED_REFRESH", 108, kAsHeld, kCode);
 inline constexpr CommandDef kGetUnified =
     Def<req::GetUnifiedControllerData>("get_unified_controller_data", "GET_UNIFIED_CONTROLLER", 109, kAsHeld, kCode);
-inline constexpr CommandDef kGetAuthRecord = Def<req::AuthRecord>("get_authDB_record", "GET_AUTHDB_RECORD", 113, kCleared, kCode);
-inline constexpr CommandDef kSetTargetSecret = Def<req::AuthRecord>("set_target_secret", "SET_TARGET_SECRET", 115, kCleared, kCode);
+inline constexpr CommandDef kGetAuthRecord =
+    Def<req::AuthRecord>("get_authDB_record", "GET_AUTHDB_RECORD", 113, kCleared, kCode);
+inline constexpr CommandDef kSetTargetSecret =
+    Def<req::AuthRecord>("set_target_secret", "SET_TARGET_SECRET", 115, kCleared, kCode);
 inline constexpr CommandDef kClearTargetSecrets =
     Def<req::AuthRecord>("clear_all_target_secret", "CLEAR_ALL_TARGET_SECRET", 116, kCleared, kCode);
 inline constexpr CommandDef kSetNamedTargetSecret =
@@ -675,15 +697,13 @@ inline constexpr CommandDef kGetHbaInfo =
 
 // Every command, in OpCode order; forms that share an OpCode follow one another.
 inline constexpr const CommandDef* kAll[] = {
-    &kGetSubsystems,   &kGetControllerData, &kGetEvent,          &kGetEvents,        &kGetVersion,
-    &kSetPartName,     &kAddArrayPart,      &kDeletePart,        &kCreateArray,      &kExpandPart,
-    &kExpandArray,     &kAssignSpare,       &kBlinkDrive,        &kFlushCache,       &kFreeCache,
-    &kSilenceAlarm,    &kDeleteArray,       &kAbortUtility,      &kGetPercent,       &kSetAdvNet,
-    &kSetPartLun,      &kGetDmsTag,         &kCreateSnapshot,    &kGetBackingStores, &kGetMasterVolumes,
-    &kGetSnapshots,    &kConvertMaster,     &kGetPartView,       &kCreateCustomView, &kCacheParams,
-    &kResetController, &kSetOwner,          &kRescanBus,         &kGetNeedRefresh,   &kGetUnified,
-    &kGetAuthRecord,   &kSetTargetSecret,   &kClearTargetSecrets, &kSetNamedTargetSecret, &kRememberInitiator,
-    &kGetKnownHosts,   &kGetHbaInfo,
+    &kGetSubsystems, &kGetControllerData, &kGetEvent, &kGetEvents, &kGetVersion, &kSetPartName, &kAddArrayPart,
+    &kDeletePart, &kCreateArray, &kExpandPart, &kExpandArray, &kAssignSpare, &kBlinkDrive, &kFlushCache,
+    &kFreeCache, &kSilenceAlarm, &kDeleteArray, &kAbortUtility, &kGetPercent, &kSetAdvNet, &kSetPartLun,
+    &kGetDmsTag, &kCreateSnapshot, &kGetBackingStores, &kGetMasterVolumes, &kGetSnapshots, &kConvertMaster,
+    &kGetPartView, &kCreateCustomView, &kCacheParams, &kResetController, &kSetOwner, &kRescanBus, &kGetNeedRefresh,
+    &kGetUnified, &kGetAuthRecord, &kSetTargetSecret, &kClearTargetSecrets, &kSetNamedTargetSecret,
+    &kRememberInitiator, &kGetKnownHosts, &kGetHbaInfo,
 };
 
 // The first command of that OpCode; null for an OpCode the catalogue doesn't hold.

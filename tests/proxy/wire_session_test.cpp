@@ -302,7 +302,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "an answer of 4 bytes, 8 expected)"},
         // The header promises eight bytes, three come, then the connection ends.
         BadReply{"ClosedMidReply", Truncated(HandshakeAnswer(0x0501, 1), 39), true, "recvdata len = 0\n",
-                 kClosedByService, "the answer's 8 bytes of payload did not all come: connection closed by the service)"},
+                 kClosedByService,
+                 "the answer's 8 bytes of payload did not all come: connection closed by the service)"},
         BadReply{"ClosedWithoutReply", {}, true, "OOP!! exec_cmnd recv error 0x0\n", kClosedByService,
                  "connection closed by the service)"},
         // Larger than the packet buffer: refused without a read, nothing written past the buffer.
@@ -774,8 +775,8 @@ TEST(LoadLimits, ReplyTimeoutFromTheSettingsBoundsALoad) {
     call.Join();
     EXPECT_EQ(call.Elapsed(), 7000u);
     EXPECT_EQ(hr, VDS_E_INITIALIZED_FAILED);  // the load's answer to a subsystem list that failed
-    EXPECT_EQ(failures.lines(),
-              std::vector<std::string>{"the exchange with the proxy service failed at get_subsystems (no reply in time)"});
+    EXPECT_EQ(failures.lines(), std::vector<std::string>{
+                                    "the exchange with the proxy service failed at get_subsystems (no reply in time)"});
     env.tp.clock().SetAuto(true);
 }
 

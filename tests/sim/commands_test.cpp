@@ -270,7 +270,8 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
 
     // Delete it again: 108, then the vdisk: 24, and the drives are free.
     auto byHandleAndSerial = [&](const CommandDef& def, const uint8_t* serial) {
-        return Send<req::HandleAndSerial52>(def, [&](auto& p) { p.head.handle = kB, std::memcpy(p.serial, serial, 32); }, &r);
+        return Send<req::HandleAndSerial52>(
+            def, [&](auto& p) { p.head.handle = kB, std::memcpy(p.serial, serial, 32); }, &r);
     };
     ASSERT_TRUE(byHandleAndSerial(cmd::kDeletePart, part.PartSn));
     EXPECT_EQ(ErrorOf(r), 0u);
@@ -442,7 +443,8 @@ TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
     EXPECT_EQ(hba.entries[0].wwpn[0], 0x21);
 
     auto needRefresh = [&] {
-        EXPECT_TRUE(Send<req::GetNeedRefresh>(cmd::kGetNeedRefresh, [&](auto& p) { PutText(p.uniqueSN, "00C0FF1A2B3C"); }, &r));
+        EXPECT_TRUE(Send<req::GetNeedRefresh>(
+            cmd::kGetNeedRefresh, [&](auto& p) { PutText(p.uniqueSN, "00C0FF1A2B3C"); }, &r));
         const auto* a = As<req::GetNeedRefresh>(r);
         return a ? a->answer : uint8_t(0xFF);
     };
@@ -464,7 +466,8 @@ TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
         &r));
     ASSERT_EQ(ErrorOf(r), 0u);
     auto lookup = [&](const char* name) {
-        return Send<req::AuthRecord>(cmd::kGetAuthRecord, [&](auto& p) { p.head.handle = kA, PutText(p.firstName, name); }, &r);
+        return Send<req::AuthRecord>(
+            cmd::kGetAuthRecord, [&](auto& p) { p.head.handle = kA, PutText(p.firstName, name); }, &r);
     };
     ASSERT_TRUE(lookup("iqn.x:init"));
     ASSERT_EQ(ErrorOf(r), 0u);
@@ -480,7 +483,8 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     sim->WithModel([&](Model& m) { vd = m.subsystems()[0].vdisks[0].serial; });
     std::vector<uint8_t> r = AddPart(kA, vd.data(), 1ull << 30, "store", TROV_PART_BACKING_STORE);
     ASSERT_EQ(ErrorOf(r), 0u);
-    ASSERT_TRUE(Send<req::GetBackingStoreList>(cmd::kGetBackingStores, [&](auto& p) { p.head.handle = kA, p.controllerId = 1; }, &r));
+    ASSERT_TRUE(Send<req::GetBackingStoreList>(
+        cmd::kGetBackingStores, [&](auto& p) { p.head.handle = kA, p.controllerId = 1; }, &r));
     const auto* stores = As<req::GetBackingStoreList>(r);
     ASSERT_NE(stores, nullptr);
     ASSERT_EQ(stores->count, 1u);
@@ -528,14 +532,20 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     // The master's snapshots, by its key.
     ASSERT_TRUE(Send<req::GetSnapshotList>(
         cmd::kGetSnapshots,
-        [&](auto& p) { p.head.handle = kA, p.byteA = 5, p.byteB = 1, std::memcpy(p.key, Cd(cd).partition(0, 4).PartSn, 32); },
+        [&](auto& p) {
+            p.head.handle = kA, p.byteA = 5, p.byteB = 1;
+            std::memcpy(p.key, Cd(cd).partition(0, 4).PartSn, 32);
+        },
         &r));
     ASSERT_NE(As<req::GetSnapshotList>(r), nullptr);
     EXPECT_EQ(As<req::GetSnapshotList>(r)->count, 1u);
     // A master with a snapshot isn't turned back into a standard volume.
     ASSERT_TRUE(Send<req::ConvertMasterVolume>(
         cmd::kConvertMaster,
-        [&](auto& p) { p.head.handle = kA, p.subcommand = 8, std::memcpy(p.serial, Cd(cd).partition(0, 4).PartSn, 32); },
+        [&](auto& p) {
+            p.head.handle = kA, p.subcommand = 8;
+            std::memcpy(p.serial, Cd(cd).partition(0, 4).PartSn, 32);
+        },
         &r));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrInUse));
 }
