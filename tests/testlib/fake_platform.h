@@ -143,6 +143,7 @@ public:
     struct tm LocalTime() override;
     std::unique_ptr<PlatformEvent> CreateEvent() override;
     int WaitReadable(int fd, uint32_t ms) override;
+    int WaitWritable(int fd, uint32_t ms) override;
     HRESULT CreateGuid(GUID* g) override;
     void* TaskMemAlloc(size_t n) override;
     void HostVersion(uint32_t* ma, uint32_t* mi) override;
@@ -151,6 +152,8 @@ public:
     int FileFailure(const std::string& path) const;
 
 private:
+    int WaitFor(int fd, short events, uint32_t ms);
+
     mutable std::mutex mu_;
     SettingsStore settings_;
     FakeClock clock_;
