@@ -4,7 +4,8 @@ set -euo pipefail
 PKGS=(build-essential cmake ninja-build pkg-config git
       libgtest-dev libgmock-dev libbenchmark-dev
       uuid-dev libblkid-dev nlohmann-json3-dev libcli11-dev libreadline-dev gettext
-      libssl-dev clang libclang-rt-14-dev)
+      libssl-dev clang libclang-rt-14-dev
+      tgt libiscsi-bin)
 missing=()
 for p in "${PKGS[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
