@@ -419,7 +419,9 @@ bool IscsiService::Start(const std::vector<Endpoint>& portals, std::string* erro
         ReleaseFolder();
         return false;
     }
-    controlPort_ = portals.front().port;
+    // tgtd takes control ports up to 32767 only; the socket lives in our own folder, so the
+    // number only has to be valid, not unique.
+    controlPort_ = static_cast<uint16_t>(portals.front().port & 0x7FFF);
     driver_ = std::make_unique<Driver>(tgtadm, folder_, controlPort_);
     reconciler_ = std::make_unique<IscsiReconciler>(*driver_, [this](const std::string& l) { Log(l); });
     std::set<std::string> files;
