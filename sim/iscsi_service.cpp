@@ -433,6 +433,7 @@ bool IscsiService::Start(const std::vector<Endpoint>& portals, std::string* erro
         stop_ = false;
         startState_ = 0;
         startError_.clear();
+        passes_ = 0;
         warnings_.clear();
         inStep_ = false;
     }
@@ -448,6 +449,8 @@ bool IscsiService::Start(const std::vector<Endpoint>& portals, std::string* erro
         if (error) *error = why;
         return false;
     }
+    // Serving starts with the model's state in place, not an empty daemon.
+    cv_.wait_for(g, std::chrono::milliseconds(opt_.startTimeoutMs), [&] { return passes_ > 0; });
     std::string where;
     for (const Endpoint& e : portals) where += (where.empty() ? "" : ", ") + e.Text();
     g.unlock();
@@ -713,6 +716,7 @@ void IscsiService::Loop() {
             if (!warnings_.count(w)) Log("iSCSI warning: " + w);
         warnings_ = now;
         description_ = text.str();
+        ++passes_;
         if (refused == 0) {
             inStep_ = true;
             inStepGeneration_ = generation;

@@ -97,6 +97,7 @@ private:
     pid_t pid_ = -1;
     Endpoint backend_;
     uint64_t starts_ = 0;
+    uint64_t passes_ = 0;  // syncs done since Start()
     uint64_t inStepGeneration_ = 0;
     bool inStep_ = false;
     std::set<std::string> warnings_;  // logged already
