@@ -5,10 +5,12 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -332,6 +334,83 @@ TEST_F(DataPath, StartFailsClearlyWithoutTgtdAndThePortalMustBeFree) {
     plain.tgtdPath = dir_ + "/no-such-tgtd";
     EXPECT_TRUE(Start(plain, &err)) << err;
     EXPECT_EQ(sim_->iscsi(), nullptr);
+}
+
+// The program beside this test program (one build folder holds both).
+std::string SimProgram() {
+    char self[4096] = {};
+    ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    std::string path(self, n > 0 ? static_cast<size_t>(n) : 0);
+    return path.substr(0, path.rfind('/') + 1) + "trovproxy-sim";
+}
+
+// Runs the emulator program with its standard input held open and its log in `logFile`; waits
+// (bounded) until it serves iSCSI. The child's pid, or -1.
+pid_t RunSim(const std::vector<std::string>& args, const std::string& logFile, int* stdinFd) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return -1;
+    std::vector<std::string> argv{SimProgram()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> a;
+    for (auto& s : argv) a.push_back(s.data());
+    a.push_back(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(fds[0], 0);
+        int log = ::open(logFile.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+        ::dup2(log, 2);
+        ::execv(a[0], a.data());
+        _exit(127);
+    }
+    ::close(fds[0]);
+    *stdinFd = fds[1];
+    for (int i = 0; i < 500; ++i) {
+        std::ifstream in(logFile);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (text.find("iSCSI: serving on") != std::string::npos) return pid;
+        if (::waitpid(pid, nullptr, WNOHANG) == pid) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pid;
+}
+
+bool ProcessAlive(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+TEST_F(DataPath, AnEmulatorKilledOutrightLeavesNothingTheNextStartCannotCleanUp) {
+    struct stat st;
+    ASSERT_EQ(::stat(SimProgram().c_str(), &st), 0) << SimProgram() << " is not built";
+    std::vector<std::string> args{"--scenario", "demo", "--port", "0", "--heartbeat", "0", "--quiet",
+                                  "--state", dir_ + "/state.json", "--iscsi", "127.0.0.1:" + std::to_string(port_)};
+    int in1 = -1;
+    pid_t first = RunSim(args, dir_ + "/first.log", &in1);
+    ASSERT_GT(first, 0);
+    std::ifstream pidFile(dir_ + "/state.json.iscsi/tgtd.pid");
+    pid_t daemon = 0;
+    pidFile >> daemon;
+    ASSERT_GT(daemon, 0);
+    ::kill(first, SIGKILL);
+    ::waitpid(first, nullptr, 0);
+    ::close(in1);
+
+    // The next start on the same state and portal serves again, with no tgtd of the first left.
+    int in2 = -1;
+    pid_t second = RunSim(args, dir_ + "/second.log", &in2);
+    ASSERT_GT(second, 0);
+    EXPECT_FALSE(ProcessAlive(daemon)) << "the first emulator's tgtd still runs";
+    Initiator ini;
+    std::string err;
+    EXPECT_TRUE(ini.Login("127.0.0.1", port_, kHost01, kTargetA, &err)) << err;
+    ini.Close();
+    ::close(in2);  // the end of its input stops it in order
+    ::kill(second, SIGTERM);
+    int status = 0;
+    ::waitpid(second, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << status;
 }
 
 }  // namespace
