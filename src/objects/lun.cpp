@@ -238,10 +238,12 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
     m_prop.status = static_cast<VDS_LUN_PLEX_STATUS>(lp.status);
     m_prop.health = lp.health;
 
-    uint32_t drives = 0;
-    subsystem->ForEach<CDrive>([&](CDrive* d) { drives += HoldsDrive(*d) ? 1 : 0; });
     if (m_isMirrorHalf && lp.health == VDS_H_FAILING_REDUNDANCY) {
-        // A mirror half that kept all its drives is whole; one that lost any has failed.
+        // A mirror half that kept all its drives is whole; one that lost any has failed. Only
+        // here are the drives counted: a walk over every drive for every plex is what made a
+        // large load slow.
+        uint32_t drives = 0;
+        subsystem->ForEach<CDrive>([&](CDrive* d) { drives += HoldsDrive(*d) ? 1 : 0; });
         uint32_t half = lun->MemberAmount() / 2;
         if (drives == half) {
             m_prop.status = VDS_LPS_ONLINE;
@@ -258,7 +260,8 @@ void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSyst
     provider->AddObject(*id, ObjectEntry{VDS_OT_LUN_PLEX, static_cast<IVdsLunPlex*>(this)});
     std::u16string key = lun->SerialText() + (m_isMirrorHalf && !m_isFirstHalf ? u" Plex2" : u" Plex");
     provider->RememberObject(*id, key, this, static_cast<IVdsLunPlex*>(this));
-    DebugTrace("CLunPlex::Initialize() PlexIden = %s, PlexType = %d, StripeSize=%d\n", WideToUtf8(key).c_str(),
+    DebugTrace("CLunPlex::Initialize() PlexIden = %s, PlexType = %d, StripeSize=%d\n",
+               DebugSinkActive() ? WideToUtf8(key).c_str() : "",
                static_cast<int>(m_prop.type), static_cast<int>(m_prop.ulStripeSize));
 }
 
@@ -505,14 +508,15 @@ void CLun::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* 
 }
 
 void CLun::DumpMySelf() const {
+    const bool text = DebugSinkActive();
     DebugTrace("m_Owner = %d, m_stripeSize = %d, LunSn = %ls, MemberAmount() = %d, m_RaidLevel = %d, "
                "m_numDrivesPerLowLevelArray=%d\n",
                m_Owner, static_cast<int>(m_stripeSize), m_prop.pwszIdentification, static_cast<int>(m_memberCount),
                m_RaidLevel, m_numDrivesPerLowLevelArray);
-    DebugTrace("m_ArraySn = %s\n", HexBytes(m_ArraySn, sizeof m_ArraySn).c_str());
+    DebugTrace("m_ArraySn = %s\n", text ? HexBytes(m_ArraySn, sizeof m_ArraySn).c_str() : "");
     DebugTrace("VDS_LUN_PROP: id %s size 0x%I64x name %S ident %S unmask %S flags 0x%x type %d status %d health %d "
                "transition %d rebuild %d\n",
-               LogGuid(m_prop.id).c_str(), m_prop.ullSize, m_prop.pwszFriendlyName, m_prop.pwszIdentification,
+               text ? LogGuid(m_prop.id).c_str() : "", m_prop.ullSize, m_prop.pwszFriendlyName, m_prop.pwszIdentification,
                m_prop.pwszUnmaskingList, m_prop.ulFlags, static_cast<int>(m_prop.type), static_cast<int>(m_prop.status),
                static_cast<int>(m_prop.health), static_cast<int>(m_prop.TransitionState),
                static_cast<int>(m_prop.sRebuildPriority));
