@@ -207,14 +207,21 @@ TEST_F(CreateLun, ADummyRequestMakesAVdiskWithoutAPartition) {
 }
 
 TEST_F(CreateLun, SnapshotsAndMasterVolumes) {
+    // The system's snapshot limit, then another refusal, which only passes the vdisk over.
+    env.sim->FailOpcode(cmd::kCreateSnapshot.opcode, 187);
+    EXPECT_EQ(Create(VDS_LT_RAID5, 0, {}, TROV_HINT_SNAPSHOT), VDS_E_PARTITION_LIMIT_REACHED);
+    env.sim->FailOpcode(cmd::kCreateSnapshot.opcode, 27);
+    EXPECT_EQ(Create(VDS_LT_RAID5, 0, {}, TROV_HINT_SNAPSHOT), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(VdiskNamed("VD-R5").parts.size(), 3u);
     CComPtr<IVdsLun> snap;
     ASSERT_EQ(Create(VDS_LT_RAID5, 0, {}, TROV_HINT_SNAPSHOT, 0, 0, &snap), S_OK);
     lab::LunFacts f = Facts(snap);
-    EXPECT_EQ(f.name, "VDS_SS_LUN_0");
+    // Each try took a fresh name: the refused ones stay used.
+    EXPECT_EQ(f.name, "VDS_SS_LUN_2");
     lab::VdiskFacts vd = VdiskNamed("VD-R5");
-    ASSERT_NE(vd.PartNamed("VDS_SS_LUN_0"), nullptr);
-    EXPECT_EQ(vd.PartNamed("VDS_SS_LUN_0")->type, 3);
-    EXPECT_EQ(vd.PartNamed("VDS_SS_LUN_0")->master, vd.PartNamed("mv")->serial);
+    ASSERT_NE(vd.PartNamed(f.name), nullptr);
+    EXPECT_EQ(vd.PartNamed(f.name)->type, 3);
+    EXPECT_EQ(vd.PartNamed(f.name)->master, vd.PartNamed("mv")->serial);
     EXPECT_NE(f.prop.ulFlags & VDS_LF_SNAPSHOT, 0u);
     // One snapshot per master in this array: the next is the array's limit.
     EXPECT_EQ(Create(VDS_LT_RAID5, 0, {}, TROV_HINT_SNAPSHOT), VDS_E_PARTITION_LIMIT_REACHED);
