@@ -124,7 +124,9 @@ TEST_F(CreateLun, ANewVdiskTakesTheLargestTierAndAsManyDrivesAsTheSizeNeeds) {
         EXPECT_EQ(vd.drivesPerLeg, c.perLeg);
         EXPECT_EQ(vd.owner, 1);  // controller A first
         for (const std::string& m : vd.members) EXPECT_EQ(m[0], 'S') << m;
-        if (c.size) EXPECT_EQ(vd.parts[0].bytes, c.size);
+        if (c.size) {
+            EXPECT_EQ(vd.parts[0].bytes, c.size);
+        }
         // Two plexes for a mirror; on this host a RAID10 vdisk is of the RAID10 type, with one.
         EXPECT_EQ(f.plexes.size(), c.raid == 1 ? 2u : 1u);
         // The members are no longer free in the tree, before any refresh.

@@ -92,7 +92,9 @@ struct LunFacts {
 
 class Lab : public ::testing::Test {
 protected:
-    explicit Lab(const nlohmann::json& scenario = Scenario()) : env(WriteScenario(scenario)) {}
+    explicit Lab(const nlohmann::json& scenario = Scenario())
+        : scenarioPath_(WriteScenario(scenario)), env(scenarioPath_) {}
+    ~Lab() override { unlink(scenarioPath_.c_str()); }
     void SetUp() override { ASSERT_EQ(env.Load(), S_OK); }
 
     static std::string WriteScenario(const nlohmann::json& doc) {
@@ -256,6 +258,7 @@ protected:
         EXPECT_FALSE(provider()->IsNeedRefresh());
     }
 
+    std::string scenarioPath_;  // before env: the emulator loads it
     testlib::ProviderEnv env;
 };
 
