@@ -414,3 +414,46 @@ TEST_F(CreateLun, AnOfflineControllerIsPassedOver) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(CreateLun, ADefaultLunOfThreeNamedDrivesIsRaid5) {
+    // No drive count hint asks for RAID6; three drives turn it back into RAID5.
+    CComPtr<IVdsLun> lun;
+    ASSERT_EQ(Create(VDS_LT_DEFAULT, 0, Drives({"S06", "S07", "S08"}), 0, 0, 0, &lun), S_OK);
+    lab::VdiskFacts vd = VdiskWithPart(Facts(lun).name);
+    EXPECT_EQ(vd.raid, 5);
+    EXPECT_EQ(vd.members.size(), 3u);
+    EXPECT_EQ(Facts(lun).prop.type, VDS_LT_RAID5);
+    EXPECT_EQ(vd.parts[0].bytes, 2 * lab::kSasUsable);
+}
+
+// A host of the generation before the newer RAID types: a RAID5 vdisk is a parity LUN.
+class CreateLunOlderHost : public Lab {
+protected:
+    void SetUp() override {
+        env.tp.SetHostVersion(6, 0);
+        ResetHostVersionForTest();
+        Lab::SetUp();
+    }
+    void TearDown() override { ResetHostVersionForTest(); }
+};
+
+TEST_F(CreateLunOlderHost, ParityFindsTheRaid5VdiskAndTheNewerTypesMapToRaid0) {
+    CComPtr<IVdsLun> lun;
+    ASSERT_EQ(Create(VDS_LT_PARITY, 8 * MiB, {}, 0, 3, 0, &lun), S_OK);
+    EXPECT_EQ(Facts(lun).prop.type, VDS_LT_PARITY);
+    EXPECT_NE(VdiskNamed("VD-R5").PartNamed(Facts(lun).name), nullptr);
+    // RAID6 is asked for by a parity request without a count hint: VD-R5 is not of that level.
+    size_t vdisks = VdiskCount();
+    CComPtr<IVdsLun> six;
+    ASSERT_EQ(Create(VDS_LT_PARITY, 8 * MiB, {}, 0, 0, 0, &six), S_OK);
+    EXPECT_EQ(VdiskCount(), vdisks + 1);
+    EXPECT_EQ(VdiskWithPart(Facts(six).name).raid, 11);
+    // A newer type has no level on this host: the vdisk is made as RAID0.
+    CComPtr<IVdsLun> five;
+    ASSERT_EQ(Create(VDS_LT_RAID5, 8 * MiB, Drives({"T0", "T1"}), 0, 0, 0, &five), S_OK);
+    EXPECT_EQ(VdiskWithPart(Facts(five).name).raid, 0);
+}
+
+}  // namespace
