@@ -99,7 +99,8 @@ HRESULT CSubSystem::CreateLun(VDS_LUN_TYPE type, ULONGLONG ullSizeInBytes, VDS_O
     if (n == 0) {
         if (t == VDS_LT_NON_FAULT_TOLERANT) t = VDS_LT_STRIPE;
     } else {
-        hr = SettleNamedDrives(&t, &raid, n, HasSameDriveType(*this, pDriveIdArray, n), SupportsRaid6());
+        hr = SettleNamedDrives(
+            &t, &raid, n, [&] { return HasSameDriveType(*this, pDriveIdArray, n); }, SupportsRaid6());
         if (FAILED(hr)) return hr;
     }
 

@@ -130,7 +130,8 @@ HRESULT CheckCreateArguments(int type, ULONGLONG size, bool driveArrayNull, LONG
     return S_OK;
 }
 
-HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, bool sameDriveType, bool supportRaid6) {
+HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, const std::function<bool()>& sameDriveType,
+                          bool supportRaid6) {
     bool wideRaid50 = IsParityType(*type) && (*raid == TROV_RAID50 || *raid == TROV_RAID30);
     if ((wideRaid50 && n > 32) || (!wideRaid50 && n > 16)) {
         DebugTrace("OOP!! CSubSystem::QueryMaxLunCreateSize() line %d : the input drives num to more(%d). return "
@@ -138,7 +139,7 @@ HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, bool sameDriveType, 
                    __LINE__, static_cast<int>(n));
         return E_INVALIDARG;
     }
-    if (!sameDriveType) return VDS_E_NOT_SUPPORTED;
+    if (!sameDriveType()) return VDS_E_NOT_SUPPORTED;
     if (n == 1 && *type == VDS_LT_STRIPE) return E_INVALIDARG;
     if (n != 1 && *type == VDS_LT_SIMPLE) return E_INVALIDARG;
     if (n < 3 && *type == VDS_LT_PARITY) return E_INVALIDARG;

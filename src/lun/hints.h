@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "platform/vds.h"
 #include "platform/wintypes.h"
@@ -52,8 +53,10 @@ HRESULT CheckCreateArguments(int type, ULONGLONG size, bool driveArrayNull, LONG
 // The rungs of a create request with n named drives (n > 0), in their order, then the settling:
 // types 1 and 2 become simple, mirror or parity by the count, type 3 a stripe, and a parity
 // LUN's RAID level is checked against the count (three drives turn RAID6 into RAID5).
-// `sameDriveType` is whether the named drives are all of one kind.
-HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, bool sameDriveType, bool supportRaid6);
+// `sameDriveType` answers whether the named drives are all of one kind; it is asked only after
+// the count rungs, so that no more ids are read than a request may carry.
+HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, const std::function<bool()>& sameDriveType,
+                          bool supportRaid6);
 
 inline ULONGLONG RoundUpToMb(ULONGLONG x) { return (x + 0xFFFFF) & ~0xFFFFFull; }
 inline ULONGLONG RoundDownToMb(ULONGLONG x) { return x & ~0xFFFFFull; }

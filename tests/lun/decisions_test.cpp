@@ -5,6 +5,7 @@
 
 #include "lun/capacity.h"
 #include "lun/hints.h"
+#include "lun/lun.h"
 #include "proxy/records.h"
 
 namespace {
@@ -206,8 +207,16 @@ TEST(LunDecisions, NamedDriveLadderAndSettling) {
     for (const Case& c : cases) {
         int type = c.type;
         uint8_t raid = c.raid;
-        EXPECT_EQ(SettleNamedDrives(&type, &raid, c.n, c.same, c.raid6), c.expect)
+        bool asked = false;
+        auto same = [&] {
+            asked = true;
+            return c.same;
+        };
+        EXPECT_EQ(SettleNamedDrives(&type, &raid, c.n, same, c.raid6), c.expect)
             << "type " << c.type << " raid " << int(c.raid) << " n " << c.n;
+        // The drive types are asked only within the count limits.
+        bool wide = IsParityType(c.type) && (c.raid == TROV_RAID50 || c.raid == TROV_RAID30);
+        EXPECT_EQ(asked, c.n <= (wide ? 32 : 16)) << "type " << c.type << " n " << c.n;
         if (c.expect == S_OK) {
             EXPECT_EQ(type, c.settledType) << "type " << c.type << " n " << c.n;
             EXPECT_EQ(raid, c.settledRaid) << "type " << c.type << " n " << c.n;
