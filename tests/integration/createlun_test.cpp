@@ -10,6 +10,7 @@
 #include <set>
 
 #include "lab.h"
+#include "objects/pool.h"
 
 using lab::Lab;
 using lab::MiB;
@@ -454,6 +455,86 @@ TEST_F(CreateLunOlderHost, ParityFindsTheRaid5VdiskAndTheNewerTypesMapToRaid0) {
     CComPtr<IVdsLun> five;
     ASSERT_EQ(Create(VDS_LT_RAID5, 8 * MiB, Drives({"T0", "T1"}), 0, 0, 0, &five), S_OK);
     EXPECT_EQ(VdiskWithPart(Facts(five).name).raid, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// The newer hints: a hot-spare bit counts only with its boolean.
+TEST_F(CreateLun, CreateLun2ConvertsTheNewerHints) {
+    CComPtr<IVdsSubSystem2> sub2;
+    Sub()->QueryInterface(IID_IVdsSubSystem2, reinterpret_cast<void**>(&sub2));
+    ASSERT_TRUE(sub2);
+    struct Case {
+        BOOL spare;
+        std::vector<VDS_OBJECT_ID> drives;
+        size_t members, spares;
+    } cases[] = {{0, Drives({"S06", "S07", "S08"}), 3, 0}, {1, Drives({"S09", "S10", "S11"}), 2, 1}};
+    for (Case& c : cases) {
+        VDS_HINTS2 h2{};
+        h2.ullHintMask = VDS_HINT_ALLOCATEHOTSPARE;
+        h2.bAllocateHotSpare = c.spare;
+        WCHAR empty[1] = {0};
+        IVdsAsync* async = nullptr;
+        // RAID0 takes two members: with the spare, the third drive is it.
+        ASSERT_EQ(sub2->CreateLun2(VDS_LT_STRIPE, 8 * MiB, c.drives.data(), 3, empty, &h2, &async), S_OK);
+        HRESULT result = E_FAIL;
+        VDS_ASYNC_OUTPUT out{};
+        ASSERT_EQ(async->Wait(&result, &out), S_OK);
+        async->Release();
+        CComPtr<IUnknown> unk;
+        unk.Attach(out.cl.pLunUnk);
+        CComPtr<IVdsLun> lun;
+        unk->QueryInterface(IID_IVdsLun, reinterpret_cast<void**>(&lun));
+        lab::VdiskFacts vd = VdiskWithPart(Facts(lun).name);
+        EXPECT_EQ(vd.members.size(), c.members) << c.spare;
+        EXPECT_EQ(vd.spares.size(), c.spares) << c.spare;
+    }
+    IVdsAsync* async = nullptr;
+    WCHAR empty[1] = {0};
+    EXPECT_EQ(sub2->CreateLun2(VDS_LT_STRIPE, 8 * MiB, nullptr, 0, empty, nullptr, &async), E_POINTER);
+}
+
+TEST_F(CreateLun, APrimordialPoolOffersItsFreeDrives) {
+    IVdsHwProviderStoragePools* pools = env.Query<IVdsHwProviderStoragePools>(IID_IVdsHwProviderStoragePools);
+    ASSERT_NE(pools, nullptr);
+    VDS_OBJECT_ID sata{};
+    bool found = false;
+    for (const auto& [id, e] : provider()->PoolMap()) {
+        CPool* p = e.As<CPool>();
+        if (p && !p->IsConcrete() && testlib::Narrow(p->Prop().pwszName).find("SATA") != std::string::npos) {
+            sata = id;
+            found = true;
+        }
+    }
+    ASSERT_TRUE(found);
+    VDS_HINTS2 h2{};
+    WCHAR empty[1] = {0};
+    IVdsAsync* async = nullptr;
+    // The two free SATA drives: a default LUN of two drives is a mirror.
+    ASSERT_EQ(pools->CreateLunInStoragePool(VDS_LT_DEFAULT, 0, sata, empty, &h2, &async), S_OK);
+    HRESULT result = E_FAIL;
+    VDS_ASYNC_OUTPUT out{};
+    ASSERT_EQ(async->Wait(&result, &out), S_OK);
+    async->Release();
+    CComPtr<IUnknown> unk;
+    unk.Attach(out.cl.pLunUnk);
+    CComPtr<IVdsLun> lun;
+    unk->QueryInterface(IID_IVdsLun, reinterpret_cast<void**>(&lun));
+    lab::VdiskFacts vd = VdiskWithPart(Facts(lun).name);
+    EXPECT_EQ(vd.raid, 1);
+    EXPECT_EQ(Sorted(vd.members), (std::vector<std::string>{"T0", "T1"}));
+    // Now the pool has no free drive.
+    EXPECT_EQ(pools->CreateLunInStoragePool(VDS_LT_DEFAULT, 0, sata, empty, &h2, &async), VDS_E_NOT_ENOUGH_DRIVE);
+    ULONGLONG size = 0;
+    EXPECT_EQ(pools->QueryMaxLunCreateSizeInStoragePool(VDS_LT_MIRROR, sata, &h2, &size), VDS_E_NOT_ENOUGH_DRIVE);
+    // With pools turned off in the settings, both answer that they are not supported.
+    env.tp.settings().SetDword(TROV_PARAMETERS_KEY, "Options", 1u << 18);
+    Options = 1u << 18;
+    EXPECT_EQ(pools->CreateLunInStoragePool(VDS_LT_DEFAULT, 0, sata, empty, &h2, &async), VDS_E_NOT_SUPPORTED);
+    EXPECT_EQ(pools->QueryMaxLunCreateSizeInStoragePool(VDS_LT_MIRROR, sata, &h2, &size), VDS_E_NOT_SUPPORTED);
+    pools->Release();
 }
 
 }  // namespace
