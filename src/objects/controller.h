@@ -62,6 +62,8 @@ public:
     uint32_t OverheadPerMille() const { return m_overheadPerMille; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    VDS_CONTROLLER_STATUS Status() const { return m_prop.status; }
+    VDS_HEALTH Health() const { return m_prop.health; }
     CSubSystem* SubSystem() const { return m_pSubSystem; }
     const char* VendorName() const { return m_vendorName; }
     const char* ProductId() const { return m_productId; }

@@ -11,7 +11,7 @@
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/iscsi.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/enumerator.h"
 #include "objects/pool.h"
 #include "objects/object_util.h"
@@ -442,23 +442,5 @@ HRESULT CSubSystem::CreateTarget(LPWSTR, LPWSTR, IVdsAsync**) try { return NotSu
 TROV_CATCH_OOM
 HRESULT CSubSystem::SetIpsecGroupPresharedKey(VDS_ISCSI_IPSEC_KEY*) try {
     return NotSupported("CSubSystem::SetIpsecGroupPresharedKey");
-}
-TROV_CATCH_OOM
-
-// LUN creation and its size queries come with provisioning.
-HRESULT CSubSystem::CreateLun(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS*, IVdsAsync**) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::QueryMaxLunCreateSize(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS*, ULONGLONG*) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::CreateLun2(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS2*, IVdsAsync**) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::QueryMaxLunCreateSize2(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS2*, ULONGLONG*) try {
-    return E_NOTIMPL;
 }
 TROV_CATCH_OOM

@@ -6,8 +6,8 @@
 // changes the maps holds the notification mutex; Initialize and Reenumerate hold it throughout,
 // array reads included. Its state is its own: the controllers enter what they build and record
 // what their records say through the named operations below, and other objects read the maps
-// through ForEach and FindFirst. The monitor's view of the array's event logs lives with the
-// monitor (core/monitor.h).
+// through ForEach and FindFirst. LUN creation and its size answers are defined in src/lun/. The
+// monitor's view of the array's event logs lives with the monitor (core/monitor.h).
 #pragma once
 
 #include <cstdint>
@@ -93,6 +93,14 @@ public:
     const std::u16string& SysName() const { return m_SysName; }
     // One target serves both controllers (b_SupportULP).
     bool SupportsUlp() const { return b_SupportULP != 0; }
+    // The drive type the array allows in a vdisk (1: any), as its record said at the last load.
+    uint8_t AllowedDriveType() const { return m_allowedDriveType; }
+    // A controller's record offered RAID6 at the last fill.
+    bool SupportsRaid6() const { return m_SupportRaid6 != 0; }
+    size_t LunCount() const { return m_luns.size(); }
+    // The hints of the last create request, read again when a new vdisk's drives are chosen.
+    void RememberHints(const VDS_HINTS& hints) { m_lastHints = hints; }
+    const VDS_HINTS& LastHints() const { return m_lastHints; }
 
     // --- What a controller's Initialize enters (the caller holds the notification mutex) ---
     // The facts of one controller's record: ports and channels counted, slots, enclosures, the
@@ -167,4 +175,5 @@ private:
     uint32_t m_handleA = 0, m_handleB = 0;
     uint32_t m_maxLuns = 0;
     uint8_t m_hostBusType = 0;
+    VDS_HINTS m_lastHints{};
 };
