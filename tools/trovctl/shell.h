@@ -26,6 +26,9 @@
 
 namespace trovctl {
 
+// trovctl's own version, which --version and the version command print.
+constexpr const char* kTrovctlVersion = "1.1.0";
+
 // Exit statuses.
 constexpr int kOk = 0;
 constexpr int kFailed = 1;       // the provider refused (an HRESULT)
@@ -35,6 +38,9 @@ constexpr int kInterrupted = 130;  // Ctrl-C
 
 class HostMessages;
 
+// True when `words` (a command line) carry a secret that must not reach the history.
+bool CarriesSecret(const std::vector<std::string>& words);
+
 // Splits a line into words: blanks separate, double quotes group, a backslash escapes the next
 // character, '#' outside quotes starts a comment. False (with *err) on an unterminated quote.
 bool SplitLine(const std::string& line, std::vector<std::string>* words, std::string* err);
@@ -43,6 +49,7 @@ class Shell {
 public:
     // `provider`: a loaded provider (or null until SetProvider); the shell holds no reference.
     Shell(IVdsProvider* provider, std::ostream& out, std::ostream& err, bool json);
+    ~Shell();
 
     // Runs one command (already split). Returns an exit status.
     int Execute(const std::vector<std::string>& words);
@@ -92,9 +99,9 @@ public:
     int Usage(const std::string& message);
     // "usage: <the usage of the entry's group>".
     int UsageOf(const Command& cmd);
-    // The confirmation of an action - unless an exchange failed during it, which EndCommand
-    // reports instead.
-    void Done(const std::string& what);
+    // The confirmation of an action, with what a success other than S_OK means - unless an
+    // exchange failed during it, which EndCommand reports instead.
+    void Done(const std::string& what, HRESULT hr = S_OK);
     // Why a listing shown now may be incomplete; empty when nothing failed since the tree was
     // last read whole.
     std::string Doubt() const;
@@ -102,12 +109,19 @@ public:
     void Quit() { quit_ = true; }
     void StartWatching();
     void StopWatching();
+    // Reads a secret from the terminal without echo (an empty one when there is no terminal or
+    // the reading was cut short by Ctrl-C or the end of input). False when there is no terminal.
+    bool AskSecret(const std::string& prompt, std::string* secret);
+    // The numbers of the objects listed in this run.
+    const Numbering& numbering() const { return numbering_; }
 
 private:
     void BeginCommand();
     // Reports the failures the provider gave during the command; the command's final status.
     int EndCommand(int rc, bool rebuilt);
     void PrintNotification(const VDS_NOTIFICATION& n);
+    // Prints the notifications kept for the terminal's line editor (its thread only).
+    void PrintKept();
     int RunTerminal();
     int RunLines();
 
@@ -121,6 +135,13 @@ private:
     std::mutex notifyMu_;
     std::deque<VDS_NOTIFICATION> pending_;
     bool watching_ = false;
+    // While the terminal's line editor owns the screen, a notification is not printed from the
+    // monitor's thread but kept, and the editor's thread is woken (keptFd_) to print it above
+    // the prompt and draw the prompt and the line again.
+    bool editing_ = false;
+    std::deque<VDS_NOTIFICATION> kept_;
+    int keptFd_ = -1;
+    Numbering numbering_;
 };
 
 }  // namespace trovctl
