@@ -85,6 +85,25 @@ TEST(Terminal, SecretsAreAskedWithoutEchoAndKeptOutOfTheHistory) {
     EXPECT_EQ(history.find("unseen-secret1"), std::string::npos) << history;
 }
 
+TEST(Terminal, ThePasswordIsAskedWithoutEchoForAKelvaneConfWithoutOne) {
+    const std::string conf = "/tmp/trovctl-ask-" + std::to_string(getpid()) + ".conf";
+    Child sim({TROVSIM_BIN, "--port", "0", "--no-stdin", "--password", "typed-in"});
+    ASSERT_TRUE(sim.WaitFor("listening on 127.0.0.1:", 10000)) << sim.err;
+    ASSERT_TRUE(sim.WaitFor("\n", 10000, sim.err.find("127.0.0.1:")));
+    size_t at = sim.err.find("127.0.0.1:") + 10;
+    std::string port = sim.err.substr(at, sim.err.find('\n', at) - at);
+    std::ofstream(conf) << "version  :1\nipaddress:127.0.0.1\nusername :admin\nport     :" + port + "\n";
+    Child run({TROVCTL_BIN, "--proxy-conf", conf, "--ask-password", "list", "controllers"},
+              {"-TROVCTL_PROXY_PASSWORD", "TERM=dumb"}, /*pty=*/true);
+    ASSERT_TRUE(run.WaitFor("password of the proxy service: ", 10000)) << run.out;
+    run.Write("typed-in\n");
+    ASSERT_TRUE(run.Finish(30000)) << run.out;
+    EXPECT_EQ(run.exitCode(), 0) << run.out;
+    EXPECT_NE(run.out.find("controllers (2)"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("typed-in"), std::string::npos) << "echoed: " << run.out;
+    std::remove(conf.c_str());
+}
+
 TEST(Terminal, ANotificationDuringInputIsPrintedAboveTheLineWhichComesAgain) {
     std::string conf = "/tmp/trovctl-redraw-" + std::to_string(getpid()) + ".conf";
     Child sim({TROVSIM_BIN, "--port", "0", "--write-conf", conf});

@@ -212,8 +212,9 @@ bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ICANON;
     render_.out().flush();
-    std::cerr << prompt << std::flush;
+    // Echo goes off before the prompt shows, so that nothing typed after it is echoed.
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::cerr << prompt << std::flush;
     std::string line;
     bool done = false;
     while (!done) {
@@ -229,7 +230,7 @@ bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
                 line += buf[i];
         }
     }
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
     std::cerr << "\n" << std::flush;  // the Enter was not echoed
     if (done) secret->swap(line);
     std::fill(line.begin(), line.end(), '\0');

@@ -59,11 +59,12 @@ bool AskPassword(std::string* password) {
     if (tcgetattr(STDIN_FILENO, &old) != 0) return false;
     termios quiet = old;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    std::cerr << "password of the proxy service: " << std::flush;
+    // Echo goes off before the prompt shows, so that nothing typed after it is echoed.
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::cerr << "password of the proxy service: " << std::flush;
     std::string line;
     bool ok = static_cast<bool>(std::getline(std::cin, line));
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
     std::cerr << "\n";
     if (ok) password->swap(line);
     return ok && !password->empty();
