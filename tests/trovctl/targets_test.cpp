@@ -147,8 +147,7 @@ protected:
 };
 
 TEST_F(Targets, EveryFormNamesTheObjectAnOperatorMeans) {
-    std::string drive3 = IdOf("drives", 3), db01 = IdOf("luns", 0), lun2 = IdOf("luns", 2);
-    nlohmann::json drives, luns;
+    std::string drive3 = IdOf("drives", 3), db01 = IdOf("luns", 0);
     const struct {
         std::string target;
         std::string id;  // empty: refused, with `error` in the message
@@ -178,7 +177,6 @@ TEST_F(Targets, EveryFormNamesTheObjectAnOperatorMeans) {
         else
             EXPECT_EQ(got, c.id) << c.target;
     }
-    (void)lun2;
 }
 
 TEST_F(Targets, ARenamedLunKeepsItsNumberAndPoolLunsNumbersAsListLunsDoes) {
