@@ -182,6 +182,24 @@ TEST(Password, ComesFromTheEnvironmentInsteadOfTheFileAndItsCopyIsRemoved) {
     std::remove(conf.c_str());
 }
 
+TEST(CommandLine, AScriptUnderJsonWritesOneDocumentPerLine) {
+    const std::string script = "/tmp/trovctl-ndjson-" + std::to_string(getpid()) + ".trov";
+    std::ofstream(script) << "list controllers\ndetail drive 3SJ01204K\nname lun \"\" lun 0\n";
+    Child run({TROVCTL_BIN, "--json", "-f", script}, {"-TROVHWIPRV_SETTINGS"});
+    ASSERT_TRUE(run.Finish(30000));
+    EXPECT_EQ(run.exitCode(), 2);  // the empty name
+    std::istringstream lines(run.out);
+    std::vector<nlohmann::json> docs;
+    for (std::string line; std::getline(lines, line);) docs.push_back(nlohmann::json::parse(line, nullptr, false));
+    ASSERT_EQ(docs.size(), 3u) << run.out;
+    EXPECT_EQ(docs[0].size(), 2u);
+    EXPECT_EQ(docs[0][0]["statusText"], "online");
+    EXPECT_EQ(docs[1]["sSlotNumber"], 3);
+    EXPECT_EQ(docs[2]["error"], "USAGE");
+    EXPECT_EQ(docs[2]["message"], "a LUN name cannot be empty");
+    std::remove(script.c_str());
+}
+
 TEST(CommandLine, OptionsAfterTheCommandVersionAndTerseOutput) {
     const struct {
         Words args;

@@ -1,7 +1,7 @@
 // The trovctl command language: one command per line, the same in one-shot, script and
 // interactive use. The shell keeps a selected object between lines; commands that act on one
-// object take it from a target at the end of the line ("drive 3", "controller 0", an id) or else
-// from the selection. Everything goes through the provider's published interfaces.
+// object take it from a target at the end of the line ("drive 3", "lun db01", "drive 0:3", an id)
+// or else from the selection. List numbers stay with their objects for the whole run. Everything goes through the provider's published interfaces.
 //
 // Each command runs between BeginCommand and EndCommand. With the provider's failure lines at
 // hand (SetMessages), a command during which an exchange with the proxy service failed is
@@ -89,8 +89,10 @@ public:
     bool json() const { return render_.json(); }
     // Every object of a kind; a Ctrl-C ends the walk with E_ABORT.
     HRESULT Enumerate(Kind kind, std::vector<Object>* out);
-    // The object a target names: "KIND N" (the N-th of a listing), "KIND ID" or "ID". With no
-    // target words: the selection, or the only object of the first kind when there is one.
+    // The object a target names: "[KIND] WHAT", WHAT a list number (numbering()), an id, a name,
+    // an identification or serial, or a drive's BUS:SLOT (targets.h); a name that fits several
+    // objects is refused with the candidates. With no target words: the selection, or the only
+    // object of the first kind when there is one.
     int Resolve(const std::vector<std::string>& target, const std::vector<Kind>& kinds, Object* out);
     // The same for the call's arguments from `from` on, with the kinds of the call's entry.
     int ResolveArgs(const Call& call, size_t from, Object* out);

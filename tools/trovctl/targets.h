@@ -1,9 +1,9 @@
 // How a word of a command's target names objects when it is neither a list number nor an id:
 // a drive by BUS:SLOT, any object by its identification (a drive's serial, a LUN's serial), or
-// by its name (friendly name, pool name or the vdisk name in it, iSCSI name, portal address). The closest form wins:
-// an exact match, then one that differs only in case, then (for identifications of at least
-// four characters) a unique beginning, so that a long LUN serial can be cut short. More than
-// one object at the winning level is an ambiguity for the caller to refuse.
+// by its name (friendly name, pool name or the vdisk name in it, iSCSI name, portal address).
+// The closest form wins: an exact match, then one that differs only in case, then (for
+// identifications, from four characters on) a beginning, so that a long LUN serial can be cut
+// short. More than one object at the winning level is an ambiguity for the caller to refuse.
 #pragma once
 
 #include <string>
