@@ -5,6 +5,10 @@
 
 namespace trovctl {
 
+namespace {
+constexpr size_t kArrayNameChars = 80;
+}  // namespace
+
 int CmdNameSubsystem(Shell& sh, const Call& c) {
     if (c.args.empty()) return sh.UsageOf(*c.cmd);
     if (c.args[0].empty()) return sh.Usage("a subsystem name cannot be empty");
@@ -18,6 +22,11 @@ int CmdNameSubsystem(Shell& sh, const Call& c) {
     if (FAILED(hr)) return sh.Failed("SetFriendlyName", hr);
     // A name the provider had to cut succeeds with a word of its own.
     sh.Done("name subsystem", hr);
+    // The array keeps 80 characters; the provider cuts a longer name without a word, and shows
+    // the old one until the tree is read again.
+    if (hr == S_OK && name.size() > kArrayNameChars)
+        sh.render().Note("the name has " + std::to_string(name.size()) + " characters: the array keeps the first " +
+                         std::to_string(kArrayNameChars) + ", and the old name is shown until the next refresh");
     return kOk;
 }
 

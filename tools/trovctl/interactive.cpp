@@ -86,8 +86,10 @@ bool Secret(const std::string& line) {
 
 std::string Prompt(const Shell& sh) {
     std::string prompt = "trovctl";
+    // The selection by its number, as the listings show it (its id only when it has none).
     if (const Object* s = sh.selection())
-        prompt += std::string(" ") + KindName(s->kind) + " " + GuidToString(s->id).substr(0, 8);
+        prompt += std::string(" ") + KindName(s->kind) + " " +
+                  (s->number >= 0 ? std::to_string(s->number) : GuidToString(s->id).substr(0, 8));
     return prompt + "> ";
 }
 

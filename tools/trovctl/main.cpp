@@ -115,6 +115,8 @@ private:
 
 const char* kFooter =
     "\n\nWith no command: the interactive shell on a terminal, else the provider's properties and every object.\n"
+    "Listings are tables: states, types and flags in words, sizes in binary units, \"!\" on objects that are not\n"
+    "healthy or not online; detail shows each word beside its number. Numbers of \"list\" stay with their objects.\n"
     "With neither --settings, --proxy-conf nor TROVHWIPRV_SETTINGS, the built-in array emulator (demo scenario)\n"
     "is used. The provider's event reports and console lines are shown on standard error as they come.\n"
     "The password of a kelvane.conf given with --proxy-conf may come from the environment variable\n"
