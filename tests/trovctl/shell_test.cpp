@@ -457,6 +457,13 @@ TEST_F(LoadedShell, CompletionNumbersTheObjectsOfTheKindNamed) {
     EXPECT_EQ(trovctl::Completions({"detail", "drive"}, "1", shell.get()), (Words{"1", "10", "11"}));
     // A kind the command does not take is not counted.
     EXPECT_EQ(trovctl::Completions({"flushcache", "drive"}, "", shell.get()), (Words{"controller"}));
+    // Names and serials as they are written, found in any case; without a kind word once a word
+    // has begun.
+    EXPECT_EQ(trovctl::Completions({"detail", "lun"}, "DB", shell.get()), (Words{"db01"}));
+    EXPECT_EQ(trovctl::Completions({"setflag", "drive", "hotspare", "drive"}, "3sj0120", shell.get()),
+              (Words{"3SJ01201K", "3SJ01202K", "3SJ01203K", "3SJ01204K", "3SJ01205K", "3SJ01206K", "3SJ01207K",
+                     "3SJ01208K"}));
+    EXPECT_EQ(trovctl::Completions({"extents"}, "arch", shell.get()), (Words{"archive01"}));
 }
 
 struct SplitCase {

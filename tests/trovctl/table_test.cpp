@@ -36,6 +36,10 @@ TEST(CommandTable, CompletionOffersTheWordsThatMayComeNext) {
         {{"target", "secret", "s3cret"}, "", {"initiator", "target"}},
         {{"extents"}, "p", {"plex", "pool"}},
         {{"frobnicate"}, "", {}},
+        {{}, "LI", {"list"}},  // commands in any case
+        {{"LIST"}, "PORTA", {"portalgroups", "portals"}},
+        {{"Maintenance"}, "B", {"beep", "blink"}},
+        {{"SetFlag", "DRIVE"}, "", {"hotspare"}},
     };
     for (const auto& c : cases) {
         std::string line;
