@@ -123,8 +123,9 @@ int Shell::Execute(const std::vector<std::string>& words) {
     std::string error;
     const Command* cmd = FindCommand(words, &call, &error);
     if (!cmd) return Usage(error);
+    // A secret may begin with dashes: only other commands' words are taken for options.
     for (const std::string& w : call.args)
-        if (IsOption(w))
+        if (!(cmd->flags & kSecret) && IsOption(w))
             return Usage("\"" + w + "\" is an option of trovctl, not a word of " + call.fixed[0] +
                          ": options go before the command (trovctl " + w + " " + call.fixed[0] + " ...)");
     BeginCommand();
