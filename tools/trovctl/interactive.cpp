@@ -207,7 +207,7 @@ void Shell::PrintKept() {
 
 bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
     secret->clear();
-    if (!isatty(STDIN_FILENO)) return false;
+    if (!mayAsk_ || !isatty(STDIN_FILENO)) return false;
     termios old{};
     if (tcgetattr(STDIN_FILENO, &old) != 0) return false;
     termios quiet = old;

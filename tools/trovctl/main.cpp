@@ -280,6 +280,7 @@ int Run(int argc, char** argv) {
     trovctl::Shell shell(nullptr, std::cout, std::cerr, opt.json);
     shell.SetMessages(&messages);
     style(shell.render());
+    shell.SetMayAsk(isatty(STDIN_FILENO) != 0);
     // A script or the shell writes one JSON document per line, for tools that read NDJSON.
     shell.render().SetNdjson(!opt.script.empty() || shellMode);
     bool listens = !opt.script.empty() || shellMode || words.empty() || (oneShot && (oneShot->flags & trovctl::kListens));

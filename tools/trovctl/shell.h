@@ -111,8 +111,11 @@ public:
     void Quit() { quit_ = true; }
     void StartWatching();
     void StopWatching();
-    // Reads a secret from the terminal without echo (an empty one when there is no terminal or
-    // the reading was cut short by Ctrl-C or the end of input). False when there is no terminal.
+    // Whether secrets left out of a line may be asked for on standard input, a terminal (off
+    // until set: a shell that a program drives has no one to ask).
+    void SetMayAsk(bool mayAsk) { mayAsk_ = mayAsk; }
+    // Reads a secret from the terminal without echo (an empty one when the reading was cut short
+    // by Ctrl-C or the end of input). False when there is no terminal to ask on.
     bool AskSecret(const std::string& prompt, std::string* secret);
     // The numbers of the objects listed in this run.
     const Numbering& numbering() const { return numbering_; }
@@ -131,6 +134,7 @@ private:
     Render render_;
     HostMessages* messages_ = nullptr;
     bool quit_ = false;
+    bool mayAsk_ = false;
     bool arrayReached_ = true;
     std::string doubt_;  // the failure since which listings may be incomplete
     Object selected_{Kind::Subsystem, {}, {}};
