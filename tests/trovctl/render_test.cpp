@@ -170,7 +170,7 @@ TEST(Render, JsonIsOneDocumentPerLineForScriptsAndErrorsAreObjects) {
     text.Done("name subsystem", VDS_S_NAME_TRUNCATED);
     EXPECT_EQ(t.out.str().rfind("name subsystem: done, VDS_S_NAME_TRUNCATED (0x00042700): the name was too long", 0), 0u)
         << t.out.str();
-    EXPECT_NE(t.out.str().find("keeps the old one"), std::string::npos);
+    EXPECT_NE(t.out.str().find("the old name stays in view until the next refresh"), std::string::npos);
 }
 
 TEST(Render, DetailsShowWordsBesideNumbersAndSizesInUnits) {

@@ -87,8 +87,8 @@ std::string HrText(HRESULT hr) {
 std::string SuccessMeaning(HRESULT hr, const std::string& command) {
     if (hr == VDS_S_NAME_TRUNCATED) {
         if (command.find("subsystem") != std::string::npos)
-            return "the name was too long and was cut; a subsystem's name cut past 80 characters is not taken, and "
-                   "the array keeps the old one";
+            return "the name was too long and was cut: the array keeps 80 characters, and the old name stays in "
+                   "view until the next refresh";
         return "the name was too long and was cut to the length the array keeps";
     }
     return {};
