@@ -7,6 +7,7 @@ namespace trovctl {
 
 int CmdNameLun(Shell& sh, const Call& c) {
     if (c.args.empty()) return sh.UsageOf(*c.cmd);
+    if (c.args[0].empty()) return sh.Usage("a LUN name cannot be empty");
     Object o;
     int rc = sh.ResolveArgs(c, 1, &o);
     if (rc != kOk) return rc;
@@ -16,7 +17,7 @@ int CmdNameLun(Shell& sh, const Call& c) {
     HRESULT hr = n->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str())));
     if (FAILED(hr)) return sh.Failed("SetFriendlyName", hr);
     // A name the provider had to cut succeeds with a word of its own.
-    sh.Done(hr == S_OK ? "name lun" : "name lun (" + HrText(hr) + ")");
+    sh.Done("name lun", hr);
     return kOk;
 }
 

@@ -4,11 +4,17 @@
 #pragma once
 
 #include "commands.h"
+#include "render.h"
 
 namespace trovctl {
 
 // cmd_general.cpp: the provider, the tree and the shell itself.
+// The rows of a listing of `objects` (numbered, of one kind), with the cells a listing adds.
+std::vector<Row> RowsOf(Shell& sh, Kind kind, std::vector<Object>& objects);
+// Every object of a kind as rows; an exit status (the failure is reported).
+int ListRows(Shell& sh, Kind kind, std::vector<Row>* rows);
 int CmdHelp(Shell& sh, const Call& c);
+int CmdVersion(Shell& sh, const Call& c);
 int CmdQuit(Shell& sh, const Call& c);
 int CmdInfo(Shell& sh, const Call& c);
 int CmdList(Shell& sh, const Call& c);
