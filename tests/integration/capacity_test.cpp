@@ -30,8 +30,7 @@ protected:
     HRESULT MaxExtend(const std::string& lunName, std::vector<VDS_OBJECT_ID> drives, ULONGLONG* size) {
         auto luns = Luns();
         EXPECT_EQ(luns.count(lunName), 1u) << lunName;
-        CComPtr<IUnknown> unk;
-        EXPECT_EQ(provider()->GetObject(luns[lunName].prop.id, VDS_OT_LUN, &unk), S_OK);
+        CComPtr<IUnknown> unk = Object(luns[lunName].prop.id, VDS_OT_LUN);
         CComPtr<IVdsLun> lun;
         if (unk) unk->QueryInterface(IID_IVdsLun, reinterpret_cast<void**>(&lun));
         if (!lun) return E_FAIL;

@@ -245,7 +245,8 @@ TEST_F(CreateLun, SnapshotsAndMasterVolumes) {
     // A backing store volume.
     CComPtr<IVdsLun> store;
     ASSERT_EQ(Create(VDS_LT_STRIPE, 16 * MiB, {}, TROV_HINT_BACKING_STORE, 0, 0, &store), S_OK);
-    const lab::VdiskFacts::Part* sp = VdiskNamed("VD-EMPTY").PartNamed("VDS_SP_LUN_0");
+    lab::VdiskFacts stripe = VdiskNamed("VD-EMPTY");
+    const lab::VdiskFacts::Part* sp = stripe.PartNamed("VDS_SP_LUN_0");
     ASSERT_NE(sp, nullptr);
     EXPECT_EQ(sp->type, 1);
 }

@@ -131,10 +131,16 @@ protected:
         return out;
     }
     // Flags of VDS_DRIVE_PROP2 of a drive (assigned, unassigned, hot spare).
-    ULONG DriveFlags2(const std::string& serial) {
-        VDS_OBJECT_ID id = Drive(serial);
+    // An object of the tree by id. GetObject hands out two references; the extra one goes back.
+    CComPtr<IUnknown> Object(VDS_OBJECT_ID id, VDS_OBJECT_TYPE type) {
         CComPtr<IUnknown> unk;
-        EXPECT_EQ(provider()->GetObject(id, VDS_OT_DRIVE, &unk), S_OK);
+        EXPECT_EQ(provider()->GetObject(id, type, &unk), S_OK);
+        if (unk) unk->Release();
+        return unk;
+    }
+
+    ULONG DriveFlags2(const std::string& serial) {
+        CComPtr<IUnknown> unk = Object(Drive(serial), VDS_OT_DRIVE);
         if (!unk) return 0;
         CComPtr<IVdsDrive2> d2;
         unk->QueryInterface(IID_IVdsDrive2, reinterpret_cast<void**>(&d2));
