@@ -58,6 +58,21 @@ HRESULT CheckCreateArguments(int type, ULONGLONG size, bool driveArrayNull, LONG
 HRESULT SettleNamedDrives(int* type, uint8_t* raid, LONG n, const std::function<bool()>& sameDriveType,
                           bool supportRaid6);
 
+// --- Hints of an existing LUN (lun/lun_hints.cpp) ---
+// The mask a LUN's hints start from by its vdisk's RAID level (RAID5, RAID50 and RAID3 carry their
+// bit and mostly reads); 0x10C otherwise.
+ULONGLONG RaidHintMask(uint8_t raidLevel, BOOL* mostlyReads);
+// The role bits of a LUN's snapshot kind; `related`: a backing store that master volumes use, a
+// master volume that has snapshots.
+ULONGLONG RoleHintBits(uint8_t specialType, bool related);
+// The bus type of a drive type: fibre, SATA or SAS; 0 otherwise.
+VDS_STORAGE_BUS_TYPE BusTypeOfDriveType(uint8_t driveType);
+// What ApplyHints refuses before it asks the array: sequential reads and writes set apart, fast
+// crash recovery, remapping, checksums, yankable, and every size or count that isn't 0.
+HRESULT CheckAppliedHints(const VDS_HINTS& hints);
+// The partition's cache parameters with the hints applied: byte 9 write-back, byte 10 sequential.
+void CacheParamsWithHints(const VDS_HINTS& hints, uint8_t cache[32]);
+
 inline ULONGLONG RoundUpToMb(ULONGLONG x) { return (x + 0xFFFFF) & ~0xFFFFFull; }
 inline ULONGLONG RoundDownToMb(ULONGLONG x) { return x & ~0xFFFFFull; }
 constexpr ULONGLONG kMinLunBytes = 1048576;

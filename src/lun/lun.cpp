@@ -481,33 +481,7 @@ TROV_CATCH_OOM
 HRESULT CLun::SetStatus(VDS_LUN_STATUS) try { return NotSupported("CLun::SetStatus"); }
 TROV_CATCH_OOM
 
-// Growth, masking, hints, identification and paths are later work of this provider: until
-// then these answer that they are not implemented, never a false success.
+// Identification is later work of this provider: until then it answers that it is not
+// implemented, never a false success.
 HRESULT CLun::GetIdentificationData(VDS_LUN_INFORMATION*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryActiveControllers(IEnumVdsObject**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Extend(ULONGLONG, VDS_OBJECT_ID*, LONG, IVdsAsync**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Shrink(ULONGLONG, IVdsAsync**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::SetMask(LPWSTR) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Delete() try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryHints(VDS_HINTS*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::ApplyHints(VDS_HINTS*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::ApplyHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::AssociateTargets(VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryAssociatedTargets(IEnumVdsObject**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::AssociateControllerPorts(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryActiveControllerPorts(IEnumVdsObject**) try { return E_NOTIMPL; }
 TROV_CATCH_OOM

@@ -129,6 +129,41 @@ public:
     HRESULT CreateLunByCreateArray(VDS_LUN_TYPE type, ULONGLONG size, ULONG stripe, DriveLists* drives,
                                    const VDS_HINTS& hints, ArrayData* newArray, PartitionData* newPart);
 
+    // --- Growth (lun/extend.cpp); the caller holds the notification mutex ---
+    // Widens the drive lists with free, online drives of at least the lists' average size until
+    // the drives' capacity with `ullFreeInVdisk` reaches `ullBytesNeeded`. True when it does.
+    bool ReCalcDriveList(uint8_t raid, uint64_t ullBytesNeeded, uint64_t ullFreeInVdisk, DriveLists* lists,
+                         uint64_t* ullSizeAllDrives, uint32_t* numDrives);
+    HRESULT ExtendLocked(ULONGLONG bytes, const VDS_OBJECT_ID* drives, LONG count, IVdsAsync** ppAsync);
+    // The partition's new size after an expand_part; `unconfirmed`: counted as grown after twenty
+    // refusals, so the tree is marked stale.
+    void GrownTo(ULONGLONG bytes, bool unconfirmed);
+
+    // --- Hints (lun/lun_hints.cpp); the caller holds the notification mutex ---
+    // The LUN's VDS_HINTS; `askRelated`: ask the array whether master volumes use this backing
+    // store, or whether this master volume has snapshots.
+    void FillHints(VDS_HINTS* hints, bool askRelated);
+    // Whether the array reports master volumes of this backing store, or snapshots of this master
+    // volume; false for other LUNs and when the list cannot be read.
+    bool HasMasterVolume();
+    // To a master volume (`toMaster`) or back to a standard LUN.
+    HRESULT Convert(bool toMaster);
+
+    // --- Deletion (lun/delete.cpp); the caller holds the notification mutex ---
+    // The array's half of Delete; *waitForRefresh when the LUN leaves the tree only with the
+    // refresh the array's event causes.
+    HRESULT DeleteOnArray(bool* waitForRefresh);
+    // abort_utility and delete_array of the LUN's vdisk; its member drives become free.
+    HRESULT DeleteVdisk(uint32_t handle);
+    void FreeMemberDrives();
+
+    // --- Masking (lun/masking.cpp); the caller holds the notification mutex ---
+    // SetMask's work after its first checks, with the list as UTF-8.
+    HRESULT SetMaskLocked(const std::string& newList);
+    HRESULT SetMaskSteps(const std::string& newList, bool* sent);
+    // The stored unmaskingList becomes `list`, in a block of its own size.
+    void StoreUnmaskingList(const std::string& list);
+
     // Takes the LUN and its plexes out of the provider's object map (a dummy volume whose vdisk
     // got its first partition).
     void Withdraw();

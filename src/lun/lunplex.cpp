@@ -143,13 +143,6 @@ HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberO
 }
 TROV_CATCH_OOM
 
-HRESULT CLunPlex::QueryHints(VDS_HINTS* pHints) try {
-    if (!pHints) return E_POINTER;
-    // The plex has the LUN's hints: one copy of the data.
-    return m_pLun ? m_pLun->QueryHints(pHints) : E_UNEXPECTED;
-}
-TROV_CATCH_OOM
-
 HRESULT CLunPlex::ApplyHints(VDS_HINTS* pHints) try {
     if (!pHints) return E_POINTER;
     return VDS_E_NOT_SUPPORTED;

@@ -65,6 +65,8 @@ public:
     VDS_CONTROLLER_STATUS Status() const { return m_prop.status; }
     VDS_HEALTH Health() const { return m_prop.health; }
     CSubSystem* SubSystem() const { return m_pSubSystem; }
+    // The controller's ports (the caller holds the notification mutex).
+    const OwningMap& Ports() const { return m_ports; }
     const char* VendorName() const { return m_vendorName; }
     const char* ProductId() const { return m_productId; }
     const char* FirmwareRevision() const { return m_firmwareRevision; }

@@ -230,6 +230,17 @@ void CDrive::InitializeAfterCreate(const DriveData& record, const uint8_t* array
     m_arrayPosition = record.arrayPosition;
 }
 
+void CDrive::InitializeAfterDelete() {
+    m_prop.ulFlags = 0;
+    m_flags2 = VDS_DRF_UNASSIGNED;
+    if (HostIsWin7()) m_prop.ulFlags = VDS_DRF_UNASSIGNED;
+    m_isFreeDrive = 1;
+    m_howUsed = TROV_HOWUSED_AVAILABLE;
+    // The vdisk reference and the place in the vdisk go with it.
+    std::memset(m_driveBlock, 0, sizeof m_driveBlock);
+    m_arrayPosition = 0;
+}
+
 void CDrive::TakePositionFrom(const DriveData& d) {
     m_driveIndex = d.driveIndex;
     m_containerIndex = d.containerIndex;

@@ -58,6 +58,9 @@ public:
     // The drive became a member (or dedicated spare) of a vdisk just made: its vdisk reference,
     // place and use from the owner's record, the owner as its controller; no longer free.
     void InitializeAfterCreate(const DriveData& record, const uint8_t* arraySerial, CController* controller);
+    // The drive's vdisk was deleted: unassigned, free, no vdisk reference.
+    void InitializeAfterDelete();
+    void SetArrayPosition(uint8_t position) { m_arrayPosition = position; }
 
     SortKey GetSortKey() const override {
         return {static_cast<int64_t>(m_enclosureNumber), static_cast<int64_t>(m_prop.sSlotNumber), {}};

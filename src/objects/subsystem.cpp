@@ -430,6 +430,26 @@ HRESULT CSubSystem::DeleteLun(const VDS_OBJECT_ID& id) {
     return S_OK;
 }
 
+void CSubSystem::MarkLunDeleted(const uint8_t* arraySn, const uint8_t* partitionSn, const VDS_OBJECT_ID& lunId) {
+    if (IsLunMarkDeleted(partitionSn)) return;
+    DeleteMark m{};
+    std::memcpy(m.arraySn.data(), arraySn, 32);
+    std::memcpy(m.partitionSn.data(), partitionSn, 32);
+    m.lunId = lunId;
+    m_deleteMarks.push_back(m);
+}
+
+bool CSubSystem::IsLunMarkDeleted(const uint8_t* partitionSn) const {
+    for (const DeleteMark& m : m_deleteMarks)
+        if (std::memcmp(m.partitionSn.data(), partitionSn, 32) == 0) return true;
+    return false;
+}
+
+void CSubSystem::ClearMarkDeleted(const uint8_t* arraySn) {
+    std::erase_if(m_deleteMarks,
+                  [&](const DeleteMark& m) { return std::memcmp(m.arraySn.data(), arraySn, 32) == 0; });
+}
+
 HRESULT CSubSystem::SetControllerStatus(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try {
     return NotSupported("CSubSystem::SetControllerStatus");
 }
