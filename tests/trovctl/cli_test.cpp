@@ -106,6 +106,7 @@ TEST(Trovctl, ScriptsStopAtTheirFirstFailureAndHelpListsTheCommands) {
     CliRun help = Trovctl("--help");
     EXPECT_EQ(help.status, 0);
     for (const char* word : {"select TARGET", "detail [TARGET]", "maintenance pulse COUNT", "setflag drive hotspare",
-                             "getdrive BUS SLOT", "portprops N", "--sim-log", "-f,--file"})
+                             "getdrive BUS SLOT", "portprops N", "--sim-log", "-f,--file", "create lun TYPE [size=SIZE]",
+                             "maxsize extend [drives=D,D,...]", "HINT: mostlyreads", "SIZE: bytes"})
         EXPECT_NE(help.out.find(word), std::string::npos) << word;
 }
