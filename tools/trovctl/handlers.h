@@ -43,6 +43,18 @@ int CmdExtents(Shell& sh, const Call& c);
 
 // cmd_lun.cpp: LUNs and plexes.
 int CmdNameLun(Shell& sh, const Call& c);
+int CmdExtend(Shell& sh, const Call& c);
+int CmdShrink(Shell& sh, const Call& c);
+int CmdDeleteLun(Shell& sh, const Call& c);
+int CmdUnmask(Shell& sh, const Call& c);
+int CmdAssociatePorts(Shell& sh, const Call& c);
+int CmdAssociateTargets(Shell& sh, const Call& c);
+int CmdActiveControllers(Shell& sh, const Call& c);
+int CmdActivePorts(Shell& sh, const Call& c);
+int CmdAssociatedTargets(Shell& sh, const Call& c);
+int CmdHints(Shell& sh, const Call& c);
+int CmdHintsSet(Shell& sh, const Call& c);
+int CmdConvert(Shell& sh, const Call& c);
 
 // cmd_provision.cpp: making storage and the sizes it can have.
 // The ids of the drives `words` name (each a target word); an exit status.
