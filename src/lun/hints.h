@@ -11,18 +11,9 @@
 #include <cstdint>
 #include <functional>
 
+#include "platform/trov_hints.h"  // the private hint bits
 #include "platform/vds.h"
 #include "platform/wintypes.h"
-
-// Private hint bits. 56 to 60 count only while IsSupportSpecialLun(); the RAID bits always.
-constexpr ULONGLONG TROV_HINT_BACKING_STORE = 1ull << 56;
-constexpr ULONGLONG TROV_HINT_MASTER_VOLUME = 1ull << 57;
-constexpr ULONGLONG TROV_HINT_SNAPSHOT = 1ull << 58;
-constexpr ULONGLONG TROV_HINT_CONVERT_MASTER = 1ull << 59;
-constexpr ULONGLONG TROV_HINT_DUMMY_LUN = 1ull << 60;
-constexpr ULONGLONG TROV_HINT_RAID3 = 1ull << 61;
-constexpr ULONGLONG TROV_HINT_RAID50 = 1ull << 62;
-constexpr ULONGLONG TROV_HINT_RAID5 = 1ull << 63;
 
 // The special kind a request asks for: 1 backing store, 2 master volume, 3 snapshot, 0 none.
 uint8_t SpecialLunTypeFor(const VDS_HINTS& hints, bool specialSupported);

@@ -106,6 +106,11 @@ TEST(Trovctl, ScriptsStopAtTheirFirstFailureAndHelpListsTheCommands) {
     CliRun help = Trovctl("--help");
     EXPECT_EQ(help.status, 0);
     for (const char* word : {"select TARGET", "detail [TARGET]", "maintenance pulse COUNT", "setflag drive hotspare",
-                             "getdrive BUS SLOT", "portprops N", "--sim-log", "-f,--file"})
+                             "getdrive BUS SLOT", "portprops N", "--sim-log", "-f,--file", "create lun TYPE [size=SIZE]",
+                             "maxsize extend [drives=D,D,...]", "HINT: mostlyreads", "SIZE: bytes",
+                             "extend [size=SIZE] [drives=D,D,...] [TARGET]", "shrink size=SIZE", "delete lun [--yes]",
+                             "unmask LIST", "associate controllerports PORT", "associate targets TARGET",
+                             "activecontrollers", "activeports", "associatedtargets", "hints set FIELD=VALUE",
+                             "convert master|standard", "-y,--yes"})
         EXPECT_NE(help.out.find(word), std::string::npos) << word;
 }

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "handlers.h"
+#include "provision.h"
 #include "shell.h"
 
 namespace trovctl {
@@ -20,6 +21,13 @@ std::vector<const char*> KindPlurals() {
     std::vector<const char*> out;
     for (const std::string& w : words) out.push_back(w.c_str());
     return out;
+}
+
+// What completion offers after "create lun" and "maxsize": the keys and the hint words.
+std::vector<const char*> CreateWords() {
+    std::vector<const char*> w = {"size=", "drives=", "stripe=", "unmask=", "pool="};
+    for (const char* h : HintWords()) w.push_back(h);
+    return w;
 }
 
 }  // namespace
@@ -54,6 +62,38 @@ const std::vector<Command>& Commands() {
         {"getdrive", "BUS SLOT [TARGET]", "the drive at a bus and slot of a subsystem", CmdGetDrive, {Kind::Subsystem},
          {}},
         {"portprops", "N [TARGET]", "the properties of a controller's port N", CmdPortProps, {Kind::Controller}, {}},
+        {"create lun", "TYPE [size=SIZE] [drives=D,D,...] [stripe=SIZE] [unmask=LIST] [pool=TARGET] [HINT ...] [TARGET]",
+         "make a LUN of TYPE on a subsystem (or in a pool), wait for\nit, show it and select it",
+         CmdCreateLun, {Kind::Subsystem}, CreateWords()},
+        {"maxsize", "TYPE [drives=D,D,...] [pool=TARGET] [HINT ...] [TARGET]",
+         "the largest LUN of TYPE that can be made", CmdMaxSize, {Kind::Subsystem}, CreateWords()},
+        {"maxsize extend", "[drives=D,D,...] [TARGET]", "how much a LUN can grow (with those drives)", CmdMaxSizeExtend,
+         {Kind::Lun}, {"drives="}},
+        {"extend", "[size=SIZE] [drives=D,D,...] [TARGET]",
+         "grow a LUN by SIZE and/or onto more drives; waits, with a\nprogress bar on a terminal, and shows the LUN",
+         CmdExtend, {Kind::Lun}, {"size=", "drives="}},
+        {"shrink", "size=SIZE [TARGET]", "ask for a LUN to be smaller by SIZE", CmdShrink, {Kind::Lun}, {"size="}},
+        {"delete lun", "[--yes] [TARGET]",
+         "delete a LUN and its data (asked first on a terminal, unless\n--yes; never in a script)", CmdDeleteLun,
+         {Kind::Lun}, {}, kAsks},
+        {"unmask", "LIST [TARGET]", "the hosts that see a LUN: * (all), - (none), or initiator\nnames joined by ;",
+         CmdUnmask, {Kind::Lun}, {"*", "-"}},
+        {"associate controllerports", "PORT[,PORT...] [inactive=PORT,...] [lun WHAT]",
+         "the controller ports that serve a LUN (its vdisk moves to\ntheir controller); PORT as \"list ports\" "
+         "names it",
+         CmdAssociatePorts, {Kind::Lun, Kind::Port}, {"inactive="}, 0, "kind"},
+        {"associate targets", "TARGET[,TARGET...] [lun WHAT]", "the iSCSI targets that expose a LUN",
+         CmdAssociateTargets, {Kind::Lun, Kind::Target}, {}, 0, "kind"},
+        {"activecontrollers", "[TARGET]", "the controllers that serve a LUN", CmdActiveControllers, {Kind::Lun}, {}},
+        {"activeports", "[TARGET]", "the controller ports that serve a LUN", CmdActivePorts, {Kind::Lun}, {}},
+        {"associatedtargets", "[TARGET]", "the iSCSI targets that expose a LUN", CmdAssociatedTargets, {Kind::Lun}, {}},
+        {"hints", "[TARGET]", "a LUN's or a plex's hints, the provider's own bits in words", CmdHints,
+         {Kind::Lun, Kind::Plex}, {}},
+        {"hints set", "FIELD=VALUE ... [TARGET]", "apply hints to a LUN (the HINT words below)", CmdHintsSet,
+         {Kind::Lun}, HintWords()},
+        {"convert master|standard", "[TARGET]",
+         "make a LUN a master volume, or a master volume without\nsnapshots a standard LUN again", CmdConvert,
+         {Kind::Lun}, {}, 0, "direction"},
         {"pool luns", "[TARGET]", "the LUNs a pool holds", CmdPoolLuns, {Kind::Pool}, {}},
         {"target secret", "[SECRET|-] [initiator NAME] [TARGET]",
          "set (or with - clear) a target's CHAP secret, for all\ninitiators or for one; asked without echo when not "
@@ -207,6 +247,20 @@ std::string HelpText() {
          "serial will do), or for a drive BUS:SLOT (drive 0:3). Names are matched exactly, then in any\n"
          "case; a name that fits several objects is refused with the candidates. Without a target a\n"
          "command uses the selection, or the only object of its kind when there is just one.\n"
+         "TYPE: a LUN type by its name (default, faulttolerant, nonfaulttolerant, simple, span, stripe,\n"
+         "mirror, parity, raid3, raid5, raid6, raid10, raid30, raid50, ...) or its number. SIZE: bytes, or\n"
+         "a number with KB, MB, GB or TB (powers of 1024: 1.5TB, 512MB); size=0 or none: the largest that\n"
+         "fits; the provider rounds a size up to a whole MiB and takes nothing below 1 MiB. D: a drive as a\n"
+         "TARGET names one (3, 3SJ01204K, 0:3, an id). LIST: * (all hosts), - (none), or initiator names\n"
+         "joined by ; (iqn.1991-05.com.example:host1;eui.0123456789abcdef).\n"
+         "HINT: mostlyreads, sequentialreads, sequentialwrites, writethrough, writecache, readcache,\n"
+         "mirroredcache, readbackverify, remap, checksum, yankable, fastcrashrecovery, mediascan,\n"
+         "consistencycheck, hotspare (a dedicated spare with a new vdisk), each alone (on) or =on|off;\n"
+         "maxdrives=N, expectedsize=SIZE, readsize=, readalign=, writesize=, writealign=SIZE,\n"
+         "rebuildpriority=N, bustype=sas|sata|fibre|...; and the provider's own: master (a master volume),\n"
+         "snapshot, backingstore, dummy (a vdisk without a LUN), and raid5, raid50 or raid3 (the RAID level\n"
+         "of a parity or fault-tolerant LUN; they bring mostlyreads along, with which the provider reads\n"
+         "them).\n"
          "Commands and kinds may be written in any case.\n"
          "Exit status: 0 done; 1 the provider refused (its result is printed by name and number);\n"
          "2 a bad command line, or a file argument that cannot be read; 3 the array was not reached,\n"

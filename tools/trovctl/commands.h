@@ -37,6 +37,7 @@ enum CommandFlags : unsigned {
                                  // starts the monitor for it
     kRebuilds = 1u << 2,         // reads the whole tree again: done without a failure, listings
                                  // are whole again
+    kAsks = 1u << 4,             // asks before it acts (delete lun); --yes after it answers
     kSecret = 1u << 3,           // may carry a secret: asked without echo when not given, and a
                                  // line that carries one is kept out of the history
 };

@@ -239,6 +239,38 @@ bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
     return true;
 }
 
+bool Shell::Confirm(const std::string& question) {
+    if (assumeYes_ || inScript_ || !mayAsk_ || !isatty(STDIN_FILENO)) return true;
+    termios old{};
+    if (tcgetattr(STDIN_FILENO, &old) != 0) return true;
+    termios plain = old;
+    plain.c_lflag |= ICANON | ECHO;
+    render_.out().flush();
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &plain);
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string line;
+    bool done = false;
+    while (!done && line.size() < 64) {
+        if (WaitInput() != 1) break;  // Ctrl-C: no answer is no
+        char buf[64];
+        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        for (ssize_t i = 0; i < n && !done; ++i) {
+            if (buf[i] == '\n' || buf[i] == '\r')
+                done = true;
+            else
+                line += buf[i];
+        }
+    }
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
+    if (!done) std::cerr << "\n" << std::flush;
+    std::string answer = Lower(line);
+    answer.erase(0, answer.find_first_not_of(" \t"));
+    answer.erase(answer.find_last_not_of(" \t") + 1);
+    return done && (answer == "y" || answer == "yes");
+}
+
 int Shell::RunLines() {
     int rc = kOk;
     bool armed = false;

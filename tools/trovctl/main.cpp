@@ -49,6 +49,7 @@ struct GlobalOptions {
     bool header = false;
     bool noHeader = false;
     bool askPassword = false;
+    bool yes = false;
 };
 
 // Reads the password from the terminal without echo; false when there is none or it was cut short.
@@ -147,6 +148,7 @@ int Run(int argc, char** argv) {
     app.add_flag("--ask-password", opt.askPassword,
                  "with --proxy-conf: ask for the proxy service's password (without echo) instead of reading it "
                  "from the file");
+    app.add_flag("-y,--yes", opt.yes, "answer yes to the questions of commands that ask before they act (delete lun)");
     app.set_version_flag("-V,--version", std::string("trovctl ") + trovctl::kTrovctlVersion);
     app.add_flag("--sim-log", opt.simLog, "show the built-in array's log lines on standard error");
     app.add_option("-f,--file", opt.script, "run the commands of FILE, one per line; stop at the first failure");
@@ -209,7 +211,7 @@ int Run(int argc, char** argv) {
     }
     // Options given after the command are taken as its words by the parser: point them out.
     for (size_t i = 1; i < words.size(); ++i)
-        if (words[i].size() > 2 && words[i].compare(0, 2, "--") == 0 && app.get_option_no_throw(words[i]))
+        if (!(oneShot && (oneShot->flags & trovctl::kAsks) && words[i] == "--yes") && words[i].size() > 2 && words[i].compare(0, 2, "--") == 0 && app.get_option_no_throw(words[i]))
             return usage("\"" + words[i] + "\" is an option of trovctl: options go before the command (trovctl " +
                          words[i] + " " + words[0] + " ...)");
 
@@ -281,6 +283,9 @@ int Run(int argc, char** argv) {
     shell.SetMessages(&messages);
     style(shell.render());
     shell.SetMayAsk(isatty(STDIN_FILENO) != 0);
+    shell.SetAssumeYes(opt.yes);
+    // A progress bar only where someone watches it: a terminal, and not under --json.
+    shell.SetProgress(isatty(STDERR_FILENO) != 0 && !opt.json);
     // A script or the shell writes one JSON document per line, for tools that read NDJSON.
     shell.render().SetNdjson(!opt.script.empty() || shellMode);
     bool listens = !opt.script.empty() || shellMode || words.empty() || (oneShot && (oneShot->flags & trovctl::kListens));

@@ -85,6 +85,9 @@ std::string HrText(HRESULT hr) {
 }
 
 std::string SuccessMeaning(HRESULT hr, const std::string& command) {
+    if (hr == S_FALSE && command.find("delete") != std::string::npos)
+        return "the array deleted it, but the provider's refresh did not take it out of the tree in time; it "
+               "goes at the next refresh";
     if (hr == VDS_S_NAME_TRUNCATED) {
         if (command.find("subsystem") != std::string::npos)
             return "the name was too long and was cut: the array keeps 80 characters, and the old name stays in "
@@ -503,21 +506,27 @@ ProgressBar::ProgressBar(std::ostream& err, std::string label, bool terminal, in
 
 ProgressBar::~ProgressBar() { Finish(); }
 
-std::string ProgressBar::Text(const std::string& label, int percent, int width) {
+std::string ProgressBar::Text(const std::string& label, int percent, int width, const std::string& note) {
     percent = std::clamp(percent, 0, 100);
     width = std::max(width, 1);
     int filled = percent * width / 100;
     char pct[8];
     std::snprintf(pct, sizeof pct, "%3d%%", percent);
-    return label + " [" + std::string(size_t(filled), '#') + std::string(size_t(width - filled), ' ') + "] " + pct;
+    return label + " [" + std::string(size_t(filled), '#') + std::string(size_t(width - filled), ' ') + "] " + pct +
+           (note.empty() ? std::string() : "  " + note);
 }
 
-void ProgressBar::Update(int percent) {
+void ProgressBar::Update(int percent, const std::string& note) {
     percent = std::clamp(percent, 0, 100);
-    if (finished_ || percent == shown_) return;
+    if (finished_ || (percent == shown_ && note == note_)) return;
     shown_ = percent;
+    note_ = note;
     if (!terminal_) return;
-    err_ << "\r" << Text(label_, percent, width_);
+    std::string text = Text(label_, percent, width_, note);
+    // A shorter line than the last one leaves no tail of it behind.
+    std::string blank(drawn_ > text.size() ? drawn_ - text.size() : 0, ' ');
+    drawn_ = text.size();
+    err_ << "\r" << text << blank;
     err_.flush();
 }
 
@@ -528,7 +537,7 @@ void ProgressBar::Finish() {
     if (terminal_)
         err_ << "\n";
     else
-        err_ << Text(label_, shown_, width_) << "\n";
+        err_ << Text(label_, shown_, width_, note_) << "\n";
     err_.flush();
 }
 

@@ -123,12 +123,13 @@ class ProgressBar {
 public:
     ProgressBar(std::ostream& err, std::string label, bool terminal, int width = 30);
     ~ProgressBar();
-    // Shows `percent` (clamped to 0..100); draws only when the text changes.
-    void Update(int percent);
+    // Shows `percent` (clamped to 0..100) and a note after it (the elapsed time, the phase);
+    // draws only when the text changes.
+    void Update(int percent, const std::string& note = {});
     // Ends the bar's line (idempotent).
     void Finish();
     // The text of the bar at `percent` (clamped), without the carriage return.
-    static std::string Text(const std::string& label, int percent, int width);
+    static std::string Text(const std::string& label, int percent, int width, const std::string& note = {});
 
 private:
     std::ostream& err_;
@@ -136,6 +137,8 @@ private:
     bool terminal_;
     int width_;
     int shown_ = -1;
+    std::string note_;
+    size_t drawn_ = 0;  // the length of the line on the terminal, to blank a longer one
     bool finished_ = false;
 };
 

@@ -125,7 +125,7 @@ int Shell::Execute(const std::vector<std::string>& words) {
     if (!cmd) return Usage(error);
     // A secret may begin with dashes: only other commands' words are taken for options.
     for (const std::string& w : call.args)
-        if (!(cmd->flags & kSecret) && IsOption(w))
+        if (!(cmd->flags & kSecret) && IsOption(w) && !((cmd->flags & kAsks) && (w == "--yes" || w == "-y")))
             return Usage("\"" + w + "\" is an option of trovctl, not a word of " + call.fixed[0] +
                          ": options go before the command (trovctl " + w + " " + call.fixed[0] + " ...)");
     BeginCommand();
@@ -169,6 +169,11 @@ int Shell::EndLoad(HRESULT hr) {
 }
 
 int Shell::RunScript(std::istream& in, const std::string& name) {
+    struct InScript {
+        bool& flag;
+        explicit InScript(bool& f) : flag(f) { flag = true; }
+        ~InScript() { flag = false; }
+    } inScript(inScript_);
     std::string line;
     int lineNo = 0;
     while (!quit_ && std::getline(in, line)) {

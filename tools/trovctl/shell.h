@@ -117,6 +117,15 @@ public:
     // Reads a secret from the terminal without echo (an empty one when the reading was cut short
     // by Ctrl-C or the end of input). False when there is no terminal to ask on.
     bool AskSecret(const std::string& prompt, std::string* secret);
+    // Whether a question (delete lun) is answered yes without asking (--yes).
+    void SetAssumeYes(bool yes) { assumeYes_ = yes; }
+    // Asks `question` on the terminal and reads the answer; true for y or yes. Asks nothing, and
+    // answers true, with --yes, in a script, or where standard input is no terminal: a script
+    // or a program that runs trovctl has said what it wants. False when the reading was cut short.
+    bool Confirm(const std::string& question);
+    // Whether long waits draw a progress bar on standard error (a terminal, no --json).
+    void SetProgress(bool progress) { progress_ = progress; }
+    bool showsProgress() const { return progress_ && !inScript_ && !json(); }
     // The numbers of the objects listed in this run.
     const Numbering& numbering() const { return numbering_; }
 
@@ -135,6 +144,9 @@ private:
     HostMessages* messages_ = nullptr;
     bool quit_ = false;
     bool mayAsk_ = false;
+    bool assumeYes_ = false;
+    bool progress_ = false;
+    bool inScript_ = false;  // running the lines of a script: nothing is asked, no bar is drawn
     bool arrayReached_ = true;
     std::string doubt_;  // the failure since which listings may be incomplete
     Object selected_{Kind::Subsystem, {}, {}};
