@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
@@ -51,6 +52,22 @@ TEST(ManualPage, DescribesEveryOption) {
         options.insert((*it)[2].str());
     ASSERT_GT(options.size(), 10u) << help;
     for (const std::string& o : options) EXPECT_NE(page.find(Roff(o)), std::string::npos) << "trovctl.1 lacks " << o;
+}
+
+// Every value the provider's code reads from the settings has its entry in trovhwiprv-settings(5).
+TEST(ManualPage, SettingsPageDescribesEverySettingTheProviderReads) {
+    const std::string page = TempDir::Read(std::string(TROV_SOURCE_DIR) + "/doc/trovhwiprv-settings.5");
+    ASSERT_FALSE(page.empty());
+    std::regex read("(ReadStringValue|ReadDwordValue|ReadFlag|ReadNumber)\\([^;]*?\"([A-Za-z]+)\"");
+    std::set<std::string> names;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(std::string(TROV_SOURCE_DIR) + "/src")) {
+        if (e.path().extension() != ".cpp") continue;
+        std::string text = TempDir::Read(e.path().string());
+        for (std::sregex_iterator it(text.begin(), text.end(), read), end; it != end; ++it) names.insert((*it)[2].str());
+    }
+    ASSERT_GT(names.size(), 10u);
+    for (const std::string& n : names)
+        EXPECT_NE(page.find(" " + n + " \" ("), std::string::npos) << "trovhwiprv-settings.5 lacks the setting " << n;
 }
 
 // What the completion offers for a command line (the last word is the one being completed).
