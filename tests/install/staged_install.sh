@@ -1,9 +1,15 @@
 #!/usr/bin/env bash
-# staged_install.sh BUILD_DIR PREFIX LIBDIR: installs the build into a staging folder (DESTDIR),
+# staged_install.sh BUILD_DIR PREFIX LIBDIR [SANITIZER]: installs the build into a staging folder (DESTDIR),
 # registers the installed module with the installed trovctl, drives the installed emulator through
 # the host registry alone (no build path anywhere), and renders the manual pages with warnings on.
 set -euo pipefail
-build=$1 prefix=$2 libdir=$3
+build=$1 prefix=$2 libdir=$3 sanitizer=${4:-}
+# A program that loads a module built with a sanitizer must be built with it too.
+case "$sanitizer" in
+    address) san_flags=(-fsanitize=address,undefined) ;;
+    thread) san_flags=(-fsanitize=thread) ;;
+    *) san_flags=() ;;
+esac
 
 stage=$(mktemp -d /tmp/trovstage.XXXXXX)
 sim_pid=""
@@ -68,7 +74,7 @@ int main(int argc, char** argv) {
 EOF
 pc() { PKG_CONFIG_SYSROOT_DIR=$stage PKG_CONFIG_PATH=$root/$libdir/pkgconfig pkg-config "$@" trovhwiprv; }
 # shellcheck disable=SC2046
-c++ $(pc --cflags) "$stage/host.cpp" -o "$stage/host" $(pc --libs) 2>&1 || fail "a host program does not build with pkg-config"
+c++ "${san_flags[@]}" $(pc --cflags) "$stage/host.cpp" -o "$stage/host" $(pc --libs) 2>&1 || fail "a host program does not build with pkg-config"
 "$stage/host" "$module" || fail "a host program could not get the class factory ($?)"
 
 # Nothing below may reach the build tree.
