@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -197,6 +198,35 @@ TEST_F(HostRegistryTest, BadRegistriesGiveClearErrorsAndStayAsTheyWere) {
     EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
     admin->Release();
     EXPECT_TRUE(Files().empty());
+}
+
+TEST_F(HostRegistryTest, RegistrationsAtOnceLoseNothing) {
+    // Two processes register and unregister providers of their own at the same time; each
+    // read-change-write holds the folder's lock, so every last registration survives.
+    constexpr int kRounds = 40;
+    pid_t children[2];
+    for (int p = 0; p < 2; ++p) {
+        children[p] = fork();
+        if (children[p] == 0) {
+            std::string error;
+            IVdsAdmin* admin = trovctl::NewVdsAdmin(path_, &error);
+            bool ok = true;
+            for (int i = 0; i < kRounds; ++i) {
+                GUID id = MakeGuid(static_cast<uint32_t>(p + 1), static_cast<uint16_t>(i), 0, 0, 0, 0, 0, 0, 0, 0, 0);
+                ok = ok && Register(admin, id, u"P") == S_OK;
+                if (i % 2) ok = ok && admin->UnregisterProvider(id) == S_OK;
+            }
+            _exit(ok ? 0 : 1);
+        }
+    }
+    for (pid_t c : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(c, &status, 0), c);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    RegistryFile reg;
+    ASSERT_TRUE(trovctl::LoadHostRegistry(path_, &reg).ok());
+    EXPECT_EQ(trovctl::ListProviders(reg, false).size(), static_cast<size_t>(kRounds));  // the even rounds of both
 }
 
 TEST_F(HostRegistryTest, AWriteKeepsTheFileModeAndLeavesNoTemporaryFile) {

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,6 +109,27 @@ bool ReadAll(const std::string& path, std::string* out, int* err) {
     close(fd);
     return true;
 }
+
+// Holds an exclusive lock on the registry's folder for one read-change-write, so that two
+// registrations at once (a package's and an operator's) can't lose one another's change. Without
+// the folder there is nothing to lock, and the write will fail anyway.
+class FolderLock {
+public:
+    explicit FolderLock(const std::string& path) {
+        fd_ = open(Dirname(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd_ >= 0)
+            while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+            }
+    }
+    ~FolderLock() {
+        if (fd_ >= 0) close(fd_);  // closing drops the lock
+    }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+private:
+    int fd_ = -1;
+};
 
 RegistryResult Fail(int error, std::string message) { return RegistryResult{error, std::move(message)}; }
 
@@ -486,6 +508,7 @@ public:
         // The file holds one value a line.
         for (const std::string* s : {&name, &version, &machine})
             if (s->find_first_of("\r\n") != std::string::npos) return Failed(E_INVALIDARG, "a line break in a provider's name or version");
+        FolderLock lock(path_);
         RegistryFile reg;
         RegistryResult r = LoadHostRegistry(path_, &reg);
         if (!r.ok()) return Failed(RegistryHr(r), r.message);
@@ -502,6 +525,7 @@ public:
     }
 
     HRESULT UnregisterProvider(VDS_OBJECT_ID providerId) override {
+        FolderLock lock(path_);
         RegistryFile reg;
         RegistryResult r = LoadHostRegistry(path_, &reg);
         if (!r.ok()) return Failed(RegistryHr(r), r.message);
@@ -542,6 +566,7 @@ HRESULT CreateInstance(void* context, REFCLSID clsid, REFIID iid, void** ppv) {
 HRESULT ApplyRegistry(void* context, const char* script) {
     auto* c = static_cast<RegistrationContext*>(context);
     if (!script) return E_POINTER;
+    FolderLock lock(c->path);
     RegistryFile reg;
     RegistryResult r = LoadHostRegistry(c->path, &reg);
     if (r.ok()) {

@@ -14,7 +14,8 @@
 // Promises: the file is read strictly (a line that is not understood is an error that names it,
 // never skipped); every change is written to a temporary file beside it and renamed over it, so
 // a reader sees the old file or the new one, never half of one; a file without any write
-// permission bit is read-only and is never replaced. A missing file reads as an empty registry
+// permission bit is read-only and is never replaced; each read-change-write holds an exclusive
+// lock on the file's folder, so that registrations at once lose no change. A missing file reads as an empty registry
 // and is created by the first change (its folder must exist).
 #pragma once
 
