@@ -25,7 +25,7 @@ TEST(CommandTable, CompletionOffersTheWordsThatMayComeNext) {
         const char* partial;
         Words offer;
     } cases[] = {
-        {{}, "re", {"reenumerate", "refresh"}},
+        {{}, "re", {"reenumerate", "refresh", "register"}},
         {{"name"}, "", {"lun", "subsystem"}},
         {{"maintenance"}, "", {"beep", "blink", "pulse", "stop"}},
         {{"maintenance", "pulse", "3"}, "", {"controller", "drive"}},

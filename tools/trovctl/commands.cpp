@@ -109,6 +109,11 @@ const std::vector<Command>& Commands() {
          "print the provider's notifications as they arrive, for SECONDS;\n\"on\" prints them from now on "
          "(interactive), \"off\" keeps them again",
          CmdWatch, {}, {"on", "off"}, kListens},
+        {"register", "[MODULE]", "register a provider module with the host registry (default:\nthe installed module)",
+         CmdRegister, {}, {}, kNeedsNoProvider},
+        {"unregister", "[MODULE]", "withdraw a provider module's registration", CmdUnregister, {}, {}, kNeedsNoProvider},
+        {"providers", "", "the registered providers, their modules and whether they load", CmdProviders, {}, {},
+         kNeedsNoProvider},
         {"help", "", "this text", CmdHelp, {}, {}, kNeedsNoProvider},
         {"version", "", "trovctl's version", CmdVersion, {}, {}, kNeedsNoProvider},
         {"quit|exit", "", "leave the shell", CmdQuit, {}, {}, kNeedsNoProvider},

@@ -74,4 +74,9 @@ int CmdInitiatorSecret(Shell& sh, const Call& c);
 int CmdInitiators(Shell& sh, const Call& c);
 int CmdCreatePortalGroup(Shell& sh, const Call& c);
 
+// cmd_registration.cpp: provider modules and the host registry.
+int CmdRegister(Shell& sh, const Call& c);
+int CmdUnregister(Shell& sh, const Call& c);
+int CmdProviders(Shell& sh, const Call& c);
+
 }  // namespace trovctl

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "host_messages.h"
+#include "host_registry.h"
 #include "interrupt.h"
 #include "provider_host.h"
 #include "settings_files.h"
@@ -135,7 +136,9 @@ int Run(int argc, char** argv) {
     app.add_option("--proxy-conf", opt.proxyConf,
                    std::string("a kelvane.conf naming the proxy service to use; its password may come from ") +
                        kPasswordVariable + " or --ask-password instead");
-    app.add_option("--module", opt.module, "path of the provider module (default: the one built beside trovctl)");
+    app.add_option("--module", opt.module,
+                   "path of the provider module, for development (default: the registered provider, else the one "
+                   "built beside trovctl)");
     app.add_option("--timeout", opt.timeout,
                    "seconds the provider waits for each reply of the proxy service in this run (1 to 600)");
     app.add_flag("--json", opt.json,
@@ -205,6 +208,8 @@ int Run(int argc, char** argv) {
     std::string ignored;
     const trovctl::Command* oneShot =
         !shellMode && !words.empty() ? trovctl::FindCommand(words, &call, &ignored) : nullptr;
+    // The settings may name the host registry, which commands without a provider use too.
+    if (!opt.settings.empty()) setenv("TROVHWIPRV_SETTINGS", opt.settings.c_str(), 1);
     if (opt.script.empty() && oneShot && (oneShot->flags & trovctl::kNeedsNoProvider)) {
         trovctl::Shell bare(nullptr, std::cout, std::cerr, opt.json);
         return bare.Execute(words);
@@ -214,6 +219,17 @@ int Run(int argc, char** argv) {
         if (!(oneShot && (oneShot->flags & trovctl::kAsks) && words[i] == "--yes") && words[i].size() > 2 && words[i].compare(0, 2, "--") == 0 && app.get_option_no_throw(words[i]))
             return usage("\"" + words[i] + "\" is an option of trovctl: options go before the command (trovctl " +
                          words[i] + " " + words[0] + " ...)");
+
+    // The module: --module, TROVCTL_MODULE, the host registry, or the one beside the build.
+    std::string modulePath;
+    GUID moduleClass{};
+    {
+        std::string why;
+        if (!trovctl::ResolveModule(opt.module, &modulePath, &moduleClass, &why)) {
+            std::cerr << "trovctl: " << why << "\n";
+            return kFailed;
+        }
+    }
 
     // Before any thread starts, so that every thread inherits the blocked signals.
     trovctl::interrupt::Install();
@@ -272,7 +288,7 @@ int Run(int argc, char** argv) {
     trovctl::HostMessages messages(std::cerr);
     ProviderHost host;
     std::string err;
-    if (!host.Open(opt.module.empty() ? DefaultModulePath() : opt.module, &err)) {
+    if (!host.Open(modulePath, &err, moduleClass)) {
         std::cerr << "trovctl: cannot open the provider module: " << err << "\n";
         return kFailed;
     }
