@@ -36,6 +36,9 @@ public:
     void TearDown() override { Dispose(); }
 
     int OwnerId() const override { return m_Owner; }
+    uint8_t Owner() const { return m_Owner; }
+    // The port's number on its controller (its channel in the controller's record).
+    uint32_t PortNumber() const { return m_channel; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
 
@@ -50,5 +53,6 @@ private:
     CController* m_pController = nullptr;  // counted
     VDS_PORT_PROP m_prop{};
     uint8_t m_Owner = 0;
+    uint32_t m_channel = 0;
     uint32_t m_initialised = 0;
 };
