@@ -1,6 +1,7 @@
 #include "iscsi/initiator.h"
 
 #include <arpa/inet.h>
+#include <openssl/evp.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace iscsitest {
@@ -139,10 +141,11 @@ bool Initiator::RecvPdu(std::vector<uint8_t>* bhs, std::vector<uint8_t>* data, s
 }
 
 bool Initiator::LoginStep(uint8_t csg, uint8_t nsg, const std::vector<std::string>& keys,
-                          std::vector<std::string>* answer, uint8_t* reachedNsg, bool* transit, std::string* error) {
+                          std::vector<std::string>* answer, uint8_t* reachedNsg, bool* transit, std::string* error,
+                          bool wantTransit) {
     std::vector<uint8_t> bhs(48, 0);
     bhs[0] = 0x43;  // Login Request, immediate
-    bhs[1] = static_cast<uint8_t>(0x80 | csg << 2 | nsg);
+    bhs[1] = static_cast<uint8_t>((wantTransit ? 0x80 : 0) | csg << 2 | nsg);
     static const uint8_t isid[6] = {0x80, 0x54, 0x52, 0x4F, 0x56, 0x01};
     std::memcpy(&bhs[8], isid, 6);
     bhs[14] = uint8_t(tsih_ >> 8);
@@ -172,6 +175,68 @@ bool Initiator::LoginStep(uint8_t csg, uint8_t nsg, const std::vector<std::strin
     *transit = (rb[1] & 0x80) != 0;
     *reachedNsg = rb[1] & 3;
     *answer = Pairs(rd);
+    return true;
+}
+
+namespace {
+
+std::string ValueOf(const std::vector<std::string>& pairs, const std::string& key) {
+    for (const std::string& kv : pairs)
+        if (kv.size() > key.size() && kv.compare(0, key.size(), key) == 0 && kv[key.size()] == '=')
+            return kv.substr(key.size() + 1);
+    return "";
+}
+
+// "0x..." as bytes; false for anything else (a base64 challenge is not asked for).
+bool FromHex(const std::string& text, std::vector<uint8_t>* out) {
+    if (text.size() < 4 || (text[0] != '0') || (text[1] != 'x' && text[1] != 'X') || text.size() % 2 != 0) return false;
+    out->clear();
+    for (size_t i = 2; i < text.size(); i += 2) {
+        char pair[3] = {text[i], text[i + 1], 0};
+        char* end = nullptr;
+        unsigned long v = std::strtoul(pair, &end, 16);
+        if (end != pair + 2) return false;
+        out->push_back(static_cast<uint8_t>(v));
+    }
+    return out->size() <= 1024;
+}
+
+}  // namespace
+
+bool Initiator::ChapStage(const std::vector<std::string>& keys, std::string* error) {
+    std::vector<std::string> answer;
+    uint8_t nsg = 0;
+    bool transit = false;
+    if (!LoginStep(0, 1, keys, &answer, &nsg, &transit, error, false)) return false;
+    if (ValueOf(answer, "AuthMethod") != "CHAP") {
+        *error = "the target did not take CHAP";
+        return false;
+    }
+    if (!LoginStep(0, 1, {"CHAP_A=5"}, &answer, &nsg, &transit, error, false)) return false;
+    std::vector<uint8_t> challenge;
+    std::string id = ValueOf(answer, "CHAP_I");
+    if (ValueOf(answer, "CHAP_A") != "5" || id.empty() || !FromHex(ValueOf(answer, "CHAP_C"), &challenge)) {
+        *error = "no MD5 challenge from the target";
+        return false;
+    }
+    // The answer is MD5 over the identifier byte, the secret and the challenge.
+    std::vector<uint8_t> in{static_cast<uint8_t>(std::strtoul(id.c_str(), nullptr, 10))};
+    in.insert(in.end(), chapSecret_.begin(), chapSecret_.end());
+    in.insert(in.end(), challenge.begin(), challenge.end());
+    uint8_t md[EVP_MAX_MD_SIZE];
+    unsigned int mdLen = 0;
+    if (EVP_Digest(in.data(), in.size(), md, &mdLen, EVP_md5(), nullptr) != 1) {
+        *error = "MD5 failed";
+        return false;
+    }
+    static const char kDigits[] = "0123456789abcdef";
+    std::string response = "CHAP_R=0x";
+    for (unsigned int i = 0; i < mdLen; ++i) response += {kDigits[md[i] >> 4], kDigits[md[i] & 15]};
+    if (!LoginStep(0, 1, {"CHAP_N=" + chapUser_, response}, &answer, &nsg, &transit, error)) return false;
+    if (!transit || nsg != 1) {
+        *error = "the target did not end the security stage after the CHAP answer";
+        return false;
+    }
     return true;
 }
 
@@ -207,11 +272,20 @@ bool Initiator::Login(const std::string& address, uint16_t port, const std::stri
     tsih_ = 0;
 
     std::vector<std::string> keys{"InitiatorName=" + initiatorName,
-                                  target.empty() ? "SessionType=Discovery" : "SessionType=Normal", "AuthMethod=None"};
+                                  target.empty() ? "SessionType=Discovery" : "SessionType=Normal",
+                                  chapUser_.empty() ? "AuthMethod=None" : "AuthMethod=CHAP"};
     if (!target.empty()) keys.push_back("TargetName=" + target);
     std::vector<std::string> answer;
     uint8_t nsg = 0;
     bool transit = false;
+    if (!chapUser_.empty()) {
+        if (!ChapStage(keys, error)) {
+            Close();
+            return false;
+        }
+        transit = true;
+        nsg = 1;
+    }
     // Security stage until the target moves on; then the operational stage to full feature.
     for (int i = 0; i < 4 && !(transit && nsg == 1); ++i) {
         if (!LoginStep(0, 1, i == 0 ? keys : std::vector<std::string>{}, &answer, &nsg, &transit, error)) {

@@ -2,7 +2,8 @@
 // sends SCSI commands with their data and reads the answers byte for byte, so that the tests can
 // look at exactly what a host would receive (the inquiry pages, the capacity, the blocks written).
 //
-// One connection, one command at a time, no digests. Every wait is bounded (real time: these tests
+// One connection, one command at a time, no digests; CHAP (MD5, one way) when SetChap gave an
+// account, else no authentication. Every wait is bounded (real time: these tests
 // talk to a real target daemon); a peer that answers nonsense makes a call fail, never hang.
 #pragma once
 
@@ -29,6 +30,11 @@ public:
     bool Login(const std::string& address, uint16_t port, const std::string& initiatorName, const std::string& target,
                std::string* error);
     void Close();
+    // The account of the next logins: CHAP_N and the secret; an empty user logs in without.
+    void SetChap(const std::string& user, const std::string& secret) {
+        chapUser_ = user;
+        chapSecret_ = secret;
+    }
 
     // SendTargets=All in a discovery session: the key=value pairs of the answer.
     std::vector<std::string> SendTargets(std::string* error);
@@ -49,12 +55,15 @@ private:
     bool SendPdu(const std::vector<uint8_t>& bhs, const std::vector<uint8_t>& data);
     bool RecvPdu(std::vector<uint8_t>* bhs, std::vector<uint8_t>* data, std::string* error);
     bool LoginStep(uint8_t csg, uint8_t nsg, const std::vector<std::string>& keys, std::vector<std::string>* answer,
-                   uint8_t* reachedNsg, bool* transit, std::string* error);
+                   uint8_t* reachedNsg, bool* transit, std::string* error, bool wantTransit = true);
+    // The security stage with CHAP: the method, the challenge, the answer.
+    bool ChapStage(const std::vector<std::string>& keys, std::string* error);
 
     int fd_ = -1;
     uint32_t itt_ = 1, cmdSn_ = 1, expStatSn_ = 0;
     uint16_t tsih_ = 0;
     uint32_t maxSend_ = 8192;  // the target's MaxRecvDataSegmentLength
+    std::string chapUser_, chapSecret_;
 };
 
 // The free TCP port the kernel gives on 127.0.0.1 now (0 when none).
