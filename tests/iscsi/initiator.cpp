@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -201,6 +202,21 @@ bool FromHex(const std::string& text, std::vector<uint8_t>* out) {
     return out->size() <= 1024;
 }
 
+// The answer to a challenge: MD5 over the identifier byte, the secret and the challenge, as
+// "0x" and lower-case hex; empty when MD5 fails.
+std::string ChapAnswer(uint8_t id, const std::string& secret, const std::vector<uint8_t>& challenge) {
+    std::vector<uint8_t> in{id};
+    in.insert(in.end(), secret.begin(), secret.end());
+    in.insert(in.end(), challenge.begin(), challenge.end());
+    uint8_t md[EVP_MAX_MD_SIZE];
+    unsigned int mdLen = 0;
+    if (EVP_Digest(in.data(), in.size(), md, &mdLen, EVP_md5(), nullptr) != 1) return "";
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out = "0x";
+    for (unsigned int i = 0; i < mdLen; ++i) out += {kDigits[md[i] >> 4], kDigits[md[i] & 15]};
+    return out;
+}
+
 }  // namespace
 
 bool Initiator::ChapStage(const std::vector<std::string>& keys, std::string* error) {
@@ -219,20 +235,31 @@ bool Initiator::ChapStage(const std::vector<std::string>& keys, std::string* err
         *error = "no MD5 challenge from the target";
         return false;
     }
-    // The answer is MD5 over the identifier byte, the secret and the challenge.
-    std::vector<uint8_t> in{static_cast<uint8_t>(std::strtoul(id.c_str(), nullptr, 10))};
-    in.insert(in.end(), chapSecret_.begin(), chapSecret_.end());
-    in.insert(in.end(), challenge.begin(), challenge.end());
-    uint8_t md[EVP_MAX_MD_SIZE];
-    unsigned int mdLen = 0;
-    if (EVP_Digest(in.data(), in.size(), md, &mdLen, EVP_md5(), nullptr) != 1) {
-        *error = "MD5 failed";
-        return false;
+    std::vector<std::string> keys2{"CHAP_N=" + chapUser_,
+                                   "CHAP_R=" + ChapAnswer(static_cast<uint8_t>(std::strtoul(id.c_str(), nullptr, 10)),
+                                                          chapSecret_, challenge)};
+    // Mutual: our own identifier and challenge, which the target answers with its secret.
+    const uint8_t ourId = 0x5A;
+    std::vector<uint8_t> ours(16);
+    for (size_t i = 0; i < ours.size(); ++i) ours[i] = static_cast<uint8_t>(std::rand());
+    if (!chapTargetSecret_.empty()) {
+        keys2.push_back("CHAP_I=" + std::to_string(ourId));
+        std::string c = "CHAP_C=0x";
+        static const char kDigits[] = "0123456789abcdef";
+        for (uint8_t b : ours) c += {kDigits[b >> 4], kDigits[b & 15]};
+        keys2.push_back(c);
     }
-    static const char kDigits[] = "0123456789abcdef";
-    std::string response = "CHAP_R=0x";
-    for (unsigned int i = 0; i < mdLen; ++i) response += {kDigits[md[i] >> 4], kDigits[md[i] & 15]};
-    if (!LoginStep(0, 1, {"CHAP_N=" + chapUser_, response}, &answer, &nsg, &transit, error)) return false;
+    if (!LoginStep(0, 1, keys2, &answer, &nsg, &transit, error)) return false;
+    if (!chapTargetSecret_.empty()) {
+        targetChapName_ = ValueOf(answer, "CHAP_N");
+        std::string got = ValueOf(answer, "CHAP_R");
+        for (char& ch : got) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        if (got.empty() || got != ChapAnswer(ourId, chapTargetSecret_, ours)) {
+            *error = "the target's CHAP answer is wrong (CHAP_N=" + targetChapName_ + ", CHAP_R=" +
+                     ValueOf(answer, "CHAP_R") + ")";
+            return false;
+        }
+    }
     if (!transit || nsg != 1) {
         *error = "the target did not end the security stage after the CHAP answer";
         return false;

@@ -2,8 +2,8 @@
 // sends SCSI commands with their data and reads the answers byte for byte, so that the tests can
 // look at exactly what a host would receive (the inquiry pages, the capacity, the blocks written).
 //
-// One connection, one command at a time, no digests; CHAP (MD5, one way) when SetChap gave an
-// account, else no authentication. Every wait is bounded (real time: these tests
+// One connection, one command at a time, no digests; CHAP (MD5) when SetChap gave an account,
+// mutual when it also gave the secret the target must prove, else no authentication. Every wait is bounded (real time: these tests
 // talk to a real target daemon); a peer that answers nonsense makes a call fail, never hang.
 #pragma once
 
@@ -30,11 +30,15 @@ public:
     bool Login(const std::string& address, uint16_t port, const std::string& initiatorName, const std::string& target,
                std::string* error);
     void Close();
-    // The account of the next logins: CHAP_N and the secret; an empty user logs in without.
-    void SetChap(const std::string& user, const std::string& secret) {
+    // The account of the next logins: CHAP_N and the secret; an empty user logs in without. With
+    // `targetSecret` the initiator challenges the target too, and a wrong answer fails the login.
+    void SetChap(const std::string& user, const std::string& secret, const std::string& targetSecret = "") {
         chapUser_ = user;
         chapSecret_ = secret;
+        chapTargetSecret_ = targetSecret;
     }
+    // The CHAP_N the target answered a mutual challenge with (its account's user).
+    const std::string& targetChapName() const { return targetChapName_; }
 
     // SendTargets=All in a discovery session: the key=value pairs of the answer.
     std::vector<std::string> SendTargets(std::string* error);
@@ -63,7 +67,7 @@ private:
     uint32_t itt_ = 1, cmdSn_ = 1, expStatSn_ = 0;
     uint16_t tsih_ = 0;
     uint32_t maxSend_ = 8192;  // the target's MaxRecvDataSegmentLength
-    std::string chapUser_, chapSecret_;
+    std::string chapUser_, chapSecret_, chapTargetSecret_, targetChapName_;
 };
 
 // The free TCP port the kernel gives on 127.0.0.1 now (0 when none).

@@ -35,6 +35,7 @@ using testchild::Child;
 
 namespace {
 
+const char* kTargetA = "iqn.1995-03.com.trov:01.array.00c0ff1a2b3c.a";
 const char* kTargetB = "iqn.1995-03.com.trov:01.array.00c0ff1a2b3c.b";
 const char* kFirst = "iqn.2024-01.test.trov:first";
 const char* kSecond = "iqn.2024-01.test.trov:second";
@@ -299,7 +300,8 @@ TEST_F(ProviderPath, ATargetSecretForOneInitiatorIsItsChapAccountOnTheTarget) {
     const std::string ident = Lower(made.value("pwszIdentification", ""));
     ASSERT_TRUE(Eventually([&] { return LookAtB(kFirst).WithSerial(ident) != nullptr; })) << sim_->err;
 
-    const std::string secret = "chap-secret-0123";  // twelve or more characters, as hosts ask
+    // Twelve to sixteen characters: hosts ask for twelve, the array's record holds sixteen.
+    const std::string secret = "chap-secret-0123";
     ASSERT_FALSE(Trovctl({"target", "secret", secret, "initiator", kFirst, "target", kTargetB}).is_null());
     auto withChap = [&](const std::string& user, const std::string& word, std::string* err) {
         Initiator ini;
@@ -329,6 +331,47 @@ TEST_F(ProviderPath, ATargetSecretForOneInitiatorIsItsChapAccountOnTheTarget) {
 
     ASSERT_FALSE(Trovctl({"target", "secret", "-", "initiator", kFirst, "target", kTargetB}).is_null());
     EXPECT_TRUE(Eventually([&] { return LookAtB(kFirst).WithSerial(ident) != nullptr; })) << sim_->err;
+}
+
+// The provider moves a LUN (without a view, as it must be) to the other controller; mapped again
+// it is served by that controller's target, at the number free there, with the data it had.
+TEST_F(ProviderPath, ALunMovedToThePartnerControllerIsServedByItsTargetWithItsData) {
+    nlohmann::json made = Trovctl({"create", "lun", "mirror", "size=64MB", "unmask=*", "pool=VD-SATA-R1"});
+    ASSERT_TRUE(made.is_object()) << made;
+    const std::string ident = Lower(made.value("pwszIdentification", ""));
+    const std::string name = made.value("pwszFriendlyName", "");
+    Seen seen;
+    ASSERT_TRUE(Eventually([&] {
+        seen = LookAtB(kFirst);
+        return seen.WithSerial(ident) != nullptr;
+    })) << seen.error << "\n" << sim_->err;
+    std::vector<uint8_t> block(512);
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(i * 13 + 5);
+    {
+        Initiator ini;
+        std::string err;
+        ASSERT_TRUE(ini.Login("127.0.0.1", port_, kFirst, kTargetB, &err)) << err;
+        ASSERT_TRUE(ini.Write(seen.WithSerial(ident)->lun, 100, block));
+    }
+
+    ASSERT_TRUE(Trovctl({"unmask", "-", "lun", name}).is_object());
+    ASSERT_TRUE(Trovctl({"associate", "controllerports", "0", "lun", name}).is_object());  // a port of A
+    ASSERT_TRUE(Trovctl({"unmask", "*", "lun", name}).is_object());
+    // Controller A's target also serves db01 to host01 alone: the union, and a warning saying so.
+    Seen onA;
+    ASSERT_TRUE(Eventually([&] {
+        onA = Look(port_, kFirst, kTargetA);
+        return onA.WithSerial(ident) != nullptr;
+    })) << onA.error << "\n" << sim_->err;
+    EXPECT_FALSE(LookAtB(kFirst).WithSerial(ident)) << "still on controller B's target";
+    EXPECT_NE(onA.WithSerial(ident)->lun, 1u) << "db01 holds LUN 1 there";
+    EXPECT_TRUE(sim_->WaitFor("views it cannot separate", 5000)) << sim_->err;
+    Initiator ini;
+    std::string err;
+    ASSERT_TRUE(ini.Login("127.0.0.1", port_, kFirst, kTargetA, &err)) << err;
+    std::vector<uint8_t> back;
+    ASSERT_TRUE(ini.Read(onA.WithSerial(ident)->lun, 100, 1, &back));
+    EXPECT_EQ(back, block);
 }
 
 class ProviderPathOnLoopback : public ProviderPath {
@@ -371,4 +414,27 @@ TEST_F(ProviderPathOnLoopback, TheTargetsPortalsInItsDetailAreWhereItsLunsAreSer
     for (const std::string& kv : found) all += kv + "\n";
     EXPECT_NE(all.find(std::string("TargetName=") + kTargetB), std::string::npos) << all;
     for (const std::string& p : portals) EXPECT_NE(all.find("TargetAddress=" + p), std::string::npos) << all;
+}
+
+// The initiator's secret the provider remembers on a target is what the target proves itself
+// with (mutual CHAP): the target answers the initiator's challenge under its own name with that
+// secret, and an initiator that expects another secret gives up.
+TEST_F(ProviderPath, AnInitiatorSecretRememberedOnATargetIsWhatTheTargetProvesItselfWith) {
+    nlohmann::json made = Trovctl({"create", "lun", "mirror", "size=64MB", std::string("unmask=") + kFirst,
+                                   "pool=VD-SATA-R1"});
+    ASSERT_TRUE(made.is_object()) << made;
+    const std::string incoming = "incoming-secr-01", mutual = "mutual-secret-01";
+    ASSERT_FALSE(Trovctl({"target", "secret", incoming, "initiator", kFirst, "target", kTargetB}).is_null());
+    ASSERT_FALSE(Trovctl({"initiator", "secret", kFirst, mutual, "target", kTargetB}).is_null());
+    std::string err;
+    Initiator ini;
+    ini.SetChap(kFirst, incoming, mutual);
+    EXPECT_TRUE(Eventually([&] { return ini.Login("127.0.0.1", port_, kFirst, kTargetB, &err); }))
+        << err << "\n" << sim_->err;
+    EXPECT_EQ(ini.targetChapName(), kTargetB);
+    ini.Close();
+    Initiator wary;
+    wary.SetChap(kFirst, incoming, "not-the-secret-0");
+    EXPECT_FALSE(wary.Login("127.0.0.1", port_, kFirst, kTargetB, &err));
+    EXPECT_NE(err.find("the target's CHAP answer is wrong"), std::string::npos) << err;
 }
