@@ -1,10 +1,11 @@
-// A small iSCSI initiator for the emulator's data-path tests: it logs in (no authentication),
-// sends SCSI commands with their data and reads the answers byte for byte, so that the tests can
-// look at exactly what a host would receive (the inquiry pages, the capacity, the blocks written).
+// A small iSCSI initiator for the emulator's data-path tests: it logs in, sends SCSI commands with
+// their data and reads the answers byte for byte, so that the tests can look at exactly what a host
+// would receive (the inquiry pages, the capacity, the blocks written).
 //
 // One connection, one command at a time, no digests; CHAP (MD5) when SetChap gave an account,
-// mutual when it also gave the secret the target must prove, else no authentication. Every wait is bounded (real time: these tests
-// talk to a real target daemon); a peer that answers nonsense makes a call fail, never hang.
+// mutual when it also gave the secret the target must prove, else no authentication. Every wait
+// is bounded (real time: these tests talk to a real target daemon); a peer that answers nonsense
+// makes a call fail, never hang.
 #pragma once
 
 #include <cstdint>

@@ -247,10 +247,12 @@ TEST_F(ProviderPath, ALunMadeMaskedExtendedAndDeletedByTheProviderIsWhatTheIniti
     EXPECT_TRUE(LookAtB(kSecond).WithSerial(ident)) << "a default view admits every initiator";
 
     // libiscsi's tools agree, where they are installed.
-    const std::string url = "iscsi://127.0.0.1:" + std::to_string(port_) + "/" + kTargetB + "/" + std::to_string(lun.lun);
+    const std::string url =
+        "iscsi://127.0.0.1:" + std::to_string(port_) + "/" + kTargetB + "/" + std::to_string(lun.lun);
     if (!trovsim::FindProgram("", "iscsi-inq").empty()) {
         int rc = -1;
-        std::string p80 = Output({trovsim::FindProgram("", "iscsi-inq"), "-i", kFirst, "-e", "1", "-c", "128", url}, &rc);
+        std::string p80 =
+            Output({trovsim::FindProgram("", "iscsi-inq"), "-i", kFirst, "-e", "1", "-c", "128", url}, &rc);
         EXPECT_EQ(rc, 0) << p80;
         EXPECT_NE(Lower(p80).find(ident), std::string::npos) << p80;
         std::string cap = Output({trovsim::FindProgram("", "iscsi-readcapacity16"), "-i", kFirst, url}, &rc);
