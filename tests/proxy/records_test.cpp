@@ -295,6 +295,8 @@ const RefCase kRefCases[] = {
      [](const std::vector<uint8_t>&) { SwapList l; Add32(l, 0); return l; }, nullptr},
     {"ExpandPartRequest", rec::kExpandPartRequestSize, ConvertExpandPartRequest,
      [](const std::vector<uint8_t>&) { SwapList l; Add32(l, 8, 2); return l; }, nullptr},
+    {"CommonOpening", 48, ConvertCommonOpening,
+     [](const std::vector<uint8_t>&) { SwapList l; Add32(l, 0, 2); return l; }, nullptr},
 };
 
 class RecordsTest : public ::testing::Test {
@@ -501,32 +503,6 @@ TEST_F(ControllerDataFixture, TextsAndKeysAreNotConverted) {
     EXPECT_EQ(std::memcmp(cd.controller.activeParams.ipAddress, ip, 4), 0);
 }
 
-// The interface union by busType: which words a port's conversion touches.
-struct PortCase {
-    uint8_t busType;
-    size_t unionOffset;  // a 32-bit word of the union
-    bool swapped;
-};
-
-TEST_F(ControllerDataFixture, PortUnionFollowsEachPortsBusType) {
-    const PortCase cases[] = {
-        {4, 520, false}, {5, 520, false}, {6, 520, true},  {6, 572, true},  {7, 12, true},
-        {8, 12, false},  {9, 16, true},   {9, 52, true},   {9, 312, true},  {9, 348, true},
-        {9, 520, false}, {0, 12, false},  {10, 16, false}, {7, 16, false},
-    };
-    for (const PortCase& c : cases) {
-        SCOPED_TRACE(testing::Message() << "busType " << int(c.busType) << " at " << c.unionOffset);
-        wire_.assign(rec::kControllerDataSize, 0);
-        size_t port = 904 + 1284 * 2;  // ports[2]
-        wire_[port + 1216] = c.busType;
-        PutBe32(wire_, port + 136 + c.unionOffset, 0x11223344);
-        ControllerData& cd = Converted();
-        uint32_t v;
-        std::memcpy(&v, cd.port(2).interface.raw + c.unionOffset, 4);
-        EXPECT_EQ(v, c.swapped ? 0x11223344u : 0x44332211u);
-    }
-}
-
 TEST_F(ControllerDataFixture, IscsiPortFieldsByName) {
     size_t port = 904;  // ports[0]
     wire_[port + 1216] = TROV_BUS_ISCSI;
@@ -698,15 +674,6 @@ TEST_F(RecordsTest, ListsAndRequestByName) {
     const uint8_t* b = reinterpret_cast<const uint8_t*>(&req);
     const uint8_t expect[8] = {0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x00, 0x02};
     EXPECT_EQ(std::memcmp(b + 8, expect, 8), 0);
-}
-
-TEST_F(RecordsTest, CommonOpeningSwapsItsTwoWordsOnly) {
-    std::vector<uint8_t> w = RandomBytes(48, 9);
-    std::vector<uint8_t> expect = w;
-    std::reverse(expect.begin(), expect.begin() + 4);
-    std::reverse(expect.begin() + 4, expect.begin() + 8);
-    ConvertCommonOpening(0, w.data());
-    EXPECT_EQ(FirstDiff(w, expect), -1);
 }
 
 TEST_F(RecordsTest, ConvertersWorkAtAnyAlignment) {
@@ -918,45 +885,36 @@ TEST_F(RecordsTest, DriveBlockIsTheTwelveBytesFromTheKey) {
 // ---------------------------------------------------------------------------------------------
 // Log words and names.
 
-TEST_F(RecordsTest, HowUsedWords) {
+TEST_F(RecordsTest, LogWordsAndNames) {
+    // nullptr: no word for the value.
     const struct {
+        const char* (*word)(uint8_t);
         uint8_t v;
-        const char* word;
-    } rows[] = {{0, "AVAILABLE"}, {1, "MEMBER"},   {2, "DEDICATED SPARE"}, {3, "POOL SPARE"},
-                {4, "SINGLE"},    {5, "LEFTOVER"}, {6, nullptr},           {7, nullptr},
-                {255, nullptr}};
+        const char* text;
+    } rows[] = {
+        {rec::HowUsedWord, 0, "AVAILABLE"},         {rec::HowUsedWord, 1, "MEMBER"},
+        {rec::HowUsedWord, 2, "DEDICATED SPARE"},   {rec::HowUsedWord, 3, "POOL SPARE"},
+        {rec::HowUsedWord, 4, "SINGLE"},            {rec::HowUsedWord, 5, "LEFTOVER"},
+        {rec::HowUsedWord, 6, nullptr},             {rec::HowUsedWord, 255, nullptr},
+        {rec::RaidLevelName, 0, "TROV_RAID0"},      {rec::RaidLevelName, 1, "TROV_RAID1"},
+        {rec::RaidLevelName, 3, "TROV_RAID3"},      {rec::RaidLevelName, 5, "TROV_RAID5"},
+        {rec::RaidLevelName, 6, "TROV_NRAID"},      {rec::RaidLevelName, 7, "TROV_RAID30"},
+        {rec::RaidLevelName, 8, "TROV_RAID50"},     {rec::RaidLevelName, 10, "TROV_RAID10"},
+        {rec::RaidLevelName, 11, "TROV_RAID6"},     {rec::RaidLevelName, 12, nullptr},
+    };
     for (const auto& r : rows) {
-        const char* got = rec::HowUsedWord(r.v);
-        if (r.word)
-            EXPECT_STREQ(got, r.word);
-        else
-            EXPECT_EQ(got, nullptr) << int(r.v);
+        const char* got = r.word(r.v);
+        EXPECT_STREQ(got ? got : "(none)", r.text ? r.text : "(none)") << int(r.v);
     }
-}
-
-TEST_F(RecordsTest, DriveTypeWords) {
     const struct {
         uint8_t v;
         const char* text;
-    } rows[] = {{2, "FC"}, {3, "SATA"}, {4, "SAS"}, {0, "0x0"}, {5, "0x5"}, {10, "0xa"}, {255, "0xff"}};
-    for (const auto& r : rows) EXPECT_EQ(rec::DriveTypeText(r.v), r.text);
+    } types[] = {{2, "FC"}, {3, "SATA"}, {4, "SAS"}, {0, "0x0"}, {5, "0x5"}, {10, "0xa"}, {255, "0xff"}};
+    for (const auto& t : types) EXPECT_EQ(rec::DriveTypeText(t.v), t.text);
     EXPECT_TRUE(rec::IsSataFamily(9));
     EXPECT_TRUE(rec::IsSasFamily(10));
     EXPECT_TRUE(rec::IsSolidState(8));
     EXPECT_FALSE(rec::IsSolidState(6));
-}
-
-TEST_F(RecordsTest, RaidLevelNamesAndValues) {
-    const struct {
-        uint8_t v;
-        const char* name;
-    } rows[] = {{TROV_RAID0, "TROV_RAID0"},   {TROV_RAID1, "TROV_RAID1"},   {TROV_RAID3, "TROV_RAID3"},
-                {TROV_RAID5, "TROV_RAID5"},   {TROV_NRAID, "TROV_NRAID"},   {TROV_RAID30, "TROV_RAID30"},
-                {TROV_RAID50, "TROV_RAID50"}, {TROV_RAID10, "TROV_RAID10"}, {TROV_RAID6, "TROV_RAID6"}};
-    for (const auto& r : rows) EXPECT_STREQ(rec::RaidLevelName(r.v), r.name);
-    EXPECT_EQ(TROV_RAID6, 11);
-    EXPECT_EQ(TROV_RAID10, 10);
-    EXPECT_EQ(rec::RaidLevelName(12), nullptr);
 }
 
 TEST_F(RecordsTest, SetRecordTextCutsAndTerminates) {

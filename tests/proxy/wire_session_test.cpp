@@ -140,6 +140,22 @@ protected:
         g_session.Port = peer.port();
     }
 
+    // One connection of the peer: each request answered in turn, then `end` (nothing more, the
+    // client's close expected, or the peer's own close).
+    enum class End { None, ClientCloses, PeerCloses };
+    static void Connection(ScriptPeer& peer, std::initializer_list<Bytes> answers, End end = End::None) {
+        peer.Accept();
+        for (const Bytes& a : answers) peer.OnRequest(Answer(a));
+        if (end == End::ClientCloses) peer.ExpectClosed();
+        if (end == End::PeerCloses) peer.CloseConnection();
+    }
+    // One such connection, started, with the transport attached to it.
+    static void Serve(ScriptPeer& peer, std::initializer_list<Bytes> answers, End end = End::None) {
+        Connection(peer, answers, end);
+        peer.Start();
+        peer.AttachTransport();
+    }
+
     bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
 
     // The one failure line the host was told, which must name `step` and `reason`.
@@ -164,10 +180,7 @@ protected:
 
 TEST_F(WireSession, HandshakeSendsTheVersionWordAndKeepsTheToken) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0xABCD0501, 0xDEADBEEF)));  // bits 16..31 are not read
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(0xABCD0501, 0xDEADBEEF)});  // bits 16..31 are not read
 
     EXPECT_EQ(Handshake(g_transport.PacketBuffer), 0);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
@@ -192,10 +205,7 @@ class HandshakeStatus : public WireSession, public ::testing::WithParamInterface
 TEST_P(HandshakeStatus, GivesTheResultAndMessageOfTheStatus) {
     const HandshakeCase& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(c.versionStatus, 0x0BADF00D)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(c.versionStatus, 0x0BADF00D)});
 
     testing::internal::CaptureStdout();
     int rc = Handshake(g_transport.PacketBuffer);
@@ -226,10 +236,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(WireSession, ProxyLoginStopsAtAVersionMismatchWithItsMessage) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0601, 7)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(0x0601, 7)});
     EXPECT_EQ(ProxyLogin(), 29);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
     EXPECT_EQ(peer.requests().size(), 1u);  // no login follows
@@ -254,14 +261,7 @@ class HandshakeBadReply : public WireSession, public ::testing::WithParamInterfa
 TEST_P(HandshakeBadReply, FailsWithMinusOneAndClosesTheConnection) {
     const BadReply& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(c.reply));
-    if (c.closeAfter)
-        peer.CloseConnection();
-    else
-        peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {c.reply}, c.closeAfter ? End::PeerCloses : End::ClientCloses);
     Configure(peer, "admin", "pw");
 
     EXPECT_EQ(Handshake(g_transport.PacketBuffer), -1);
@@ -322,10 +322,7 @@ TEST_P(LoginPassword, RecordCarriesUserEncipheredPasswordLengthAndToken) {
     std::string password;
     for (size_t i = 0; i < len; ++i) password.push_back(static_cast<char>('a' + (i * 7) % 26));
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(LoginAnswer(1, 0x13572468)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {LoginAnswer(1, 0x13572468)});
     Configure(peer, "operator", password);
     g_session.HandshakeToken = 0xA1B2C3D4;
     g_transport.sequence = 5;
@@ -357,10 +354,7 @@ TEST_F(WireSession, LoginFieldOfFortyFourKeepsItsTailInClear) {
     const std::string password = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNwxyz";
     ASSERT_EQ(password.size(), 44u);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(LoginAnswer(1, 1)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {LoginAnswer(1, 1)});
     Configure(peer, "u", password);
     EXPECT_EQ(Login(g_transport.PacketBuffer), 0);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
@@ -384,11 +378,7 @@ class LoginBadReply : public WireSession, public ::testing::WithParamInterface<L
 TEST_P(LoginBadReply, FailsAndKeepsTheOldSessionKey) {
     const LoginCase& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(c.reply));
-    if (c.dropped) peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {c.reply}, c.dropped ? End::ClientCloses : End::None);
     Configure(peer, "admin", "secret");
     g_transport.SessionKey = 0x77;
 
@@ -444,11 +434,7 @@ TEST_F(WireSession, ListenPortAnnouncementCarriesTheLowBitsOfTheProcessId) {
     const uint16_t port = static_cast<uint16_t>(getpid() & 0xFFFF);
     ASSERT_EQ(ListenPort(), port);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(8, Words({0xFFFFFFFF}), 3)));  // a payload is read and ignored
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(8, Words({0xFFFFFFFF}), 3), PortAnswer()});  // a payload is read and ignored
     g_transport.sequence = 9;
     g_transport.SessionKey = 0x100;
 
@@ -467,9 +453,7 @@ TEST_F(WireSession, ListenPortRefusedByAnotherAnswerClosesTheConnection) {
     ListenerName();
     ScriptPeer peer;
     for (const Bytes& answer : {ScriptPeer::Reply(9, {}, 3), ScriptPeer::Reply(8, {}, 2)}) {
-        peer.Accept();
-        peer.OnRequest(Answer(answer));
-        peer.ExpectClosed();
+        Connection(peer, {answer}, End::ClientCloses);
     }
     peer.Start();
     Configure(peer, "admin", "pw");
@@ -491,10 +475,7 @@ TEST_F(WireSession, ListenPortRefusedByAnotherAnswerClosesTheConnection) {
 
 TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(14, {}, 3)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(14, {}, 3)});
     g_transport.sequence = 41;
     g_transport.SessionKey = 0xCAFE;
 
@@ -520,18 +501,10 @@ TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
 TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
     const uint32_t k1 = 0x10000, k2 = 0xFFFFFF00;  // k2 makes the check value's sum wrap
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(1, k1)));
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 2)));  // a reconnect on a healthy line
-    peer.CloseConnection();
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 3)));
-    peer.OnRequest(Answer(LoginAnswer(1, k2)));
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    // The fourth answer is to a reconnect on a healthy line.
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, k1), PortAnswer(), HandshakeAnswer(0x0501, 2)},
+               End::PeerCloses);
+    Serve(peer, {HandshakeAnswer(0x0501, 3), LoginAnswer(1, k2), PortAnswer()});
     ListenerName();
     Configure(peer, "admin", "pw");
     const uint32_t s = 61;  // packets 61..68 cross 63 -> 64, where the table starts again
@@ -577,13 +550,8 @@ TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
 
 TEST_F(WireSession, SecondLossWarnsNoMoreButReportsTheRestoreAgain) {
     ScriptPeer peer;
-    for (int round = 0; round < 2; ++round) {
-        peer.Accept();
-        peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-        peer.OnRequest(Answer(LoginAnswer(1, 2)));
-        peer.OnRequest(Answer(PortAnswer()));
-        peer.CloseConnection();
-    }
+    for (int round = 0; round < 2; ++round)
+        Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, 2), PortAnswer()}, End::PeerCloses);
     peer.Start();
     ListenerName();
     Configure(peer, "admin", "pw");
@@ -602,17 +570,11 @@ TEST_F(WireSession, SecondLossWarnsNoMoreButReportsTheRestoreAgain) {
 
 TEST_F(WireSession, ReconnectReportsEachFailingStep) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0401, 1)));  // version mismatch
-    peer.CloseConnection();                              // so that the next test of the line fails
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(5, 2)));  // refused login
-    peer.CloseConnection();
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(1, 2)));
-    peer.OnRequest(Answer(ScriptPeer::Reply(9, {}, 3)));  // refused port
+    // A version mismatch, a refused login, a refused port; each closed so that the next test of
+    // the line fails.
+    Connection(peer, {HandshakeAnswer(0x0401, 1)}, End::PeerCloses);
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(5, 2)}, End::PeerCloses);
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, 2), ScriptPeer::Reply(9, {}, 3)});
     peer.Start();
     ListenerName();
     Configure(peer, "admin", "pw");
@@ -696,11 +658,7 @@ INSTANTIATE_TEST_SUITE_P(Settings, HandshakeLimit,
 TEST_F(WireSession, AnAnswerWhosePayloadStopsShortEndsAtTheLimit) {
     SetReplyTimeout(30);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(Truncated(LoginAnswer(1, 9), 40)));  // 4 of the 12 bytes it announces
-    peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {Truncated(LoginAnswer(1, 9), 40)}, End::ClientCloses);  // 4 of the 12 bytes it announces
     Configure(peer, "admin", "pw");
     g_transport.SessionKey = 0x77;
     tp.clock().SetAuto(false);
@@ -876,11 +834,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(WireSession, ExecCmndHealsTheErrorAndCountsAClosedPeerAsOne) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(3, {})));
-    peer.CloseConnection();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(3, {})}, End::PeerCloses);
     uint8_t* b = g_transport.PacketBuffer;
     g_transport.LastSocketError = 104;
     MakeHeader(b, 1, 3);
@@ -947,10 +901,7 @@ TEST_F(WireSession, MakeHeaderNumbersEveryHeaderAndWrapsTheCounter) {
 
 TEST_F(WireSession, ScriptPeerFailsWhenTheClientLeavesBeforeItsRequest) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {PortAnswer()});
     CloseProxySocket(0);
     EXPECT_FALSE(peer.Finish());
     EXPECT_EQ(peer.failure(), "request header not read");
@@ -959,10 +910,7 @@ TEST_F(WireSession, ScriptPeerFailsWhenTheClientLeavesBeforeItsRequest) {
 
 TEST_F(WireSession, ScriptPeerRefusesAnOversizedRequest) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {PortAnswer()});
     uint8_t* b = g_transport.PacketBuffer;
     MakeHeader(b, 1, 0);
     wire::StoreBe32(b + wire::kDataLenOffset, 5u << 20);
