@@ -30,47 +30,20 @@
 #include "support/debuglog.h"
 #include "testlib/script_peer.h"
 #include "testlib/session_env.h"
+#include "wire_bytes.h"
 
 namespace {
 
 using testlib::ScriptPeer;
 using Bytes = ScriptPeer::Bytes;
 
-// The DES initial permutation IP (FIPS 46), written out here on its own so that a slip in the
-// production table shows.
-constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
-                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
-                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
-                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
-
-uint32_t Expected(uint32_t seq, uint32_t key) { return kIp[seq % 64] + key + seq; }
-
-uint32_t Be32(const Bytes& b, size_t off) {
-    return uint32_t(b.at(off)) << 24 | uint32_t(b.at(off + 1)) << 16 | uint32_t(b.at(off + 2)) << 8 | b.at(off + 3);
-}
-
-void PutBe32(Bytes& b, uint32_t v) {
-    b.push_back(static_cast<uint8_t>(v >> 24));
-    b.push_back(static_cast<uint8_t>(v >> 16));
-    b.push_back(static_cast<uint8_t>(v >> 8));
-    b.push_back(static_cast<uint8_t>(v));
-}
+using wirebytes::Be32;
+using wirebytes::Header;
+using wirebytes::kIp;
 
 Bytes Words(std::initializer_list<uint32_t> words) {
     Bytes b;
-    for (uint32_t w : words) PutBe32(b, w);
-    return b;
-}
-
-// The header as the service expects it, built from the layout alone.
-Bytes Header(uint32_t seq, uint32_t key, uint32_t type, uint32_t op, uint32_t len) {
-    Bytes b = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
-    PutBe32(b, seq);
-    PutBe32(b, Expected(seq, key));
-    PutBe32(b, type);
-    PutBe32(b, op);
-    PutBe32(b, 0);
-    PutBe32(b, len);
+    for (uint32_t w : words) wirebytes::AppendBe32(b, w);
     return b;
 }
 
@@ -531,7 +504,7 @@ TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
     for (size_t i = 0; i < reqs.size(); ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(Be32(reqs[i], 12), want[i].seq);
-        EXPECT_EQ(Be32(reqs[i], 16), Expected(want[i].seq, want[i].key));
+        EXPECT_EQ(Be32(reqs[i], 16), wirebytes::CheckValue(want[i].seq, want[i].key));
         EXPECT_EQ(Be32(reqs[i], 24), want[i].op);
     }
     // Packet 64 uses the first entry of the table again.
