@@ -388,71 +388,66 @@ struct ControllerDataFixture : RecordsTest {
     std::vector<uint8_t> wire_;
 };
 
-TEST_F(ControllerDataFixture, IntegersOfEveryWidthReadByName) {
-    PutBe32(wire_, 4, 0x01020304);                   // error_code
-    PutBe32(wire_, 28, 3);                           // numPorts
-    PutBe32(wire_, 32, 0x00010002);                  // numDiskChannels
-    PutBe32(wire_, 40, TROV_CAPABILITY_RAID6);       // capabilities
-    wire_[64 + 22] = TROV_CONTROLLER_MODE_AA_DUAL_PORT_ULP;
-    PutBe32(wire_, 348 + 24, 25);                    // activeParams.overheadPerMille
-    wire_[704] = 1;                                  // controllerId
-    wire_[11176 + 1219] = 24;                        // diskPorts[0].maxDevices
-    PutBe32(wire_, 21644, 17);                       // totalDrives
-    wire_[22344] = 3;                                // allowedDriveType
-    PutBe32(wire_, 24708, 2);                        // enclosureCount
-    wire_[24712 + 180] = 12;                         // enclosures[0].numDrives
-    PutBe32(wire_, 89904, 4);                        // numDrives
-    PutBe32(wire_, 89908 + 212 * 1, 0x89ABCDEF);     // drives[1].realBlockCount
-    PutBe16(wire_, 89908 + 212 * 1 + 76, 0x1234);    // drives[1] unread u16
-    PutBe32(wire_, 142908, 2);                       // numArrays
-    PutWire64(wire_, 142912 + 1604, 0x0000000312345678ull);      // arrays[1].blockCapacity
-    PutBe32(wire_, 142912 + 1604 + 12, 6);                       // arrays[1].numDrives
-    PutBe32(wire_, 142912 + 1604 + 408 + 16 * 5 + 4, 0xFFFFFFFF);  // arrays[1].members[5].channelIndex
-    PutWire64(wire_, 142912 + 1604 + 1572, 0x0000000100000001ull);  // remainingBlocks
-    PutWire64(wire_, 142912 + 1604 + 1584, 0xFEDCBA9876543210ull);  // largestFreeSegment
-    PutBe32(wire_, 194240, 9);                                   // parititionCount
-    size_t part = 194244 + 72704 * 3 + 568 * 5;                  // partitions[3][5]
-    PutWire64(wire_, part + 0, 0x800);
-    PutWire64(wire_, part + 8, 0x123456789Aull);
-    PutBe32(wire_, part + 16, 7);
-    PutBe16(wire_, part + 502, 0xBEEF);
-    wire_[part + 517] = TROV_PART_SNAPSHOT;
-    wire_[2520804] = TROV_CTRL_STATE_NOT_SERVING;
+// A field written in its wire form at its byte offset, and read back by name after conversion.
+struct NamedField {
+    const char* name;
+    size_t at;
+    int width;  // 1, 2, 4 or 8 (two words, low word first)
+    uint64_t wire;
+    uint64_t (*read)(const ControllerData&);
+    uint64_t want;
+};
+#define BY(expr) [](const ControllerData& c) -> uint64_t { return (expr); }
 
-    ControllerData& cd = Converted();
-    EXPECT_EQ(cd.error_code, 0x01020304u);
-    EXPECT_EQ(cd.controller.numPorts, 3u);
-    EXPECT_EQ(cd.controller.numDiskChannels, 0x00010002u);
-    EXPECT_EQ(cd.diskChannelCount(), 2u);  // low 16 bits
-    EXPECT_TRUE(cd.controller.supportsRaid6());
-    EXPECT_TRUE(cd.dualPortUlp());
-    EXPECT_EQ(cd.overheadPerMille(), 25u);
-    EXPECT_EQ(cd.controller.controllerId, 1);
-    EXPECT_EQ(cd.diskPort(0).maxDevices, 24);
-    EXPECT_EQ(cd.controller.driveSummary.totalDrives, 17u);
-    EXPECT_EQ(cd.allowedDriveType(), 3);
-    EXPECT_EQ(cd.enclosureCountBounded(), 2u);
-    EXPECT_EQ(cd.enclosure(0).numDrives, 12);
-    EXPECT_EQ(cd.driveCount(), 4u);
-    EXPECT_EQ(cd.drive(1).realBlockCount, 0x89ABCDEFu);
-    EXPECT_EQ(cd.drive(1).unread76, 0x1234);
-    EXPECT_EQ(cd.arrayCount(), 2u);
-    EXPECT_EQ(cd.array(1).blockCapacity, 0x0000000312345678ull);
-    EXPECT_EQ(cd.array(1).memberCount(), 6u);
-    EXPECT_EQ(cd.array(1).members[5].channelIndex, 0xFFFFFFFFu);
-    EXPECT_FALSE(cd.array(1).member(5).missing());  // driveIndex is 0: present
-    EXPECT_EQ(cd.array(1).remainingBlocks, 0x0000000100000001ull);
-    EXPECT_EQ(cd.array(1).largestFreeSegment, 0xFEDCBA9876543210ull);
-    EXPECT_EQ(cd.parititionCount, 9u);
-    const PartitionData& p = cd.partition(3, 5);
-    EXPECT_EQ(p.startBlock, 0x800u);
-    EXPECT_EQ(p.blockCount, 0x123456789Aull);
-    EXPECT_EQ(p.lunNumber, 7u);
-    EXPECT_EQ(p.cacheFlags, 0xBEEF);
-    EXPECT_EQ(p.partitionType, TROV_PART_SNAPSHOT);
-    EXPECT_EQ(cd.controllerState, TROV_CTRL_STATE_NOT_SERVING);
+TEST_F(ControllerDataFixture, IntegersOfEveryWidthReadByName) {
+    const size_t a1 = 142912 + 1604, part = 194244 + 72704 * 3 + 568 * 5;  // arrays[1], partitions[3][5]
+    const NamedField fields[] = {
+        {"error_code", 4, 4, 0x01020304, BY(c.error_code), 0x01020304},
+        {"numPorts", 28, 4, 3, BY(c.controller.numPorts), 3},
+        {"numDiskChannels", 32, 4, 0x00010002, BY(c.controller.numDiskChannels), 0x00010002},
+        {"diskChannelCount: the low 16 bits", 32, 4, 0x00010002, BY(c.diskChannelCount()), 2},
+        {"capabilities", 40, 4, TROV_CAPABILITY_RAID6, BY(c.controller.supportsRaid6()), 1},
+        {"controller mode", 64 + 22, 1, TROV_CONTROLLER_MODE_AA_DUAL_PORT_ULP, BY(c.dualPortUlp()), 1},
+        {"activeParams.overheadPerMille", 348 + 24, 4, 25, BY(c.overheadPerMille()), 25},
+        {"controllerId", 704, 1, 1, BY(c.controller.controllerId), 1},
+        {"diskPorts[0].maxDevices", 11176 + 1219, 1, 24, BY(c.diskPort(0).maxDevices), 24},
+        {"totalDrives", 21644, 4, 17, BY(c.controller.driveSummary.totalDrives), 17},
+        {"allowedDriveType", 22344, 1, 3, BY(c.allowedDriveType()), 3},
+        {"enclosureCount", 24708, 4, 2, BY(c.enclosureCountBounded()), 2},
+        {"enclosures[0].numDrives", 24712 + 180, 1, 12, BY(c.enclosure(0).numDrives), 12},
+        {"numDrives", 89904, 4, 4, BY(c.driveCount()), 4},
+        {"drives[1].realBlockCount", 89908 + 212, 4, 0x89ABCDEF, BY(c.drive(1).realBlockCount), 0x89ABCDEF},
+        {"drives[1] unread u16", 89908 + 212 + 76, 2, 0x1234, BY(c.drive(1).unread76), 0x1234},
+        {"numArrays", 142908, 4, 2, BY(c.arrayCount()), 2},
+        {"arrays[1].blockCapacity", a1, 8, 0x0000000312345678, BY(c.array(1).blockCapacity), 0x0000000312345678},
+        {"arrays[1].numDrives", a1 + 12, 4, 6, BY(c.array(1).memberCount()), 6},
+        {"arrays[1].members[5].channelIndex", a1 + 408 + 16 * 5 + 4, 4, 0xFFFFFFFF,
+         BY(c.array(1).members[5].channelIndex), 0xFFFFFFFF},
+        {"a member with driveIndex 0 is present", a1 + 408 + 16 * 5 + 4, 4, 0xFFFFFFFF,
+         BY(c.array(1).member(5).missing()), 0},
+        {"remainingBlocks", a1 + 1572, 8, 0x0000000100000001, BY(c.array(1).remainingBlocks), 0x0000000100000001},
+        {"largestFreeSegment", a1 + 1584, 8, 0xFEDCBA9876543210, BY(c.array(1).largestFreeSegment),
+         0xFEDCBA9876543210},
+        {"parititionCount", 194240, 4, 9, BY(c.parititionCount), 9},
+        {"startBlock", part, 8, 0x800, BY(c.partition(3, 5).startBlock), 0x800},
+        {"blockCount", part + 8, 8, 0x123456789A, BY(c.partition(3, 5).blockCount), 0x123456789A},
+        {"lunNumber", part + 16, 4, 7, BY(c.partition(3, 5).lunNumber), 7},
+        {"cacheFlags", part + 502, 2, 0xBEEF, BY(c.partition(3, 5).cacheFlags), 0xBEEF},
+        {"partitionType", part + 517, 1, TROV_PART_SNAPSHOT, BY(c.partition(3, 5).partitionType), TROV_PART_SNAPSHOT},
+        {"controllerState", 2520804, 1, TROV_CTRL_STATE_NOT_SERVING, BY(c.controllerState),
+         TROV_CTRL_STATE_NOT_SERVING},
+    };
+    for (const NamedField& f : fields) {
+        if (f.width == 8) PutWire64(wire_, f.at, f.wire);
+        if (f.width == 4) PutBe32(wire_, f.at, uint32_t(f.wire));
+        if (f.width == 2) PutBe16(wire_, f.at, uint16_t(f.wire));
+        if (f.width == 1) wire_[f.at] = uint8_t(f.wire);
+    }
+    const ControllerData& cd = Converted();
+    for (const NamedField& f : fields) EXPECT_EQ(f.read(cd), f.want) << f.name;
     EXPECT_EQ(LogLines(), 0u) << tp_.DebuggerText();
 }
+#undef BY
 
 TEST_F(ControllerDataFixture, NeverConvertedWordsStayAsDelivered) {
     const uint8_t high[4] = {0x01, 0x00, 0x00, 0x00};
