@@ -801,36 +801,6 @@ TEST_F(FormsTest, CreateArrayComparesAtMostThirtyOneCharacters) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(req.data() + 632)), std::string(31, 'n'));
 }
 
-struct MemberCase {
-    int serials;
-    int locations;
-};
-
-class CreateArrayRefused : public FormsTest, public ::testing::WithParamInterface<MemberCase> {};
-
-TEST_P(CreateArrayRefused, BeforeAnythingIsSent) {
-    ScriptPeer peer;
-    Serve(peer, 1, Echo(12));
-    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(GetParam().locations),
-                                    Serials(GetParam().serials), "x", 0, 0),
-              -1);
-    EXPECT_TRUE(AllBytes(&out->array, sizeof out->array, kUnset));
-    ExpectNothingSentBefore(peer);
-}
-
-INSTANTIATE_TEST_SUITE_P(Members, CreateArrayRefused,
-                         ::testing::Values(MemberCase{0, 0}, MemberCase{69, 69}, MemberCase{3, 2}));
-
-TEST_F(FormsTest, ExpandArrayRefusesAnEmptyOrOverlongListBeforeSending) {
-    for (int n : {0, 69}) {
-        ScriptPeer peer;
-        Serve(peer, 1, Echo(12));
-        EXPECT_EQ(Kelvane::expand_array(kHandle, kSerialA.data(), Locations(n)), -1) << n;
-        ExpectNothingSentBefore(peer);
-        ResetSessionForTest();
-    }
-}
-
 TEST_F(FormsTest, ExpandArrayBorrowsTheFailureTextsOfGetVersion) {
     ScriptPeer peer;
     Serve(peer, 1, [](const Bytes&) { return ScriptPeer::Reply(99, Bytes(12, 0)); });
@@ -847,16 +817,6 @@ TEST_F(FormsTest, CreateSnapshotNamesAddArrayPartInItsFormatLine) {
     EXPECT_EQ(Kelvane::create_snapshot(kHandle, "s", 0, 3, 1, kMasterId, &out->snapshot), -1);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
     EXPECT_TRUE(Logged("ph->OpCode(=52), ADD_ARRAY_PART(=14) \n")) << tp.DebuggerText();
-}
-
-TEST_F(FormsTest, AWorldWideNameThatIsNotSixteenHexDigitsFailsWithoutAnExchange) {
-    for (const char* wwn : {"0123456789abcde", "0123456789abcdef0", "0123456789abcdeg", ""}) {
-        ScriptPeer peer;
-        Serve(peer, 1, Echo(12));
-        EXPECT_EQ(Kelvane::create_custom_view(kHandle, kSerialA.data(), 1, true, 16, wwn, false), -1) << wwn;
-        ExpectNothingSentBefore(peer);
-        ResetSessionForTest();
-    }
 }
 
 TEST_F(FormsTest, ViewByAddressIgnoresTheAddressForOtherHostKinds) {
@@ -966,31 +926,66 @@ TEST_F(FormsTest, SnapshotListIsHandedOverWithTheArraysCode) {
     EXPECT_EQ(out->volumes[1].id[0], 0x42);
 }
 
-struct AuthCase {
-    const char* what;
+// Arguments a command can't carry are refused before anything is sent: the peer's next request
+// is the get_version that follows.
+struct RefusedCase {
+    const char* name;
     std::function<int()> call;
+    const char* logLine;  // in the debug log, or null
+    std::function<bool()> outputUnset = nullptr;
 };
 
-class AuthRefused : public FormsTest, public ::testing::WithParamInterface<AuthCase> {};
+class RefusedBeforeSending : public FormsTest, public ::testing::WithParamInterface<RefusedCase> {};
 
-TEST_P(AuthRefused, ALengthBeyondItsFieldIsRefusedBeforeSending) {
+TEST_P(RefusedBeforeSending, FailsAndTheNextRequestIsTheFirstTheArraySees) {
+    const RefusedCase& c = GetParam();
     ScriptPeer peer;
     Serve(peer, 1, Echo(12));
-    EXPECT_EQ(GetParam().call(), -1) << GetParam().what;
-    EXPECT_TRUE(Logged("does not fit its")) << tp.DebuggerText();
+    EXPECT_EQ(c.call(), -1);
+    if (c.logLine) {
+        EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
+    }
+    if (c.outputUnset) {
+        EXPECT_TRUE(c.outputUnset());
+    }
     ExpectNothingSentBefore(peer);
 }
 
 const uint8_t kLong[300] = {};
 
+int CreateArrayOf(int serials, int locations) {
+    return Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(locations), Serials(serials), "x", 0, 0);
+}
+int ViewForWwn(const char* wwn) { return Kelvane::create_custom_view(kHandle, kSerialA.data(), 1, true, 16, wwn, false); }
+bool ArrayUnset() { return AllBytes(&out->array, sizeof out->array, kUnset); }
+
 INSTANTIATE_TEST_SUITE_P(
-    Lengths, AuthRefused,
-    ::testing::Values(AuthCase{"secret of 18", [] { return Kelvane::set_target_secret(kHandle, kLong, 18); }},
-                      AuthCase{"name of 225", [] { return Kelvane::set_target_secret(kHandle, kLong, kLong, 225, 12); }},
-                      AuthCase{"third text of 225",
-                               [] { return Kelvane::remeber_initiator_secret(kHandle, kLong, kLong, kLong, 1, 1, 225); }},
-                      AuthCase{"lookup name of 300", [] { return Kelvane::get_authDB_record(kHandle, kLong, 300, out->auth); }},
-                      AuthCase{"no secret but a length", [] { return Kelvane::set_target_secret(kHandle, nullptr, 4); }}));
+    Arguments, RefusedBeforeSending,
+    ::testing::Values(
+        RefusedCase{"CreateArrayOfNoDrives", [] { return CreateArrayOf(0, 0); }, nullptr, ArrayUnset},
+        RefusedCase{"CreateArrayOf69Drives", [] { return CreateArrayOf(69, 69); }, nullptr, ArrayUnset},
+        RefusedCase{"CreateArrayOfMoreSerialsThanLocations", [] { return CreateArrayOf(3, 2); }, nullptr, ArrayUnset},
+        RefusedCase{"ExpandArrayByNoDrives", [] { return Kelvane::expand_array(kHandle, kSerialA.data(), Locations(0)); },
+                    nullptr},
+        RefusedCase{"ExpandArrayBy69Drives",
+                    [] { return Kelvane::expand_array(kHandle, kSerialA.data(), Locations(69)); }, nullptr},
+        // A world-wide name must be sixteen hexadecimal digits.
+        RefusedCase{"WwnOf15Digits", [] { return ViewForWwn("0123456789abcde"); }, nullptr},
+        RefusedCase{"WwnOf17Digits", [] { return ViewForWwn("0123456789abcdef0"); }, nullptr},
+        RefusedCase{"WwnNotHex", [] { return ViewForWwn("0123456789abcdeg"); }, nullptr},
+        RefusedCase{"WwnEmpty", [] { return ViewForWwn(""); }, nullptr},
+        // A length beyond its field.
+        RefusedCase{"SecretOf18", [] { return Kelvane::set_target_secret(kHandle, kLong, 18); }, "does not fit its"},
+        RefusedCase{"NameOf225", [] { return Kelvane::set_target_secret(kHandle, kLong, kLong, 225, 12); },
+                    "does not fit its"},
+        RefusedCase{"ThirdTextOf225",
+                    [] { return Kelvane::remeber_initiator_secret(kHandle, kLong, kLong, kLong, 1, 1, 225); },
+                    "does not fit its"},
+        RefusedCase{"LookupNameOf300", [] { return Kelvane::get_authDB_record(kHandle, kLong, 300, out->auth); },
+                    "does not fit its"},
+        RefusedCase{"NoSecretButALength", [] { return Kelvane::set_target_secret(kHandle, nullptr, 4); },
+                    "does not fit its"}),
+    [](const ::testing::TestParamInfo<RefusedCase>& i) { return std::string(i.param.name); });
 
 TEST_F(FormsTest, AuthFieldsOfTheirFullWidthAreCopiedExactly) {
     Bytes name(224, 'n'), secret(17, 's');
