@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <iterator>
 #include <cstring>
@@ -468,6 +469,8 @@ const char* ScenarioName(Scenario s) {
     return "?";
 }
 
+void PrintTo(Scenario s, std::ostream* os) { *os << ScenarioName(s); }
+
 class EachCommand : public CatalogueTest, public ::testing::WithParamInterface<std::tuple<size_t, Scenario>> {};
 
 TEST_P(EachCommand, SendsItsRequestAndJudgesTheReply) {
@@ -778,7 +781,11 @@ INSTANTIATE_TEST_SUITE_P(Levels, CreateArrayLevels,
                                            RaidCase{1, 3, 131072, 10, 128},
                                            RaidCase{10, 2, 0, 10, 64},
                                            RaidCase{5, 68, 262144, 5, 256},    // the widest member table
-                                           RaidCase{0, 1, 1023, 0, 0}));       // below a KiB: shifted away
+                                           RaidCase{0, 1, 1023, 0, 0}),        // below a KiB: shifted away
+                         [](const ::testing::TestParamInfo<RaidCase>& i) {
+                             return "Raid" + std::to_string(i.param.raidLevel) + "Of" + std::to_string(i.param.drives) +
+                                    "Stripe" + std::to_string(i.param.stripeBytes);
+                         });
 
 TEST_F(FormsTest, CreateArrayFailsWhenTheArrayTookAnotherName) {
     ScriptPeer peer;
@@ -830,6 +837,21 @@ TEST_F(FormsTest, ViewByAddressIgnoresTheAddressForOtherHostKinds) {
     EXPECT_TRUE(Logged("Kelvane::create_custom_view hanndle = 287454020, PartSn = ")) << tp.DebuggerText();
 }
 
+// A test name made of a case's words: "a hostile count" gives "AHostileCount".
+std::string Identifier(const char* words) {
+    std::string out;
+    bool upper = true;
+    for (const char* p = words; *p; ++p) {
+        if (!std::isalnum(static_cast<unsigned char>(*p))) {
+            upper = true;
+            continue;
+        }
+        out += upper ? char(std::toupper(static_cast<unsigned char>(*p))) : *p;
+        upper = false;
+    }
+    return out;
+}
+
 struct EventsCase {
     const char* what;
     uint32_t first, last;
@@ -866,7 +888,8 @@ INSTANTIATE_TEST_SUITE_P(
                       EventsCase{"more than the buffer", 1, 500, 150, 150, 100},
                       EventsCase{"a count the reply does not carry", 1, 50, 10, 1, 1},
                       EventsCase{"a hostile count", 1, 50, 0xFFFFFFFF, 3, 3},
-                      EventsCase{"the last before the first", 9, 5, 3, 3, 0}));
+                      EventsCase{"the last before the first", 9, 5, 3, 3, 0}),
+    [](const ::testing::TestParamInfo<EventsCase>& i) { return Identifier(i.param.what); });
 
 struct ListCase {
     const char* what;
@@ -905,12 +928,18 @@ TEST_P(ListBounds, CountsAreClampedToTheTableAndTheReply) {
     EXPECT_TRUE(AllBytes(first + count * entrySize, room - count * entrySize, kUnset)) << c.what;
 }
 
+std::string ListCaseName(const ::testing::TestParamInfo<std::tuple<int, ListCase>>& i) {
+    const char* lists[] = {"BackingStores", "MasterVolumes", "Snapshots"};
+    return std::string(lists[std::get<0>(i.param)]) + "_" + Identifier(std::get<1>(i.param).what);
+}
+
 INSTANTIATE_TEST_SUITE_P(Counts, ListBounds,
                          ::testing::Combine(::testing::Values(0, 1, 2),
                                             ::testing::Values(ListCase{"as sent", 3, 3, 3},
                                                               ListCase{"beyond the table", 5000, 5000, 5000},
                                                               ListCase{"beyond the reply", 9, 2, 2},
-                                                              ListCase{"hostile", 0x80000000, 4, 4})));
+                                                              ListCase{"hostile", 0x80000000, 4, 4})),
+                         ListCaseName);
 
 TEST_F(FormsTest, SnapshotListIsHandedOverWithTheArraysCode) {
     ScriptPeer peer;
@@ -934,6 +963,8 @@ struct RefusedCase {
     const char* logLine;  // in the debug log, or null
     std::function<bool()> outputUnset = nullptr;
 };
+
+void PrintTo(const RefusedCase& c, std::ostream* os) { *os << c.name; }
 
 class RefusedBeforeSending : public FormsTest, public ::testing::WithParamInterface<RefusedCase> {};
 

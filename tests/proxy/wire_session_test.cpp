@@ -205,7 +205,12 @@ INSTANTIATE_TEST_SUITE_P(
                       HandshakeCase{0x0500, -1, "unknown status.\n", nullptr},
                       // A version other than 5 ends it, whatever the status says.
                       HandshakeCase{0x0401, 29, nullptr, nullptr}, HandshakeCase{0x0601, 29, nullptr, nullptr},
-                      HandshakeCase{0x0001, 29, nullptr, nullptr}));
+                      HandshakeCase{0x0001, 29, nullptr, nullptr}),
+    [](const ::testing::TestParamInfo<HandshakeCase>& i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "Version%uStatus%u", i.param.versionStatus >> 8, i.param.versionStatus & 0xFF);
+        return std::string(name);
+    });
 
 TEST_F(WireSession, ProxyLoginStopsAtAVersionMismatchWithItsMessage) {
     ScriptPeer peer;
@@ -320,7 +325,8 @@ TEST_P(LoginPassword, RecordCarriesUserEncipheredPasswordLengthAndToken) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(g_session.Password), len), password);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, LoginPassword, ::testing::Values(0u, 1u, 8u, 9u, 40u, 44u));
+INSTANTIATE_TEST_SUITE_P(Lengths, LoginPassword, ::testing::Values(0u, 1u, 8u, 9u, 40u, 44u),
+                         [](const ::testing::TestParamInfo<size_t>& i) { return "Of" + std::to_string(i.param); });
 
 TEST_F(WireSession, LoginFieldOfFortyFourKeepsItsTailInClear) {
     // Checked apart from the reference computation: the shape alone.
@@ -626,7 +632,10 @@ TEST_P(HandshakeLimit, AnAnswerThatNeverComesEndsAtTheLimit) {
 INSTANTIATE_TEST_SUITE_P(Settings, HandshakeLimit,
                          ::testing::Values(LimitCase{0, 600000}, LimitCase{1, 1000}, LimitCase{45, 45000},
                                            LimitCase{600, 600000}, LimitCase{601, 600000},
-                                           LimitCase{0xFFFFFFFF, 600000}));
+                                           LimitCase{0xFFFFFFFF, 600000}),
+                         [](const ::testing::TestParamInfo<LimitCase>& i) {
+                             return "ReplyTimeout" + std::to_string(i.param.setting);
+                         });
 
 TEST_F(WireSession, AnAnswerWhosePayloadStopsShortEndsAtTheLimit) {
     SetReplyTimeout(30);
