@@ -249,7 +249,7 @@ TEST_F(Monitor, RefreshByCodeAndParameterWithoutOrWithNotification) {
 TEST_F(Monitor, NoRefreshWhileAnOperationIsUnderWay) {
     provider()->SetNeedRefresh(true);
     NumOperation = 1;
-    auto ss = env.SubSystems().at(0);
+    EXPECT_EQ(env.SubSystems().size(), 1u);
     EXPECT_FALSE(LunIds().empty());
     EXPECT_TRUE(provider()->IsNeedRefresh());  // the query passed without a rebuild
     NumOperation = 0;
