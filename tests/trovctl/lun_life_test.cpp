@@ -154,7 +154,8 @@ TEST_F(LunLife, RefusalsArePrintedByNameAndNumberAndLeaveTheArrayAsItWas) {
         {-1, 0, "extend drives=10 lun db01", "Extend failed: VDS_E_NOT_SUPPORTED"},  // SATA on a SAS vdisk
         {-1, 0, "extend drives=7 lun db01", "Extend failed: VDS_E_DEVICE_IN_USE (0x80042413)"},  // a spare
         {cmd::kDeletePart.opcode, 10, "delete lun db01", "Delete failed: VDS_E_INTERNAL_ERROR (0x"},
-        {cmd::kCacheParams.opcode, 10, "hints set writethrough=on lun db01", "ApplyHints2 failed: VDS_E_INTERNAL_ERROR"},
+        {cmd::kCacheParams.opcode, 10, "hints set writethrough=on lun db01",
+         "ApplyHints2 failed: VDS_E_INTERNAL_ERROR"},
         {cmd::kSetOwner.opcode, 16, "associate controllerports 0 lun archive01",
          "AssociateControllerPorts failed: VDS_E_INTERNAL_ERROR"},
         {cmd::kExpandArray.opcode, 12, "extend drives=4 lun scratch01", "Extend failed: VDS_E_INTERNAL_ERROR"},
@@ -237,16 +238,18 @@ TEST_F(LunLife, TheBarFollowsTheExtensionToItsEnd) {
 }
 
 TEST_F(LunLife, DeleteTakesThePartitionAndSaysWhenTheTreeLagsBehind) {
-    // No refresh of the provider's comes while it waits: the array deleted, the tree follows later.
+    // The provider's 90 seconds pass on the fake clock before the shell's own rebuild (after a
+    // second of real time) comes: the array deleted the LUN, the tree follows at the next refresh.
     ASSERT_EQ(Run("select lun scratch01").rc, 0);
     Result r = Run("delete lun");
     ASSERT_EQ(r.rc, 0) << r.err;
     EXPECT_EQ(r.out,
-              "delete lun: done, S_FALSE (0x00000001): the array deleted it, but the provider's refresh did not take it "
-              "out of the tree in time; it goes at the next refresh\n");
+              "delete lun: done, S_FALSE (0x00000001): the array deleted it, but the provider's refresh did not take "
+              "it out of the tree in time; it goes at the next refresh\n");
     EXPECT_FALSE(Part("scratch01").blocks);
     EXPECT_EQ(VdiskOf("db01").parts.size(), 2u);
     EXPECT_EQ(JsonOf("detail")["pwszFriendlyName"], "demo-array");  // the selection went back to the subsystem
+    EXPECT_EQ(LunNames(), (std::set<std::string>{"db01", "logs01", "scratch01", "archive01"}));
     EXPECT_EQ(Run("refresh").rc, 0);
     EXPECT_EQ(LunNames(), (std::set<std::string>{"db01", "logs01", "archive01"}));
 
@@ -268,7 +271,8 @@ TEST_F(LunLife, DeleteTakesThePartitionAndSaysWhenTheTreeLagsBehind) {
     const size_t vdisks = Vdisks().size();
     EXPECT_EQ(Run("delete lun archive01").rc, 0);
     EXPECT_EQ(Vdisks().size(), vdisks - 1);
-    for (const char* d : {"9WM03301Z", "9WM03302Z"}) EXPECT_EQ(JsonOf(std::string("detail drive ") + d)["ulFlagsText"], "unassigned") << d;
+    for (const char* d : {"9WM03301Z", "9WM03302Z"})
+        EXPECT_EQ(JsonOf(std::string("detail drive ") + d)["ulFlagsText"], "unassigned") << d;
 }
 
 TEST_F(LunLife, UnmaskTurnsTheListIntoTheArraysViews) {
