@@ -161,7 +161,7 @@ HRESULT DeleteWhileRefreshing(Shell& sh, IVdsLun* lun) {
     bool over = false;
     std::thread rebuilder([&] {
         std::unique_lock<std::mutex> g(mu);
-        while (!cv.wait_for(g, std::chrono::seconds(1), [&] { return over; })) {
+        while (!cv.wait_for(g, sh.deleteRebuildPeriod(), [&] { return over; })) {
             g.unlock();
             hw->Refresh();  // waits for the provider's lock while the delete holds it
             g.lock();
