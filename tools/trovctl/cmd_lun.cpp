@@ -218,6 +218,8 @@ int CmdExtend(Shell& sh, const Call& c) {
     VDS_ASYNC_OUTPUT out{};
     rc = WaitWithProgress(sh, async, "Extend", "extend " + ShortLabel(o), &out);
     async->Release();
+    // This provider's extension hands the LUN out with the output, as a creation does.
+    if (out.type == VDS_ASYNCOUT_EXTENDLUN && out.cl.pLunUnk) out.cl.pLunUnk->Release();
     if (rc != kOk) return rc;
     return ShowLun(sh, o);
 }
