@@ -84,7 +84,9 @@ protected:
         IVdsAsync* a = nullptr;
         HRESULT hr = lun->Extend(bytes, drives.empty() ? nullptr : drives.data(), static_cast<LONG>(drives.size()), &a);
         if (a) async.Attach(a);
-        if (FAILED(hr)) EXPECT_EQ(a, nullptr);
+        if (FAILED(hr)) {
+            EXPECT_EQ(a, nullptr);
+        }
         return hr;
     }
     HRESULT WaitFor(IVdsAsync* async, HRESULT* result) {

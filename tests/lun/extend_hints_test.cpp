@@ -76,7 +76,9 @@ TEST_P(CountToAdd, FewestDrivesThatReachTheSize) {
     uint32_t count = 99;
     EXPECT_EQ(DriveCountToAdd(c.raid, c.type, c.single, c.freeBytes, c.wanted, c.perLeg, c.available, &count), c.hr)
         << c.what;
-    if (c.hr == S_OK) EXPECT_EQ(count, c.count) << c.what;
+    if (c.hr == S_OK) {
+        EXPECT_EQ(count, c.count) << c.what;
+    }
 }
 
 constexpr uint64_t G = 1ull << 30;

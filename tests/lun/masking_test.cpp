@@ -52,7 +52,9 @@ class ParseList : public ::testing::TestWithParam<ListCase> {};
 TEST_P(ParseList, SplitsValidatesAndDropsRepeats) {
     std::vector<std::string> names{"left over"};
     EXPECT_EQ(ParseUnmaskingList(GetParam().list, true, &names), GetParam().ok);
-    if (GetParam().ok) EXPECT_EQ(names, GetParam().names);
+    if (GetParam().ok) {
+        EXPECT_EQ(names, GetParam().names);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -270,9 +270,13 @@ TEST_F(ModuleTest, UnregistrationMirrorsRegistration) {
         tp_.ClearRecords();
         EXPECT_EQ(DllUnregisterServer(), c.want);
         ASSERT_EQ(host.unregistered.size(), c.calls);
-        if (c.calls) EXPECT_EQ(host.unregistered[0], TROV_PROVIDER_ID);
+        if (c.calls) {
+            EXPECT_EQ(host.unregistered[0], TROV_PROVIDER_ID);
+        }
         ASSERT_EQ(host.scripts.size(), c.scripts);
-        if (c.scripts) EXPECT_EQ(host.scripts[0], UnregistrationScript());
+        if (c.scripts) {
+            EXPECT_EQ(host.scripts[0], UnregistrationScript());
+        }
         EXPECT_NE(tp_.DebuggerText().find(c.line), std::string::npos);
     }
 }

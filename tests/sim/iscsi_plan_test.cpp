@@ -118,7 +118,9 @@ TEST(IscsiPlan, ViewsTheDaemonCannotSeparateAreServedAsTheirUnionWithOneWarning)
         ASSERT_NE(a, nullptr);
         EXPECT_EQ(a->admitAll, c.admitAll);
         EXPECT_EQ(a->initiatorNames.size(), c.names);
-        if (c.warning) EXPECT_TRUE(HasWarning(plan, c.warning)) << (plan.warnings.empty() ? "" : plan.warnings[0]);
+        if (c.warning) {
+            EXPECT_TRUE(HasWarning(plan, c.warning)) << (plan.warnings.empty() ? "" : plan.warnings[0]);
+        }
         else EXPECT_TRUE(plan.warnings.empty()) << plan.warnings[0];
     }
 }
@@ -353,7 +355,9 @@ TEST(IscsiFront, PortalTexts) {
     for (const Case& c : cases) {
         Endpoint e;
         EXPECT_EQ(ParseEndpoint(c.text, &e), c.ok) << c.text;
-        if (c.ok) EXPECT_EQ(e, (Endpoint{c.host, c.port})) << c.text;
+        if (c.ok) {
+            EXPECT_EQ(e, (Endpoint{c.host, c.port})) << c.text;
+        }
     }
 }
 

@@ -171,7 +171,9 @@ TEST(Password, ComesFromTheEnvironmentInsteadOfTheFileAndItsCopyIsRemoved) {
         ASSERT_TRUE(run.Finish(30000));
         EXPECT_EQ(run.exitCode(), c.status) << c.env[0] << ": " << run.err;
         EXPECT_NE(run.err.find(c.said), std::string::npos) << c.env[0] << ": " << run.err;
-        if (c.status == 0) EXPECT_EQ(nlohmann::json::parse(run.out).size(), 12u);
+        if (c.status == 0) {
+            EXPECT_EQ(nlohmann::json::parse(run.out).size(), 12u);
+        }
     }
     EXPECT_EQ(copies(), before) << "a private copy of the kelvane.conf was left behind";
     // Without --proxy-conf there is no file to fill in.

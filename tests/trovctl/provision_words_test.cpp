@@ -31,7 +31,9 @@ TEST(ProvisionWords, LunTypesByNameInAnyCaseOrByNumber) {
         SCOPED_TRACE(c.word);
         VDS_LUN_TYPE t = VDS_LT_UNKNOWN;
         ASSERT_EQ(ParseLunType(c.word, &t), c.ok);
-        if (c.ok) EXPECT_EQ(int(t), c.type);
+        if (c.ok) {
+            EXPECT_EQ(int(t), c.type);
+        }
     }
 }
 
