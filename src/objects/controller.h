@@ -67,6 +67,10 @@ public:
     const char* ProductId() const { return m_productId; }
     const char* FirmwareRevision() const { return m_firmwareRevision; }
     const uint8_t* IpAddress() const { return m_ipAddress; }
+    const uint8_t* MacAddress() const { return m_macAddress; }
+    // The record's UniqueSN, 32 bytes, not terminated.
+    const char* UniqueSerial() const { return m_UniqueSn; }
+    uint32_t NumHostPorts() const { return m_numPorts; }
 
 private:
     HRESULT CacheCommand(const char* method, bool flush);

@@ -38,6 +38,11 @@ public:
     int OwnerId() const override { return m_Owner; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    const WCHAR* Identification() const { return m_prop.pwszIdentification; }
+    // The port's channel in its controller's record (0-based), and its world-wide name (zero
+    // for a port without one).
+    uint32_t PortIndex() const { return m_portIndex; }
+    const uint8_t* PortWwn() const { return m_portWwn; }
 
     // The port's address as its name: 16 hexadecimal digits of a world-wide name or SAS address,
     // dotted IPv4, or IPv6 bytes joined by colons. `known` is false for a bus type without an
@@ -51,4 +56,6 @@ private:
     VDS_PORT_PROP m_prop{};
     uint8_t m_Owner = 0;
     uint32_t m_initialised = 0;
+    uint32_t m_portIndex = 0;
+    uint8_t m_portWwn[8]{};
 };

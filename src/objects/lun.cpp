@@ -623,8 +623,6 @@ TROV_CATCH_OOM
 
 // Provisioning, masking, hints, identification and paths are later work of this provider: until
 // then these answer that they are not implemented, never a false success.
-HRESULT CLun::GetIdentificationData(VDS_LUN_INFORMATION*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
 HRESULT CLun::QueryActiveControllers(IEnumVdsObject**) try { return E_NOTIMPL; }
 TROV_CATCH_OOM
 HRESULT CLun::Extend(ULONGLONG, VDS_OBJECT_ID*, LONG, IVdsAsync**) try { return E_NOTIMPL; }
