@@ -6,7 +6,8 @@
 // and else the length of what follows; bit 2 puts a zero error_code at the front of the payload.
 // Shape bit 0 clear: the bytes are the whole reply. The reply is written into a socket pair before
 // the command runs and the far side then stops writing, so that a short reply ends in a failed
-// receive, never a wait. A thread drains the requests (up to 1.3 MB) so that no send blocks.
+// receive, never a wait. A thread drains the requests (up to 1.3 MB) so that no send blocks. After
+// a failed exchange the transport has closed its end itself (and must have).
 // Every output lives in a heap block of exactly its size: a write past it is an ASan report.
 #include <sys/socket.h>
 #include <unistd.h>
@@ -54,93 +55,96 @@ struct Command {
 
 const std::vector<Command>& Commands() {
     static const std::vector<Command> list = {
-        {0, [] {
+        {cmd::kGetSubsystems.opcode, [] {
              std::vector<SubsystemEntry> v;
              if (Kelvane::get_subsystems(v) == 0) CHECK(v.size() <= 7);
          }},
-        {1, [] {
+        {cmd::kGetControllerData.opcode, [] {
              std::unique_ptr<uint8_t[]> b(new uint8_t[rec::kControllerDataSize]);
              Kelvane::get_controller_data(7, b.get());
          }},
-        {9, [] { Kelvane::get_event(7, 0, 1, 0, Out<EventData>().get()); }},
-        {9, [] {
+        {cmd::kGetEvent.opcode, [] { Kelvane::get_event(7, 0, 1, 0, Out<EventData>().get()); }},
+        {cmd::kGetEvents.opcode, [] {
              std::unique_ptr<EventData[]> b(new EventData[rec::kMaxEvents]);
              uint32_t n = 0;
              if (Kelvane::get_events(7, 1, 1000, b.get(), &n) == 0) CHECK(n <= rec::kMaxEvents);
          }},
-        {11, [] { Kelvane::get_version(); }},
-        {12, [] { Kelvane::set_part_name(7, kSerial, "name"); }},
-        {14, [] { Kelvane::add_array_part(7, kSerial, 1 << 20, "v", 0, 0, nullptr, Out<PartitionData>().get()); }},
-        {15, [] { Kelvane::delete_part(7, kSerial); }},
-        {16, [] {
+        {cmd::kGetVersion.opcode, [] { Kelvane::get_version(); }},
+        {cmd::kSetPartName.opcode, [] { Kelvane::set_part_name(7, kSerial, "name"); }},
+        {cmd::kAddArrayPart.opcode,
+         [] { Kelvane::add_array_part(7, kSerial, 1 << 20, "v", 0, 0, nullptr, Out<PartitionData>().get()); }},
+        {cmd::kDeletePart.opcode, [] { Kelvane::delete_part(7, kSerial); }},
+        {cmd::kCreateArray.opcode, [] {
              std::vector<DriveLocation> l(3, DriveLocation{0, 1});
              std::vector<DriveSerial> s(3);
              Kelvane::create_array(7, 0, Out<ArrayData>().get(), 1, 0, l, s, "vd", 0, 0);
          }},
-        {17, [] { Kelvane::expand_part(7, ExpandPartRequest{}); }},
-        {18, [] { Kelvane::expand_array(7, kSerial, std::vector<DriveLocation>(2)); }},
-        {19, [] { Kelvane::assign_spare(7, 1, kSerial); }},
-        {20, [] { Kelvane::blink_drive(7, 1, kSerial); }},
-        {21, [] { Kelvane::flush_cache(7, kSerial); }},
-        {22, [] { Kelvane::free_cache(7, kSerial); }},
-        {23, [] { Kelvane::silence_alarm(7); }},
-        {24, [] { Kelvane::delete_array(7, kSerial); }},
-        {27, [] { Kelvane::abort_utility(7, kSerial); }},
-        {28, [] {
+        {cmd::kExpandPart.opcode, [] { Kelvane::expand_part(7, ExpandPartRequest{}); }},
+        {cmd::kExpandArray.opcode, [] { Kelvane::expand_array(7, kSerial, std::vector<DriveLocation>(2)); }},
+        {cmd::kAssignSpare.opcode, [] { Kelvane::assign_spare(7, 1, kSerial); }},
+        {cmd::kBlinkDrive.opcode, [] { Kelvane::blink_drive(7, 1, kSerial); }},
+        {cmd::kFlushCache.opcode, [] { Kelvane::flush_cache(7, kSerial); }},
+        {cmd::kFreeCache.opcode, [] { Kelvane::free_cache(7, kSerial); }},
+        {cmd::kSilenceAlarm.opcode, [] { Kelvane::silence_alarm(7); }},
+        {cmd::kDeleteArray.opcode, [] { Kelvane::delete_array(7, kSerial); }},
+        {cmd::kAbortUtility.opcode, [] { Kelvane::abort_utility(7, kSerial); }},
+        {cmd::kGetPercent.opcode, [] {
              uint32_t p;
              Kelvane::get_percent(7, kSerial, &p);
          }},
-        {29, [] { Kelvane::set_adv_net(7, *Out<AdvNet>()); }},
-        {30, [] { Kelvane::set_part_lun(7, 1, kSerial); }},
-        {50, [] {
+        {cmd::kSetAdvNet.opcode, [] { Kelvane::set_adv_net(7, *Out<AdvNet>()); }},
+        {cmd::kSetPartLun.opcode, [] { Kelvane::set_part_lun(7, 1, kSerial); }},
+        {cmd::kGetDmsTag.opcode, [] {
              uint64_t t;
              Kelvane::get_dms_tag(7, 0, &t);
          }},
-        {51, [] {
+        {cmd::kCreateSnapshot.opcode, [] {
              auto r = Out<SnapshotResult>();
              if (Kelvane::create_snapshot(7, "s", 0, 3, 1, kId, r.get()) == 0) CHECK(r->elementCount() <= 8);
          }},
-        {55, [] {
+        {cmd::kGetBackingStores.opcode, [] {
              std::unique_ptr<BackingStoreEntry[]> b(new BackingStoreEntry[rec::kMaxBackingStores]);
              uint32_t n = 0;
              if (Kelvane::get_backing_store_list(7, 0, &n, b.get()) == 0) CHECK(n <= rec::kMaxBackingStores);
          }},
-        {56, [] {
+        {cmd::kGetMasterVolumes.opcode, [] {
              std::unique_ptr<VolumeEntry[]> b(new VolumeEntry[rec::kMaxMasterVolumes]);
              uint32_t n = 0;
              if (Kelvane::get_master_volume_list(7, 0, 4, kSerial, &n, b.get()) == 0) CHECK(n <= rec::kMaxMasterVolumes);
          }},
-        {57, [] {
+        {cmd::kGetSnapshots.opcode, [] {
              std::unique_ptr<VolumeEntry[]> b(new VolumeEntry[rec::kMaxSnapshots]);
              uint32_t n = 0;
              if (Kelvane::get_snapshot_list(7, 0, 5, nullptr, &n, b.get()) >= 0) CHECK(n <= rec::kMaxSnapshots);
          }},
-        {61, [] { Kelvane::convert_master_volume(7, 9, kSerial, kId); }},
-        {70, [] { Kelvane::get_part_view(7, kSerial, Out<PartitionView>().get()); }},
-        {71, [] { Kelvane::create_custom_view(7, kSerial, 1, true, 16, "0123456789abcdef", true); }},
-        {71, [] { Kelvane::create_custom_view(7, kSerial, 1, true, 0x40, kAddr); }},
-        {80, [] { Kelvane::change_partition_cache_params(7, kSerial, kSerial); }},  // 32 bytes
-        {85, [] { Kelvane::reset_controller(7, 1); }},
-        {92, [] { Kelvane::set_owner(7, kSerial); }},
-        {105, [] { Kelvane::rescan_bus(7); }},
-        {108, [] {
+        {cmd::kConvertMaster.opcode, [] { Kelvane::convert_master_volume(7, 9, kSerial, kId); }},
+        {cmd::kGetPartView.opcode, [] { Kelvane::get_part_view(7, kSerial, Out<PartitionView>().get()); }},
+        {cmd::kCreateCustomView.opcode,
+         [] { Kelvane::create_custom_view(7, kSerial, 1, true, 16, "0123456789abcdef", true); }},
+        {cmd::kCreateCustomView.opcode, [] { Kelvane::create_custom_view(7, kSerial, 1, true, 0x40, kAddr); }},
+        {cmd::kCacheParams.opcode, [] { Kelvane::change_partition_cache_params(7, kSerial, kSerial); }},  // 32 bytes
+        {cmd::kResetController.opcode, [] { Kelvane::reset_controller(7, 1); }},
+        {cmd::kSetOwner.opcode, [] { Kelvane::set_owner(7, kSerial); }},
+        {cmd::kRescanBus.opcode, [] { Kelvane::rescan_bus(7); }},
+        {cmd::kGetNeedRefresh.opcode, [] {
              uint8_t a;
              Kelvane::get_need_refresh("unique-serial", &a);
          }},
-        {109, [] { Kelvane::get_unified_controller_data(7, Out<UnifiedControllerData>().get()); }},
-        {113, [] {
+        {cmd::kGetUnified.opcode, [] { Kelvane::get_unified_controller_data(7, Out<UnifiedControllerData>().get()); }},
+        {cmd::kGetAuthRecord.opcode, [] {
              std::unique_ptr<uint8_t[]> b(new uint8_t[1020]);
              Kelvane::get_authDB_record(7, kSerial, 32, b.get());
          }},
-        {115, [] { Kelvane::set_target_secret(7, kSerial, 12); }},
-        {116, [] { Kelvane::clear_all_target_secret(7); }},
-        {117, [] { Kelvane::set_target_secret(7, kSerial, kSerial, 32, 16); }},
-        {118, [] { Kelvane::remeber_initiator_secret(7, kSerial, kSerial, kSerial, 32, 32, 32); }},
-        {119, [] {
+        {cmd::kSetTargetSecret.opcode, [] { Kelvane::set_target_secret(7, kSerial, 12); }},
+        {cmd::kClearTargetSecrets.opcode, [] { Kelvane::clear_all_target_secret(7); }},
+        {cmd::kSetNamedTargetSecret.opcode, [] { Kelvane::set_target_secret(7, kSerial, kSerial, 32, 16); }},
+        {cmd::kRememberInitiator.opcode,
+         [] { Kelvane::remeber_initiator_secret(7, kSerial, kSerial, kSerial, 32, 32, 32); }},
+        {cmd::kGetKnownHosts.opcode, [] {
              auto k = Out<KnownHostList>();
              if (Kelvane::get_flex_known_hosts(7, k.get()) == 0) CHECK(k->hostCount() <= rec::kMaxKnownHosts);
          }},
-        {125, [] {
+        {cmd::kGetHbaInfo.opcode, [] {
              auto h = Out<HbaInfoList>();
              if (Kelvane::get_connect_Hba_info_list(h.get()) == 0) CHECK(h->entryCount() <= rec::kMaxHbaEntries);
          }},
@@ -192,11 +196,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     });
     g_transport.sock = sv[0];
+    g_transport.LastSocketError = 0;
     cmd.run();
-    ::shutdown(sv[0], SHUT_RDWR);
+    // A failed or malformed exchange closes the connection itself (and leaves -1): then sv[0] is
+    // gone already and must not be closed twice.
+    const bool closedByTransport = g_transport.sock.load() != sv[0];
+    CHECK(!closedByTransport || g_transport.sock.load() == -1);
+    if (!closedByTransport) ::shutdown(sv[0], SHUT_RDWR);
     drain.join();
     g_transport.sock = 0;
-    ::close(sv[0]);
+    if (!closedByTransport) ::close(sv[0]);
     ::close(sv[1]);
     return 0;
 }

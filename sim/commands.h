@@ -1,6 +1,7 @@
 // The command catalogue as the array answers it: one request packet in, one reply out.
 //
-// Handle() reads the request's fields, runs the model's operation and lays the reply out in the
+// Handle() reads the request's fields (laid out in proxy/requests.h, which also gives each
+// OpCode's name and request length), runs the model's operation and lays the reply out in the
 // positions the client reads (the reply has the request's layout with the results written in).
 // The header of the reply is the caller's: it fills sequence, check value and DataLen.
 //
@@ -44,6 +45,9 @@ public:
     static uint32_t ReplyLength(uint32_t opcode);
 
 private:
+    template <class P>
+    void VolumeList(CtrlRef c, const uint8_t* pkt, uint8_t* out, bool snapshots, CommandReply& r);
+
     Model& m_;
     Encoder& enc_;
 };

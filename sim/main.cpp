@@ -5,10 +5,14 @@
 //
 // Logs one line per request to standard error, takes control lines (sim/README.md) on standard
 // input, and stops cleanly on SIGINT or SIGTERM.
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -121,28 +125,53 @@ int main(int argc, char** argv) {
         }
     }
 
-    if (!noStdin) {
-        // Control lines from standard input; "quit" or the end of input leaves the server running
-        // until a signal comes, unless it was "quit".
-        std::thread([&server] {
-            std::string line;
-            while (std::getline(std::cin, line)) {
-                if (line == "quit" || line == "exit") {
-                    kill(getpid(), SIGTERM);
+    // Control lines from standard input, read with poll and read rather than stdio: a reader
+    // blocked inside stdio holds the stream's lock, and the exit would wait for it. "quit" stops
+    // the emulator; the end of input leaves it running until a signal comes.
+    int wake = eventfd(0, EFD_CLOEXEC);
+    std::thread reader;
+    if (!noStdin && wake >= 0) {
+        reader = std::thread([&server, wake] {
+            std::string buffer;
+            char chunk[4096];
+            for (;;) {
+                pollfd p[2] = {{STDIN_FILENO, POLLIN, 0}, {wake, POLLIN, 0}};
+                if (poll(p, 2, -1) < 0) {
+                    if (errno == EINTR) continue;
                     return;
                 }
-                std::string answer = trovsim::RunControl(server, line);
-                if (!answer.empty()) std::cout << answer << std::endl;
+                if (p[1].revents & POLLIN) return;
+                ssize_t n = read(STDIN_FILENO, chunk, sizeof chunk);
+                if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+                bool end = n <= 0;
+                if (end && !buffer.empty()) buffer += '\n';  // a last line without its newline
+                if (!end) buffer.append(chunk, static_cast<size_t>(n));
+                for (size_t nl; (nl = buffer.find('\n')) != std::string::npos;) {
+                    std::string line = buffer.substr(0, nl);
+                    buffer.erase(0, nl + 1);
+                    if (!line.empty() && line.back() == '\r') line.pop_back();
+                    if (line == "quit" || line == "exit") {
+                        kill(getpid(), SIGTERM);
+                        return;
+                    }
+                    std::string answer = trovsim::RunControl(server, line);
+                    if (!answer.empty()) std::cout << answer << std::endl;
+                }
+                if (end) return;
             }
-        }).detach();
+        });
     }
 
     int sig = 0;
     sigwait(&sigs, &sig);
     server.LogLine(sig == SIGINT ? "SIGINT, stopping" : "SIGTERM, stopping");
+    if (reader.joinable()) {
+        uint64_t one = 1;
+        (void)!write(wake, &one, sizeof one);
+        reader.join();
+    }
+    if (wake >= 0) close(wake);
     server.Stop();
-    // The reader of standard input may still hold a line: leave without running destructors.
     std::cout.flush();
-    std::fflush(nullptr);
-    _exit(0);
+    return 0;
 }

@@ -15,6 +15,7 @@
 #include "objects/pool.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
+#include "proxy/iasocket.h"
 #include "proxy/kelvane.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"
@@ -165,6 +166,11 @@ void CProvider::ReadProviderSettings() {
     if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "StartingLUN", &v)) StartingLUN = v;
     if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "DebugLogging", &v)) DebugLogging = v;
     if (Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "Options", &v)) Options = v;
+    // A value of our own: the original always waits 600 s for a reply; ReplyTimeout (seconds,
+    // 1..600) lowers that limit for every wait of the transport. 0 or absent: 600.
+    uint32_t replyTimeout = 0;
+    Plat()->ReadDwordValue(TROV_PARAMETERS_KEY, "ReplyTimeout", &replyTimeout);
+    SetReplyTimeout(replyTimeout);
     int delay = static_cast<int>(Options.load() & kOptionLoadDelayMask) * 15;
     if (delay >= 1 && !g_loadDelayDone.exchange(true)) {
         DebugTrace("Sleeping %d seconds; PID=%d\n", delay, static_cast<int>(Plat()->ProcessId()));

@@ -180,6 +180,8 @@ public:
     // Waits until `fd` is readable (or has an error or hang-up pending) or `ms` of the clock have
     // passed: 1 ready, 0 time-out, -1 failure (errno set). EINTR is retried inside.
     virtual int WaitReadable(int fd, uint32_t ms) = 0;
+    // The same for writable (a non-blocking connect completes, or fails, as writable).
+    virtual int WaitWritable(int fd, uint32_t ms) = 0;
     // Starts `body` on a new thread; null when no thread could be made.
     virtual std::unique_ptr<PlatformThread> StartThread(std::function<void()> body) = 0;
 
@@ -255,6 +257,7 @@ public:
     struct tm LocalTime() override { return target_->LocalTime(); }
     std::unique_ptr<PlatformEvent> CreateEvent() override { return target_->CreateEvent(); }
     int WaitReadable(int fd, uint32_t ms) override { return target_->WaitReadable(fd, ms); }
+    int WaitWritable(int fd, uint32_t ms) override { return target_->WaitWritable(fd, ms); }
     std::unique_ptr<PlatformThread> StartThread(std::function<void()> body) override {
         return target_->StartThread(std::move(body));
     }

@@ -336,13 +336,15 @@ public:
         return r;
     }
     std::unique_ptr<PlatformEvent> CreateEvent() override { return std::make_unique<LinuxEvent>(); }
-    int WaitReadable(int fd, uint32_t ms) override {
+    int WaitReadable(int fd, uint32_t ms) override { return WaitFor(fd, POLLIN, ms); }
+    int WaitWritable(int fd, uint32_t ms) override { return WaitFor(fd, POLLOUT, ms); }
+    static int WaitFor(int fd, short events, uint32_t ms) {
         // Measured against the monotonic clock, so that a retried EINTR doesn't lengthen the wait.
         uint64_t deadline = NowMs() + ms;
         for (;;) {
             uint64_t now = NowMs();
             int left = now >= deadline ? 0 : static_cast<int>(std::min<uint64_t>(deadline - now, INT32_MAX));
-            pollfd p{fd, POLLIN, 0};
+            pollfd p{fd, events, 0};
             int r = ::poll(&p, 1, left);
             if (r < 0 && errno == EINTR) continue;
             if (r < 0) return -1;

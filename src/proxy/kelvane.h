@@ -3,42 +3,41 @@
 // Every command is one exchange in the packet buffer, run by CommandExchange, the one piece that
 // carries the reply rule:
 //
-//   CommandExchange x(kCommand);               // takes kelvane_lock_vds, logs the entry line
-//   uint8_t* pkt = x.Begin(dataLen, cleared);  // header, DataLen, payload zeroed if `cleared`
-//   ... store the request fields at their packet offsets ...
-//   int rc = x.Run();                          // exchange and judge the reply: 0, -1 or the code
-//   if (rc == 0) ... read the reply from pkt ...
-//                                              // the lock goes with x at the end of the scope
+//   CommandExchange x(cmd::kGetPercent);         // takes kelvane_lock_vds
+//   auto* p = x.Begin<req::GetPercent>();        // header, DataLen, payload zeroed if "cleared"
+//   if (p) ... store the request fields by name ...
+//   int rc = x.Run();                            // exchange and judge the reply: 0, -1 or the code
+//   if (rc == 0) ... read the reply from p ...
+//                                                // the lock goes with x at the end of the scope
+//
+// The layouts and the command table (OpCode, DataLen, cleared, result rule) are proxy/requests.h.
 //
 // Run() sends 36 + DataLen bytes, takes up to 36 bytes of reply with one receive, reads the
 // payload only when exactly 36 came and DataLen isn't 0, then checks DataType (RSREPLY) and
 // OpCode, then error_code. Each failure is logged in the method's own name (a few commands borrow
 // another's) and fails with -1; a non-zero error_code is returned as the value for commands whose
-// result kind is "code". A reply that announces more payload than the packet
-// buffer holds fails without reading it: the buffer is never overrun.
+// result kind is "code". A reply that announces more payload than the packet buffer holds fails
+// without reading it: the buffer is never overrun.
+//
+// Every wait is bounded (see proxy/iasocket.h). A transport or format failure (no reply in time,
+// a lost connection, a short header, a payload that doesn't all come, more than the buffer holds,
+// another DataType or OpCode) tells the host why in one line (NoteHostFailure) and closes the
+// connection (DropConnection): a late byte of that reply can never be read as another command's.
+// A non-zero error_code in a well-formed reply is the array's answer: the connection stays.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "platform/platform.h"
 #include "proxy/records.h"
+#include "proxy/requests.h"
 #include "proxy/wire.h"
 
 // The mutex of one command exchange; made at module load. Null: commands run unlocked.
 extern MutexHandle hVdsMutex;
-
-struct CommandDef {
-    const char* method;   // "get_percent": log lines read "Kelvane::get_percent ..."
-    const char* opName;   // "GET_PERCENT_COMPLETED": named in the DataType-or-OpCode line
-    uint32_t opcode;
-    bool codeResult;      // a non-zero error_code is the method's value (else -1)
-    // Where a command's failure lines borrow another command's texts (kept on purpose): the
-    // name used in them and the value shown with opName. Zero/null: the method's own.
-    const char* logMethod = nullptr;
-    uint32_t shownOpcode = UINT32_MAX;
-};
 
 class CommandExchange {
 public:
@@ -47,10 +46,14 @@ public:
     CommandExchange(const CommandExchange&) = delete;
     CommandExchange& operator=(const CommandExchange&) = delete;
 
-    // Builds the header in the packet buffer, stores DataLen and, for a "cleared" command,
-    // zeroes the payload. Returns the packet (header at 0, payload from 36). Null when the
-    // session has no packet buffer (the connect sequence never ran or the provider unloaded).
-    uint8_t* Begin(uint32_t dataLen, bool cleared);
+    // Builds the header of the command in the packet buffer, stores DataLen and, for a "cleared"
+    // command, zeroes the payload. Returns the packet as the command's layout P (whose size must
+    // be 36 + the command's DataLen). Null when the session has no packet buffer (the connect
+    // sequence never ran or the provider unloaded).
+    template <class P>
+    P* Begin() {
+        return reinterpret_cast<P*>(BeginPacket(sizeof(P)));
+    }
     // Steps of the reply rule. The error word is read at `errorOffset` (40; get_subsystems: 36,
     // where it is tested without conversion).
     int Run(size_t errorOffset = wire::kErrorCodeOffset);
@@ -64,6 +67,11 @@ public:
     bool failedOnErrorCode() const { return failedOnCode_; }
 
 private:
+    uint8_t* BeginPacket(size_t packetSize);
+    // A transport or format failure: the host is told why, the connection is closed
+    // (DropConnection with `socketError`); returns -1.
+    int Fail(const std::string& why, int32_t socketError);
+
     const CommandDef& cmd_;
     uint8_t* pkt_ = nullptr;
     uint32_t dataLen_ = 0;

@@ -18,6 +18,7 @@
 #include "proxy/iasocket.h"
 #include "proxy/kelvane.h"
 #include "proxy/kelvane_conf.h"
+#include "proxy/requests.h"
 #include "proxy/wire.h"
 #include "support/debuglog.h"
 #include "support/host_notice.h"
@@ -27,10 +28,7 @@ SessionState g_session;
 
 namespace {
 
-constexpr uint32_t kHandshakeOp = 1, kHandshakeAnswerOp = 2, kLoginOp = 3, kLoginAnswerOp = 4;
-constexpr uint32_t kListenPortOp = 7, kListenPortAnswerOp = 8, kGoodbyeOp = 14;
 constexpr int kVersionMismatch = 29;
-constexpr uint32_t kLoginRecordSize = 344;
 constexpr int kConnectTries = 10;
 constexpr int kThreadWaitSteps = 10;
 constexpr uint32_t kThreadWaitStepMs = 1000;
@@ -53,15 +51,57 @@ SessionThreads& g_threads = *new SessionThreads;
 const char* kLostText = "The VDS Provider has lost its connection to the TROV Proxy service.";
 const char* kRestoredText = "The VDS Provider has restored its connection to the TROV Proxy service.";
 
-// Reads a session answer's payload when the header came whole and announces one. Returns the
-// count read, 0 when there was none to read, or -1.
-int ReadSessionPayload(uint8_t* buffer, int n) {
-    if (n != static_cast<int>(wire::kHeaderSize)) return 0;
-    uint32_t len = wire::DataLenOf(buffer);
-    if (len == 0) return 0;
-    if (len > wire::kPacketBufferSize - wire::kHeaderSize) return -1;  // never past the buffer
-    return recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
+// A session answer that didn't come, or came malformed: the host is told once, and the
+// connection is closed (DropConnection with `socketError`), as after a failed command. The
+// original keeps the connection, so that what is left of the answer is read as the next one.
+int SessionFailure(const char* step, const std::string& why, int32_t socketError) {
+    NoteHostFailure("the %s exchange with the proxy service at %s:%u failed (%s)", step, g_session.AgentIP,
+                    g_session.Port, why.c_str());
+    DropConnection(socketError);
+    return -1;
 }
+
+// Reads the payload that a whole answer header announces (a short header is judged with the
+// answer's kind). `expected`: the length the payload must have, 0 for any. False once the answer
+// has failed (SessionFailure done).
+bool ReadAnswerPayload(uint8_t* buffer, int n, const char* step, uint32_t expected) {
+    if (n != static_cast<int>(wire::kHeaderSize)) return true;
+    uint32_t len = wire::DataLenOf(buffer);
+    if (len == 0) return true;
+    if (len > wire::kPacketBufferSize - wire::kHeaderSize) {  // never past the buffer
+        SessionFailure(step, TrovFormatString("an answer of %u bytes, more than the packet buffer holds", len),
+                       kMalformedReply);
+        return false;
+    }
+    int got = recvdata(buffer + wire::kHeaderSize, static_cast<int>(len));
+    if (got != static_cast<int>(len)) {
+        SessionFailure(step,
+                       TrovFormatString("the answer's %u bytes of payload did not all come: %s", len,
+                                        TransportErrorText(g_transport.LastSocketError.load()).c_str()),
+                       0);
+        return false;
+    }
+    if (expected != 0 && len != expected) {
+        SessionFailure(step, TrovFormatString("an answer of %u bytes, %u expected", len, expected), kMalformedReply);
+        return false;
+    }
+    return true;
+}
+
+// The answer's kind is judged after its payload: a short header, or another DataType or OpCode.
+int WrongAnswer(const char* step, int n, uint32_t type, uint32_t op) {
+    if (n != static_cast<int>(wire::kHeaderSize))
+        return SessionFailure(step, TrovFormatString("an answer header of %d bytes", n), kMalformedReply);
+    return SessionFailure(step, TrovFormatString("an answer of DataType %u, OpCode %u", type, op), kMalformedReply);
+}
+
+int NoAnswer(const char* step) {
+    return SessionFailure(step, TransportErrorText(g_transport.LastSocketError.load()), 0);
+}
+
+constexpr const char* kHandshakeStep = "handshake";
+constexpr const char* kLoginStep = "login";
+constexpr const char* kListenPortStep = "listen-port";
 
 // `step`: "handshake" or "login", for the host's failure line.
 int StatusResult(uint32_t status, const char* step) {
@@ -193,17 +233,32 @@ void NotifyThreadEnded(std::atomic<int>* runningFlag) {
     if (g_threads.ended && !ThreadsRunning()) g_threads.ended->Set();
 }
 
+namespace {
+// The size of a session packet P, and its DataLen.
+template <class P>
+constexpr int PacketSize() {
+    return static_cast<int>(sizeof(P));
+}
+template <class P>
+constexpr uint32_t PayloadSize() {
+    return static_cast<uint32_t>(sizeof(P) - wire::kHeaderSize);
+}
+}  // namespace
+
 int Handshake(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kHandshakeOp);
-    std::memcpy(buffer + wire::kHeaderSize, "qvemid", 6);
-    wire::StoreBe32(buffer + wire::kDataLenOffset, 6);
-    int n = exec_cmnd(buffer, 42, buffer, static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) != 8)
-        return -1;
-    if (wire::DataTypeOf(buffer) != wire::RSSESSION || wire::OpCodeOf(buffer) != kHandshakeAnswerOp) return -1;
-    uint32_t versionStatus = wire::LoadBe32(buffer + 36);
-    g_session.HandshakeToken = wire::LoadBe32(buffer + 40);
+    auto* q = reinterpret_cast<req::Handshake*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kHandshakeOp);
+    std::memcpy(q->word, "qvemid", sizeof q->word);
+    q->header.dataLen = PayloadSize<req::Handshake>();
+    int n = exec_cmnd(buffer, PacketSize<req::Handshake>(), buffer, static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return NoAnswer(kHandshakeStep);
+    if (!ReadAnswerPayload(buffer, n, kHandshakeStep, PayloadSize<req::HandshakeAnswer>())) return -1;
+    uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
+    if (n != static_cast<int>(wire::kHeaderSize) || type != wire::RSSESSION || op != req::kHandshakeAnswerOp)
+        return WrongAnswer(kHandshakeStep, n, type, op);
+    const auto* a = reinterpret_cast<const req::HandshakeAnswer*>(buffer);
+    uint32_t versionStatus = a->versionStatus;
+    g_session.HandshakeToken = a->handshakeToken;
     if (((versionStatus >> 8) & 0xFF) != 5) {
         NoteHostFailure("the proxy service at %s:%u speaks protocol version %u; this provider needs version 5",
                         g_session.AgentIP, g_session.Port, (versionStatus >> 8) & 0xFF);
@@ -213,46 +268,49 @@ int Handshake(uint8_t* buffer) {
 }
 
 int Login(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kLoginOp);
-    uint8_t* rec = buffer + wire::kHeaderSize;
-    std::memset(rec, 0, kLoginRecordSize);
-    std::memcpy(rec, g_session.UserName, sizeof g_session.UserName);
-    std::memcpy(rec + 32, g_session.Password, sizeof g_session.Password);
-    EncipherPasswordField(rec + 32);
-    rec[80] = static_cast<uint8_t>(g_session.PasswordLength & 0xFF);
-    wire::StoreBe32(rec + 84, g_session.HandshakeToken);
-    wire::StoreBe32(buffer + wire::kDataLenOffset, kLoginRecordSize);
-    int n = exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize + kLoginRecordSize), buffer,
-                      static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 &&
-        ReadSessionPayload(buffer, n) != 12)
-        return -1;
+    auto* q = reinterpret_cast<req::Login*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kLoginOp);
+    std::memset(buffer + wire::kHeaderSize, 0, PayloadSize<req::Login>());
+    static_assert(sizeof q->userName == sizeof g_session.UserName && sizeof q->password == sizeof g_session.Password);
+    std::memcpy(q->userName, g_session.UserName, sizeof q->userName);
+    std::memcpy(q->password, g_session.Password, sizeof q->password);
+    EncipherPasswordField(q->password);
+    q->passwordLength = static_cast<uint8_t>(g_session.PasswordLength & 0xFF);
+    q->handshakeToken = g_session.HandshakeToken;
+    q->header.dataLen = PayloadSize<req::Login>();
+    int n = exec_cmnd(buffer, PacketSize<req::Login>(), buffer, static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return NoAnswer(kLoginStep);
+    if (!ReadAnswerPayload(buffer, n, kLoginStep, PayloadSize<req::LoginAnswer>())) return -1;
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
-    if (type != wire::RSSESSION || op != kLoginAnswerOp) {
+    if (type != wire::RSSESSION || op != req::kLoginAnswerOp) {
         HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
-        return -1;
+        return WrongAnswer(kLoginStep, n, type, op);
     }
-    uint32_t status = wire::LoadBe32(buffer + 36);
+    if (n != static_cast<int>(wire::kHeaderSize)) return WrongAnswer(kLoginStep, n, type, op);
+    const auto* a = reinterpret_cast<const req::LoginAnswer*>(buffer);
+    uint32_t status = a->status;
     if (status == 1) {
-        g_transport.SessionKey = wire::LoadBe32(buffer + 40);
+        g_transport.SessionKey = a->sessionKey;
         return 0;
     }
     return StatusResult(status, "login");
 }
 
 int negotiate_listen_port(uint8_t* buffer) {
-    MakeHeader(buffer, wire::RSSESSION, kListenPortOp);
-    wire::StoreBe16(buffer + wire::kHeaderSize, ListenPort());
-    wire::StoreBe32(buffer + wire::kDataLenOffset, 2);
-    int n = exec_cmnd(buffer, 38, buffer, static_cast<int>(wire::kHeaderSize));
-    if (n <= 0) return -1;
-    if (n == static_cast<int>(wire::kHeaderSize) && wire::DataLenOf(buffer) != 0 && ReadSessionPayload(buffer, n) < 1)
-        return -1;
+    auto* q = reinterpret_cast<req::ListenPort*>(buffer);
+    MakeHeader(buffer, wire::RSSESSION, req::kListenPortOp);
+    q->port = ListenPort();
+    q->header.dataLen = PayloadSize<req::ListenPort>();
+    int n = exec_cmnd(buffer, PacketSize<req::ListenPort>(), buffer, static_cast<int>(wire::kHeaderSize));
+    if (n <= 0) return NoAnswer(kListenPortStep);
+    if (!ReadAnswerPayload(buffer, n, kListenPortStep, 0)) return -1;  // a payload is read and ignored
     uint32_t type = wire::DataTypeOf(buffer), op = wire::OpCodeOf(buffer);
-    if (type == wire::RSSESSION && op == kListenPortAnswerOp) return 0;
+    if (type == wire::RSSESSION && op == req::kListenPortAnswerOp) {
+        if (n != static_cast<int>(wire::kHeaderSize)) return WrongAnswer(kListenPortStep, n, type, op);
+        return 0;
+    }
     HostConsole(TrovFormatString("datatype = %d   opcode = %d\n", static_cast<int>(type), static_cast<int>(op)).c_str());
-    return -1;
+    return WrongAnswer(kListenPortStep, n, type, op);
 }
 
 int ProxyLogin() {
@@ -363,8 +421,8 @@ void shut() {
         // the line; otherwise the shutdown below cuts that exchange short, and the service sees
         // the connection end without the goodbye.
         if (Plat()->TryWaitMutex(hVdsMutex)) {
-            MakeHeader(buffer, wire::RSSESSION, kGoodbyeOp);
-            exec_cmnd(buffer, static_cast<int>(wire::kHeaderSize), buffer, static_cast<int>(wire::kHeaderSize));
+            MakeHeader(buffer, wire::RSSESSION, req::kGoodbyeOp);
+            exec_cmnd(buffer, PacketSize<req::Goodbye>(), buffer, static_cast<int>(wire::kHeaderSize));
             if (hVdsMutex) Plat()->ReleaseMutex(hVdsMutex);
         } else {
             DebugTrace("shut(): an exchange is in progress, no goodbye\n");

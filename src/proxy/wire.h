@@ -75,18 +75,72 @@ inline void Swap16(void* p) {
     b[1] = t;
 }
 
-// Packet header.
-constexpr size_t kHeaderSize = 36;
-constexpr size_t kMagicOffset = 0;
-constexpr size_t kSeqNumOffset = 12;
-constexpr size_t kCheckValueOffset = 16;
-constexpr size_t kDataTypeOffset = 20;
-constexpr size_t kOpCodeOffset = 24;
-constexpr size_t kDataLenOffset = 32;
-// Common opening of a command payload, by packet offset.
-constexpr size_t kErrorCodeOffset = 40;
-constexpr size_t kHandleOffset = 44;
-constexpr size_t kBodyOffset = 48;
+// Big-endian fields of a packet, as laid over the bytes: they hold the wire's bytes and give and
+// take host-order values, so that nothing depends on the host's byte order or on alignment
+// (alignment 1; a packet struct made of them may be laid over any byte pointer).
+struct Be32 {
+    uint8_t bytes[4];
+    uint32_t value() const { return LoadBe32(bytes); }
+    operator uint32_t() const { return value(); }
+    Be32& operator=(uint32_t v) {
+        StoreBe32(bytes, v);
+        return *this;
+    }
+};
+struct Be16 {
+    uint8_t bytes[2];
+    uint16_t value() const { return LoadBe16(bytes); }
+    operator uint16_t() const { return value(); }
+    Be16& operator=(uint16_t v) {
+        StoreBe16(bytes, v);
+        return *this;
+    }
+};
+// A 64-bit value: two big-endian words, the low word first.
+struct BeWords64 {
+    uint8_t bytes[8];
+    uint64_t value() const { return LoadWords64(bytes); }
+    operator uint64_t() const { return value(); }
+    BeWords64& operator=(uint64_t v) {
+        StoreWords64(bytes, v);
+        return *this;
+    }
+};
+static_assert(sizeof(Be32) == 4 && alignof(Be32) == 1);
+static_assert(sizeof(Be16) == 2 && alignof(Be16) == 1);
+static_assert(sizeof(BeWords64) == 8 && alignof(BeWords64) == 1);
+
+// The packet header (36 bytes).
+struct PacketHeader {
+    char magic[12];  // "ORBITVALE", NUL bytes up to 12
+    Be32 seqNum;
+    Be32 checkValue;
+    Be32 dataType;
+    Be32 opCode;
+    uint8_t reserved28[4];
+    Be32 dataLen;  // the payload behind the header
+};
+static_assert(sizeof(PacketHeader) == 36 && alignof(PacketHeader) == 1);
+
+constexpr size_t kHeaderSize = sizeof(PacketHeader);
+constexpr size_t kMagicOffset = offsetof(PacketHeader, magic);
+constexpr size_t kSeqNumOffset = offsetof(PacketHeader, seqNum);
+constexpr size_t kCheckValueOffset = offsetof(PacketHeader, checkValue);
+constexpr size_t kDataTypeOffset = offsetof(PacketHeader, dataType);
+constexpr size_t kOpCodeOffset = offsetof(PacketHeader, opCode);
+constexpr size_t kDataLenOffset = offsetof(PacketHeader, dataLen);
+
+// The common opening of a command payload (all commands but a few, see proxy/requests.h).
+struct CommandHead {
+    PacketHeader header;
+    uint8_t reserved36[4];  // zero in requests, not read in replies
+    Be32 errorCode;         // 40: zero in requests; the reply's result
+    Be32 handle;            // 44: the controller the command is addressed to
+};
+static_assert(sizeof(CommandHead) == 48);
+constexpr size_t kErrorCodeOffset = offsetof(CommandHead, errorCode);
+constexpr size_t kHandleOffset = offsetof(CommandHead, handle);
+constexpr size_t kBodyOffset = sizeof(CommandHead);
 
 constexpr char kMagic[] = "ORBITVALE";
 // The largest packet either side handles, and the size of the one packet buffer.

@@ -1,11 +1,14 @@
 // Every command of the catalogue against a scripted peer: the request bytes (OpCode, DataLen,
 // each field at its offset, the payload cleared or left as the buffer held it), the lock held for
 // the whole exchange, the pauses on the fake clock, and the handling of a success, an error code,
-// a transport failure, a reply of another OpCode and a reply cut short. Then the special forms and
-// the bounds on hostile counts.
+// a transport failure, a reply of another OpCode and a reply cut short (the host's failure line,
+// the connection closed or kept). The command table agrees with these cases. Then malformed
+// replies and a payload that stalls, the special forms and the bounds on hostile counts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -438,8 +441,18 @@ protected:
         std::memset(g_transport.PacketBuffer, kStale, wire::kPacketBufferSize);
     }
     bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
+    // After a transport or format failure of `method`: one line for the host, the connection
+    // closed (the next command fails at once), the reason kept for the monitor's reconnect.
+    void ExpectDropped(const std::string& method, const std::string& reason, int32_t lastSocketError) {
+        const auto lines = failures.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0], "the exchange with the proxy service failed at " + method + " (" + reason + ")");
+        EXPECT_EQ(g_transport.sock.load(), -1);
+        EXPECT_EQ(g_transport.LastSocketError.load(), lastSocketError);
+    }
 
     LockWatch tp;
+    testlib::HostFailures failures;
     std::unique_ptr<Outputs> outputs;
 };
 
@@ -533,15 +546,27 @@ TEST_P(EachCommand, SendsItsRequestAndJudgesTheReply) {
     case Scenario::TransportFailure:
         EXPECT_EQ(rc, -1);
         EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " exec_cmnd(Line")) << tp.DebuggerText();
+        ExpectDropped(c.name, "connection closed by the service", kClosedByService);
         break;
     case Scenario::OtherOpcode:
         EXPECT_EQ(rc, -1);
         EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " DataType or OpCode(Line")) << tp.DebuggerText();
+        ExpectDropped(c.name, "a reply of DataType 2, OpCode " + std::to_string(c.opcode + 1), kMalformedReply);
         break;
     case Scenario::CutShort:
         EXPECT_EQ(rc, -1);
         EXPECT_TRUE(Logged("OOP!! Kelvane::" + logName + " ph->DataLen(Line")) << tp.DebuggerText();
+        ExpectDropped(c.name,
+                      "the reply's " + std::to_string(replyLen + 64) +
+                          " bytes of payload did not all come: connection closed by the service",
+                      kClosedByService);
         break;
+    }
+    // A well-formed reply, the array's error code included, keeps the connection.
+    if (scenario == Scenario::Success || scenario == Scenario::ErrorCode) {
+        EXPECT_TRUE(failures.lines().empty());
+        EXPECT_GT(g_transport.sock.load(), 0);
+        EXPECT_EQ(g_transport.LastSocketError.load(), 0);
     }
     // Outputs are written on success only (the snapshot list also with the array's code).
     bool delivered = scenario == Scenario::Success ||
@@ -568,6 +593,128 @@ INSTANTIATE_TEST_SUITE_P(Catalogue, EachCommand,
                                                               Scenario::TransportFailure, Scenario::OtherOpcode,
                                                               Scenario::CutShort)),
                          CaseName);
+
+// The shared table (which the emulator reads requests by) says what the cases above expect,
+// command by command, and holds no command they don't test: OpCode, DataLen, cleared, result
+// rule, the name in the failure lines, and where the handle stands.
+TEST(CommandTable, AgreesWithTheCatalogueCases) {
+    const std::vector<CommandCase> cases = Catalogue();
+    const Bytes handleBytes = U32(0, kHandle).bytes;
+    for (const CommandDef* d : cmd::kAll) {
+        SCOPED_TRACE(std::string(d->method) + " " + std::to_string(d->opcode));
+        auto it = std::find_if(cases.begin(), cases.end(), [d](const CommandCase& c) {
+            return c.opcode == d->opcode && std::string(c.name) == d->method;
+        });
+        ASSERT_NE(it, cases.end()) << "no case for it";
+        EXPECT_EQ(d->dataLen, it->dataLen);
+        EXPECT_EQ(d->cleared, it->cleared);
+        EXPECT_EQ(d->codeResult(), it->codeResult);
+        EXPECT_STREQ(d->LogMethod(), it->logName ? it->logName : it->name);
+        bool handleAt = std::any_of(it->fields.begin(), it->fields.end(), [&](const Field& f) {
+            return f.at == d->handleAt && f.bytes == handleBytes;
+        });
+        EXPECT_EQ(handleAt, d->handleAt != 0);
+        EXPECT_NE(cmd::ByOpcode(d->opcode), nullptr);
+    }
+    for (const CommandCase& c : cases) {
+        bool listed = std::any_of(std::begin(cmd::kAll), std::end(cmd::kAll), [&c](const CommandDef* d) {
+            return d->opcode == c.opcode && std::string(c.name) == d->method;
+        });
+        EXPECT_TRUE(listed) << c.name;
+    }
+}
+
+// --- Malformed replies and a stalled payload (the reply rule is one for all commands) ----------
+
+struct MalformedCase {
+    const char* name;
+    std::function<Bytes(Bytes good)> reply;  // made from a good reply to get_percent
+    const char* logLine;
+    std::string reason;
+};
+
+class MalformedReply : public CatalogueTest, public ::testing::WithParamInterface<MalformedCase> {};
+
+// The original keeps the connection after a malformed reply, so that what is left of it is read
+// as the next reply; and it takes a short header of the right kind for a reply. Here each fails,
+// closes the connection, and the next command fails at once without reaching the peer.
+TEST_P(MalformedReply, FailsClosesTheConnectionAndTheNextCommandFailsAtOnce) {
+    const MalformedCase& c = GetParam();
+    Bytes good = ScriptPeer::Reply(28, Bytes(48, 0));
+    PutBe32(good, 80, 57);
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest([&](const Bytes&) { return c.reply(good); });
+    peer.ExpectClosed();
+    Attach(peer);
+
+    EXPECT_EQ(Kelvane::get_percent(kHandle, kSerialA.data(), &out->percent), -1);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged(std::string("OOP!! Kelvane::get_percent ") + c.logLine)) << tp.DebuggerText();
+    EXPECT_TRUE(AllBytes(&out->percent, 4, kUnset));
+    ExpectDropped("get_percent", c.reason, kMalformedReply);
+
+    EXPECT_EQ(Kelvane::get_version(), -1);
+    EXPECT_EQ(peer.requests().size(), 1u);
+    const auto lines = failures.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1], "the exchange with the proxy service failed at get_version (no connection; it was closed "
+                        "after a failed exchange and waits for the reconnect)");
+    EXPECT_NE(g_transport.LastSocketError.load(), 0);
+    EXPECT_EQ(tp.depth.load(), 0);
+}
+
+Bytes FirstBytes(Bytes b, size_t n) {
+    b.resize(n);
+    return b;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, MalformedReply,
+    ::testing::Values(
+        // The request's own DataType 1 is judged in the 16 header bytes that didn't come.
+        MalformedCase{"ShortHeader", [](Bytes g) { return FirstBytes(g, 20); }, "DataType or OpCode(Line",
+                      "a reply header of 20 bytes"},
+        MalformedCase{"ShortHeaderOfTheRightKind", [](Bytes g) { return FirstBytes(g, 28); },
+                      "reply header of 28 bytes(Line", "a reply header of 28 bytes"},
+        MalformedCase{"OtherDataType",
+                      [](Bytes g) {
+                          PutBe32(g, 20, 1);
+                          return g;
+                      },
+                      "DataType or OpCode(Line", "a reply of DataType 1, OpCode 28"},
+        MalformedCase{"HugeDataLen",
+                      [](Bytes g) {
+                          PutBe32(g, 32, 0x7FFFFFF0);
+                          return FirstBytes(g, 36);
+                      },
+                      "reply of 2147483632 bytes does not fit the packet buffer",
+                      "a reply of 2147483632 bytes, more than the packet buffer holds"}),
+    [](const ::testing::TestParamInfo<MalformedCase>& i) { return std::string(i.param.name); });
+
+// The original reads the rest of a payload without a limit. Here it must come within the limit of
+// the first bytes: on the fake clock the command ends exactly there, with no real wait.
+TEST_F(CatalogueTest, APayloadThatStallsFailsAtTheLimitAndClosesTheConnection) {
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest([](const Bytes&) { return FirstBytes(ScriptPeer::Reply(9, Bytes(444, 0)), 36 + 100); });
+    peer.ExpectClosed();
+    Attach(peer);
+    tp.clock().SetAuto(false);
+
+    testlib::CallOnClock call(tp.clock(), [] { return Kelvane::get_event(kHandle, 0, 1, 0, out->events); });
+    ASSERT_TRUE(call.BlockedWhen([&] { return peer.stepsDone() >= 2 && testlib::CallOnClock::NothingUnread(); }));
+    EXPECT_TRUE(call.AdvanceStillWaits(599999));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    EXPECT_EQ(call.Join(), -1);
+    EXPECT_EQ(call.Elapsed(), 600000u);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    EXPECT_TRUE(Logged("recvdata timed out after 600000 ms, 100 of 444 bytes\n")) << tp.DebuggerText();
+    EXPECT_TRUE(Logged("OOP!! Kelvane::get_event ph->DataLen(Line")) << tp.DebuggerText();
+    ExpectDropped("get_event", "the reply's 444 bytes of payload did not all come: no reply in time", kNoReplyInTime);
+    EXPECT_TRUE(AllBytes(out->events, sizeof out->events, kUnset));
+    EXPECT_EQ(tp.depth.load(), 0) << "the lock is left held";
+}
 
 // --- Special forms ---------------------------------------------------------------------------
 

@@ -1,8 +1,14 @@
 // The session on the wire, byte for byte, against a scripted peer: handshake, login with its
 // enciphered password, listen-port announcement, goodbye, the sequence number and check value
-// across commands and reconnects, and every kind of bad reply with its result and log line.
+// across commands and reconnects, and every kind of bad reply with its result, its log line, the
+// host's failure line and the closed connection. Then the time limits on the fake clock: an
+// answer that never comes, a payload that stops short, a connect that hangs, and the limit the
+// settings give.
 #define OPENSSL_SUPPRESS_DEPRECATED
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <openssl/des.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -16,8 +22,10 @@
 #include <vector>
 
 #include "testlib/fake_platform.h"
+#include "testlib/provider_env.h"
 #include "proxy/heartbeat.h"
 #include "proxy/iasocket.h"
+#include "proxy/kelvane.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"
 #include "testlib/script_peer.h"
@@ -134,7 +142,22 @@ protected:
 
     bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
 
+    // The one failure line the host was told, which must name `step` and `reason`.
+    void ExpectOneFailure(const char* step, const std::string& reason) {
+        const auto lines = failures.lines();
+        ASSERT_EQ(lines.size(), 1u) << (lines.empty() ? "" : lines[0]);
+        EXPECT_EQ(lines[0].rfind(std::string("the ") + step + " exchange with the proxy service at 127.0.0.1:", 0), 0u)
+            << lines[0];
+        EXPECT_NE(lines[0].find("failed (" + reason), std::string::npos) << lines[0];
+    }
+    // The transport after a failed exchange: the connection closed, the reason kept.
+    void ExpectDropped(int32_t lastSocketError) {
+        EXPECT_EQ(g_transport.sock.load(), -1);
+        EXPECT_EQ(g_transport.LastSocketError.load(), lastSocketError);
+    }
+
     TestPlatform tp;
+    testlib::HostFailures failures;
 };
 
 // --- Handshake -----------------------------------------------------------------------------------
@@ -221,22 +244,30 @@ struct BadReply {
     bool closeAfter;         // the peer closes the connection after the reply
     const char* logLine;     // in the debug log, or null
     int32_t lastSocketError; // after the exchange
+    const char* reason;      // in the host's failure line
 };
 
 class HandshakeBadReply : public WireSession, public ::testing::WithParamInterface<BadReply> {};
 
-TEST_P(HandshakeBadReply, FailsWithMinusOne) {
+// Unlike the original, which keeps the connection and reads what is left of a bad answer as the
+// next one, the client closes the connection: the peer sees it end with nothing more sent.
+TEST_P(HandshakeBadReply, FailsWithMinusOneAndClosesTheConnection) {
     const BadReply& c = GetParam();
     ScriptPeer peer;
     peer.Accept();
     peer.OnRequest(Answer(c.reply));
-    if (c.closeAfter) peer.CloseConnection();
+    if (c.closeAfter)
+        peer.CloseConnection();
+    else
+        peer.ExpectClosed();
     peer.Start();
     peer.AttachTransport();
+    Configure(peer, "admin", "pw");
 
     EXPECT_EQ(Handshake(g_transport.PacketBuffer), -1);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
-    EXPECT_EQ(g_transport.LastSocketError.load(), c.lastSocketError);
+    ExpectDropped(c.lastSocketError);
+    ExpectOneFailure("handshake", c.reason);
     if (c.logLine) {
         EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
     }
@@ -258,18 +289,28 @@ Bytes WithDataLen(Bytes b, uint32_t len) {
 INSTANTIATE_TEST_SUITE_P(
     Replies, HandshakeBadReply,
     ::testing::Values(
-        BadReply{"WrongDataType", ScriptPeer::Reply(2, Words({0x0501, 1}), 2), false, nullptr, 0},
-        BadReply{"WrongOpCode", ScriptPeer::Reply(4, Words({0x0501, 1}), 3), false, nullptr, 0},
+        BadReply{"WrongDataType", ScriptPeer::Reply(2, Words({0x0501, 1}), 2), false, nullptr, kMalformedReply,
+                 "an answer of DataType 2, OpCode 2)"},
+        BadReply{"WrongOpCode", ScriptPeer::Reply(4, Words({0x0501, 1}), 3), false, nullptr, kMalformedReply,
+                 "an answer of DataType 3, OpCode 4)"},
         // Twenty bytes: the request's own DataType and OpCode stay in the buffer and are judged.
-        BadReply{"ShortHeader", Truncated(HandshakeAnswer(0x0501, 1), 20), false, nullptr, 0},
-        BadReply{"PayloadOfTwelve", ScriptPeer::Reply(2, Words({0x0501, 1, 0}), 3), false, nullptr, 0},
-        BadReply{"PayloadOfFour", ScriptPeer::Reply(2, Words({0x0501}), 3), false, nullptr, 0},
+        BadReply{"ShortHeader", Truncated(HandshakeAnswer(0x0501, 1), 20), false, nullptr, kMalformedReply,
+                 "an answer header of 20 bytes)"},
+        BadReply{"PayloadOfTwelve", ScriptPeer::Reply(2, Words({0x0501, 1, 0}), 3), false, nullptr, kMalformedReply,
+                 "an answer of 12 bytes, 8 expected)"},
+        BadReply{"PayloadOfFour", ScriptPeer::Reply(2, Words({0x0501}), 3), false, nullptr, kMalformedReply,
+                 "an answer of 4 bytes, 8 expected)"},
         // The header promises eight bytes, three come, then the connection ends.
-        BadReply{"ClosedMidReply", Truncated(HandshakeAnswer(0x0501, 1), 39), true, "recvdata len = 0\n", 0},
-        BadReply{"ClosedWithoutReply", {}, true, "OOP!! exec_cmnd recv error 0x0\n", -1},
+        BadReply{"ClosedMidReply", Truncated(HandshakeAnswer(0x0501, 1), 39), true, "recvdata len = 0\n",
+                 kClosedByService,
+                 "the answer's 8 bytes of payload did not all come: connection closed by the service)"},
+        BadReply{"ClosedWithoutReply", {}, true, "OOP!! exec_cmnd recv error 0x0\n", kClosedByService,
+                 "connection closed by the service)"},
         // Larger than the packet buffer: refused without a read, nothing written past the buffer.
-        BadReply{"DataLenBeyondBuffer", WithDataLen(HandshakeAnswer(0x0501, 1), 3145728), false, nullptr, 0},
-        BadReply{"DataLenHuge", WithDataLen(HandshakeAnswer(0x0501, 1), 0xFFFFFFF0u), false, nullptr, 0}),
+        BadReply{"DataLenBeyondBuffer", WithDataLen(HandshakeAnswer(0x0501, 1), 3145728), false, nullptr,
+                 kMalformedReply, "an answer of 3145728 bytes, more than the packet buffer holds)"},
+        BadReply{"DataLenHuge", WithDataLen(HandshakeAnswer(0x0501, 1), 0xFFFFFFF0u), false, nullptr, kMalformedReply,
+                 "an answer of 4294967280 bytes, more than the packet buffer holds)"}),
     [](const ::testing::TestParamInfo<BadReply>& i) { return std::string(i.param.name); });
 
 // --- Login ---------------------------------------------------------------------------------------
@@ -334,6 +375,8 @@ struct LoginCase {
     Bytes reply;
     const char* logLine;
     const char* console;
+    bool dropped;        // a malformed answer closes the connection; a refusal keeps it
+    const char* reason;  // in the host's failure line
 };
 
 class LoginBadReply : public WireSession, public ::testing::WithParamInterface<LoginCase> {};
@@ -343,6 +386,7 @@ TEST_P(LoginBadReply, FailsAndKeepsTheOldSessionKey) {
     ScriptPeer peer;
     peer.Accept();
     peer.OnRequest(Answer(c.reply));
+    if (c.dropped) peer.ExpectClosed();
     peer.Start();
     peer.AttachTransport();
     Configure(peer, "admin", "secret");
@@ -358,24 +402,39 @@ TEST_P(LoginBadReply, FailsAndKeepsTheOldSessionKey) {
         EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
     }
     EXPECT_EQ(out, c.console ? c.console : "");
+    const auto lines = failures.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+    if (c.dropped) {
+        ExpectDropped(kMalformedReply);
+    } else {
+        EXPECT_GT(g_transport.sock.load(), 0);
+        EXPECT_EQ(g_transport.LastSocketError.load(), 0);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Replies, LoginBadReply,
-    ::testing::Values(LoginCase{"UnknownUser", LoginAnswer(2, 9), nullptr, "unknown user.\n"},
-                      LoginCase{"InvalidPassword", LoginAnswer(5, 9), "invalid password.\n", nullptr},
-                      LoginCase{"UnknownStatus", LoginAnswer(3, 9), "unknown status.\n", nullptr},
+    ::testing::Values(LoginCase{"UnknownUser", LoginAnswer(2, 9), nullptr, "unknown user.\n", false,
+                                "login refused by the proxy service at 127.0.0.1:"},
+                      LoginCase{"InvalidPassword", LoginAnswer(5, 9), "invalid password.\n", nullptr, false,
+                                ": invalid password (status 5)"},
+                      LoginCase{"UnknownStatus", LoginAnswer(3, 9), "unknown status.\n", nullptr, false,
+                                ": unknown status 3"},
                       // The whole word counts, not its low byte.
-                      LoginCase{"StatusInHighBits", LoginAnswer(0x101, 9), "unknown status.\n", nullptr},
+                      LoginCase{"StatusInHighBits", LoginAnswer(0x101, 9), "unknown status.\n", nullptr, false,
+                                ": unknown status 257"},
                       LoginCase{"WrongOpCode", ScriptPeer::Reply(2, Words({1, 9, 0}), 3), nullptr,
-                                "datatype = 3   opcode = 2\n"},
+                                "datatype = 3   opcode = 2\n", true, "(an answer of DataType 3, OpCode 2)"},
                       LoginCase{"WrongDataType", ScriptPeer::Reply(4, Words({1, 9, 0}), 2), nullptr,
-                                "datatype = 2   opcode = 4\n"},
-                      LoginCase{"PayloadOfEight", ScriptPeer::Reply(4, Words({1, 9}), 3), nullptr, nullptr},
-                      LoginCase{"DataLenBeyondBuffer", WithDataLen(LoginAnswer(1, 9), 0x00400000), nullptr, nullptr},
+                                "datatype = 2   opcode = 4\n", true, "(an answer of DataType 2, OpCode 4)"},
+                      LoginCase{"PayloadOfEight", ScriptPeer::Reply(4, Words({1, 9}), 3), nullptr, nullptr, true,
+                                "(an answer of 8 bytes, 12 expected)"},
+                      LoginCase{"DataLenBeyondBuffer", WithDataLen(LoginAnswer(1, 9), 0x00400000), nullptr, nullptr,
+                                true, "(an answer of 4194304 bytes, more than the packet buffer holds)"},
                       // A short header leaves the request's DataType 3 and OpCode 3 to be judged.
                       LoginCase{"ShortHeader", Truncated(LoginAnswer(1, 9), 20), nullptr,
-                                "datatype = 3   opcode = 3\n"}),
+                                "datatype = 3   opcode = 3\n", true, "(an answer header of 20 bytes)"}),
     [](const ::testing::TestParamInfo<LoginCase>& i) { return std::string(i.param.name); });
 
 // --- Listen port and goodbye ---------------------------------------------------------------------
@@ -404,20 +463,30 @@ TEST_F(WireSession, ListenPortAnnouncementCarriesTheLowBitsOfTheProcessId) {
     EXPECT_EQ(Be32(peer.requests()[1], 12), 10u);
 }
 
-TEST_F(WireSession, ListenPortRefusedByAnotherAnswer) {
+TEST_F(WireSession, ListenPortRefusedByAnotherAnswerClosesTheConnection) {
     ListenerName();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(9, {}, 3)));
-    peer.OnRequest(Answer(ScriptPeer::Reply(8, {}, 2)));
+    for (const Bytes& answer : {ScriptPeer::Reply(9, {}, 3), ScriptPeer::Reply(8, {}, 2)}) {
+        peer.Accept();
+        peer.OnRequest(Answer(answer));
+        peer.ExpectClosed();
+    }
     peer.Start();
-    peer.AttachTransport();
+    Configure(peer, "admin", "pw");
     testing::internal::CaptureStdout();
-    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), -1);
-    EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), -1);
+    for (int round = 0; round < 2; ++round) {
+        peer.AttachTransport();
+        EXPECT_EQ(negotiate_listen_port(g_transport.PacketBuffer), -1);
+        ExpectDropped(kMalformedReply);
+    }
     std::string out = testing::internal::GetCapturedStdout();
     ASSERT_TRUE(peer.Finish()) << peer.failure();
     EXPECT_EQ(out, "datatype = 3   opcode = 9\ndatatype = 2   opcode = 8\n");
+    const auto lines = failures.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].find("the listen-port exchange with the proxy service at 127.0.0.1:"), std::string::npos);
+    EXPECT_NE(lines[0].find("failed (an answer of DataType 3, OpCode 9)"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[1].find("failed (an answer of DataType 2, OpCode 8)"), std::string::npos) << lines[1];
 }
 
 TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
@@ -585,6 +654,224 @@ TEST_F(WireSession, ReconnectGivesUpAfterTenRefusedConnects) {
     EXPECT_EQ(count, 10u);
 }
 
+// --- Time limits, on the fake clock in manual mode (no real wait) -------------------------------
+
+struct LimitCase {
+    uint32_t setting;  // ReplyTimeout, seconds
+    uint64_t limitMs;  // the limit it gives
+};
+
+class HandshakeLimit : public WireSession, public ::testing::WithParamInterface<LimitCase> {};
+
+// The original waits 600 s for an answer; ReplyTimeout may lower that, never raise it.
+TEST_P(HandshakeLimit, AnAnswerThatNeverComesEndsAtTheLimit) {
+    const LimitCase& c = GetParam();
+    SetReplyTimeout(c.setting);
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(nullptr);  // takes the handshake and never answers
+    peer.ExpectClosed();
+    peer.Start();
+    peer.AttachTransport();
+    Configure(peer, "admin", "pw");
+    tp.clock().SetAuto(false);
+
+    testlib::CallOnClock call(tp.clock(), [] { return Handshake(g_transport.PacketBuffer); });
+    ASSERT_TRUE(call.Blocked());
+    EXPECT_TRUE(call.AdvanceStillWaits(c.limitMs - 1));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    EXPECT_EQ(call.Join(), -1);
+    EXPECT_EQ(call.Elapsed(), c.limitMs);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    ExpectDropped(kNoReplyInTime);
+    ExpectOneFailure("handshake", "no reply in time)");
+    EXPECT_TRUE(Logged("OOP!! exec_cmnd FD_ISSET error\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Settings, HandshakeLimit,
+                         ::testing::Values(LimitCase{0, 600000}, LimitCase{1, 1000}, LimitCase{45, 45000},
+                                           LimitCase{600, 600000}, LimitCase{601, 600000},
+                                           LimitCase{0xFFFFFFFF, 600000}));
+
+TEST_F(WireSession, AnAnswerWhosePayloadStopsShortEndsAtTheLimit) {
+    SetReplyTimeout(30);
+    ScriptPeer peer;
+    peer.Accept();
+    peer.OnRequest(Answer(Truncated(LoginAnswer(1, 9), 40)));  // 4 of the 12 bytes it announces
+    peer.ExpectClosed();
+    peer.Start();
+    peer.AttachTransport();
+    Configure(peer, "admin", "pw");
+    g_transport.SessionKey = 0x77;
+    tp.clock().SetAuto(false);
+
+    testlib::CallOnClock call(tp.clock(), [] { return Login(g_transport.PacketBuffer); });
+    // Waiting for the rest of the payload: the peer has sent what it sends, the client read it.
+    ASSERT_TRUE(call.BlockedWhen([&] { return peer.stepsDone() >= 2 && testlib::CallOnClock::NothingUnread(); }));
+    EXPECT_TRUE(call.AdvanceStillWaits(29999));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    EXPECT_EQ(call.Join(), -1);
+    EXPECT_EQ(call.Elapsed(), 30000u);
+    ASSERT_TRUE(peer.Finish()) << peer.failure();
+    ExpectDropped(kNoReplyInTime);
+    ExpectOneFailure("login", "the answer's 12 bytes of payload did not all come: no reply in time)");
+    EXPECT_TRUE(Logged("recvdata timed out after 30000 ms, 4 of 12 bytes\n")) << tp.DebuggerText();
+    EXPECT_EQ(g_transport.SessionKey.load(), 0x77u);
+}
+
+TEST_F(WireSession, AConnectThatHangsEndsAtTheLimit) {
+    // A listener whose one place in its queue is taken: the system drops further connection
+    // requests, so that a connect neither succeeds nor fails.
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    int filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::connect(filler, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const uint16_t port = ntohs(addr.sin_port);
+    SetReplyTimeout(2);
+    tp.clock().SetAuto(false);
+
+    testlib::CallOnClock call(tp.clock(), [port] { return ConnectProxySocket("127.0.0.1", port) == 0 ? 0 : errno; });
+    ASSERT_TRUE(call.Blocked());
+    EXPECT_TRUE(call.AdvanceStillWaits(1999));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    EXPECT_EQ(call.Join(), ETIMEDOUT);
+    EXPECT_EQ(call.Elapsed(), 2000u);
+    EXPECT_EQ(g_transport.sock.load(), -1);
+    EXPECT_TRUE(Logged("socket connect to port " + std::to_string(port) + " failed, error " +
+                       std::to_string(ETIMEDOUT) + "\n"))
+        << tp.DebuggerText();
+    ::close(filler);
+    ::close(listener);
+}
+
+// --- Through a provider load, against the emulator ---------------------------------------------
+
+std::vector<CComPtr<IVdsController>> ControllersOf(IVdsSubSystem* ss) {
+    return testlib::CollectFrom<IVdsController>([&](IEnumVdsObject** e) { return ss->QueryControllers(e); },
+                                                IID_IVdsController);
+}
+
+// The settings' ReplyTimeout reaches the transport before the first connection is made.
+TEST(LoadLimits, ReplyTimeoutFromTheSettingsBoundsALoad) {
+    testlib::ProviderEnv env;
+    testlib::HostFailures failures;
+    env.tp.settings().SetDword(TROV_PARAMETERS_KEY, "ReplyTimeout", 7);
+    env.sim->AddFault({trovsim::FaultKind::kNeverAnswer, 0, 0, 1, 0});  // the subsystem list
+    env.tp.clock().SetAuto(false);
+    HRESULT hr = E_FAIL;
+    testlib::CallOnClock call(env.tp.clock(), [&] {
+        hr = env.Load();
+        return 0;
+    });
+    ASSERT_TRUE(call.BlockedWhen([&] { return env.sim->stats().commands >= 1; }));
+    EXPECT_TRUE(call.AdvanceStillWaits(6999));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    call.Join();
+    EXPECT_EQ(call.Elapsed(), 7000u);
+    EXPECT_EQ(hr, VDS_E_INITIALIZED_FAILED);  // the load's answer to a subsystem list that failed
+    EXPECT_EQ(failures.lines(), std::vector<std::string>{
+                                    "the exchange with the proxy service failed at get_subsystems (no reply in time)"});
+    env.tp.clock().SetAuto(true);
+}
+
+// A controller's record that comes after the limit. The original keeps the connection, so that
+// the late record is read as the answer to the next command of its kind: controller B's record
+// turns out to be A's, and the tree silently loses a controller. Here the load tells the host, the
+// next command fails at once instead of reading the late record, and after the reconnect (the
+// event monitor's) and at the next load each controller has its own record.
+TEST(LoadLimits, ARecordThatComesAfterTheLimitIsNeverTakenForAnother) {
+    trovsim::Options options;
+    options.manualClock = true;
+    testlib::ProviderEnv env("demo", options);
+    testlib::HostFailures failures;
+    uint32_t handleB = 0;
+    env.sim->WithModel([&](trovsim::Model& m) { handleB = m.subsystems().at(0).ctrl[1].handle; });
+    env.sim->DelayReply(1, 700000);  // the first controller record
+    env.tp.clock().SetAuto(false);
+    HRESULT hr = E_FAIL;
+    testlib::CallOnClock call(env.tp.clock(), [&] {
+        hr = env.Load();
+        return 0;
+    });
+    ASSERT_TRUE(call.BlockedWhen([&] { return env.sim->stats().delayedReplies == 1; }));
+    EXPECT_TRUE(call.AdvanceStillWaits(599999));
+    EXPECT_TRUE(call.AdvanceEnds(1));
+    call.Join();
+    EXPECT_EQ(hr, S_OK);
+    const auto lines = failures.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "the exchange with the proxy service failed at get_controller_data (no reply in time)");
+    EXPECT_NE(g_transport.LastSocketError.load(), 0);  // the monitor's cue to reconnect
+    for (auto& ss : env.SubSystems()) EXPECT_EQ(ControllersOf(ss).size(), 2u);
+
+    env.sim->AdvanceTime(700000);  // the late record goes out
+    ASSERT_TRUE(testlib::Eventually([&] { return env.sim->stats().delayedReplies == 0; }));
+    auto record = std::make_unique<std::vector<uint8_t>>(rec::kControllerDataSize);
+    EXPECT_EQ(Kelvane::get_controller_data(handleB, record->data()), -1);
+    ASSERT_EQ(ProxyReconnect(), 0);
+    ASSERT_EQ(Kelvane::get_controller_data(handleB, record->data()), 0);
+    EXPECT_EQ(reinterpret_cast<const ControllerData*>(record->data())->controller.controllerId, 0);  // B's
+
+    env.tp.clock().SetAuto(true);
+    env.Unload();
+    ASSERT_EQ(env.Load(), S_OK);
+    auto subsystems = env.SubSystems();
+    ASSERT_EQ(subsystems.size(), 1u);
+    EXPECT_EQ(ControllersOf(subsystems[0]).size(), 2u);
+}
+
+// The emulator's faults on a loaded provider's connection: each malformed reply closes the
+// connection, the next command fails at once, and the reconnect (the event monitor's) restores it.
+struct FaultCase {
+    const char* name;
+    trovsim::FaultKind kind;
+    uint32_t value;
+    int32_t lastSocketError;
+    const char* reason;
+};
+
+class EmulatorFault : public ::testing::TestWithParam<FaultCase> {};
+
+TEST_P(EmulatorFault, ClosesTheConnectionUntilTheReconnect) {
+    const FaultCase& c = GetParam();
+    testlib::ProviderEnv env;
+    ASSERT_EQ(env.Load(), S_OK);
+    testlib::HostFailures failures;
+    env.sim->AddFault({c.kind, cmd::kGetVersion.opcode, 0, 1, c.value});
+
+    EXPECT_EQ(Kelvane::get_version(), -1);
+    EXPECT_EQ(g_transport.sock.load(), -1);
+    EXPECT_EQ(g_transport.LastSocketError.load(), c.lastSocketError);
+    const uint64_t commands = env.sim->stats().commands;
+    EXPECT_EQ(Kelvane::get_version(), -1);
+    EXPECT_EQ(env.sim->stats().commands, commands);
+    const auto lines = failures.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], std::string("the exchange with the proxy service failed at get_version (") + c.reason + ")");
+
+    ASSERT_EQ(ProxyReconnect(), 0);
+    EXPECT_EQ(Kelvane::get_version(), 0);
+    EXPECT_EQ(g_transport.LastSocketError.load(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, EmulatorFault,
+    ::testing::Values(FaultCase{"ShortHeader", trovsim::FaultKind::kShortHeader, 20, kMalformedReply,
+                                "a reply header of 20 bytes"},
+                      FaultCase{"WrongOpcode", trovsim::FaultKind::kWrongOpcode, 0, kMalformedReply,
+                                "a reply of DataType 2, OpCode 12"},
+                      FaultCase{"HugeDataLen", trovsim::FaultKind::kHugeDataLen, 0, kMalformedReply,
+                                "a reply of 2147483632 bytes, more than the packet buffer holds"},
+                      FaultCase{"Close", trovsim::FaultKind::kClose, 0, kClosedByService,
+                                "connection closed by the service"}),
+    [](const ::testing::TestParamInfo<FaultCase>& i) { return std::string(i.param.name); });
+
 // --- Transport routines --------------------------------------------------------------------------
 
 TEST_F(WireSession, ExecCmndHealsTheErrorAndCountsAClosedPeerAsOne) {
@@ -641,6 +928,8 @@ TEST_F(WireSession, RecvdataGathersPiecesAndReportsAnEarlyEnd) {
     EXPECT_EQ(recvdata(buf, 4), -1);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
     EXPECT_TRUE(Logged("recvdata len = 0\n")) << tp.DebuggerText();
+    // Kept, so that the event monitor reconnects.
+    EXPECT_EQ(g_transport.LastSocketError.load(), kClosedByService);
 }
 
 TEST_F(WireSession, MakeHeaderNumbersEveryHeaderAndWrapsTheCounter) {

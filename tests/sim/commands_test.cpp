@@ -1,5 +1,5 @@
-// The command catalogue over loopback: requests built byte by byte as the client builds them,
-// replies read through the provider's own record converters.
+// The command catalogue over loopback: requests built in the client's own layouts
+// (proxy/requests.h), replies read through those layouts and the provider's record converters.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,6 +7,7 @@
 #include <string>
 
 #include "proxy/records.h"
+#include "proxy/requests.h"
 #include "sim/sim.h"
 #include "sim_client.h"
 
@@ -18,11 +19,17 @@ namespace {
 
 constexpr uint32_t kA = 0x01000100, kB = 0x01000101;
 
-void Put64(uint8_t* p, uint64_t v) {
-    wire::StoreBe32(p, static_cast<uint32_t>(v));
-    wire::StoreBe32(p + 4, static_cast<uint32_t>(v >> 32));
+template <size_t N>
+void PutText(uint8_t (&field)[N], const std::string& s) {
+    ASSERT_LE(s.size(), N);
+    std::memcpy(field, s.data(), s.size());
 }
-void PutText(uint8_t* p, const std::string& s) { std::memcpy(p, s.data(), s.size()); }
+
+// A reply read through its command's layout; null when it is too short for it.
+template <class P>
+const P* As(const std::vector<uint8_t>& r) {
+    return r.size() >= sizeof(P) ? reinterpret_cast<const P*>(r.data()) : nullptr;
+}
 
 struct CommandsTest : ::testing::Test {
     Options opt;
@@ -48,10 +55,18 @@ struct CommandsTest : ::testing::Test {
         if (sim) sim->Stop();
     }
 
+    // Command `def` with its zeroed layout P filled by `fill`; the reply into *r.
+    template <class P, class F>
+    bool Send(const CommandDef& def, F fill, std::vector<uint8_t>* r) {
+        static_assert(sizeof(P) >= wire::kHeaderSize);
+        EXPECT_EQ(def.dataLen, sizeof(P) - wire::kHeaderSize) << def.method;
+        return cl.Command(def.opcode, def.dataLen, [&](uint8_t* p) { fill(*reinterpret_cast<P*>(p)); }, r);
+    }
+
     // The whole ControllerData of a controller, converted for reading.
     std::unique_ptr<std::vector<uint8_t>> Controller(uint32_t handle) {
         std::vector<uint8_t> r;
-        EXPECT_TRUE(cl.Command(1, 4, [&](uint8_t* p) { wire::StoreBe32(p + 36, handle); }, &r));
+        EXPECT_TRUE(Send<req::GetControllerData>(cmd::kGetControllerData, [&](auto& p) { p.handle = handle; }, &r));
         EXPECT_EQ(r.size(), 36 + rec::kControllerDataSize);
         auto out = std::make_unique<std::vector<uint8_t>>(r.begin() + 36, r.end());
         out->resize(rec::kControllerDataSize);
@@ -66,32 +81,32 @@ struct CommandsTest : ::testing::Test {
     std::vector<uint8_t> AddPart(uint32_t handle, const uint8_t* vdisk, uint64_t bytes, const std::string& name,
                                  uint8_t type = 0, const uint8_t* backing = nullptr) {
         std::vector<uint8_t> r;
-        EXPECT_TRUE(cl.Command(
-            14, 728,
-            [&](uint8_t* p) {
-                wire::StoreBe32(p + 44, handle);
-                wire::StoreBe32(p + 48, 0xFFFFFFFF);
-                Put64(p + 52, bytes >> 9);
-                p[61] = type;
-                std::memcpy(p + 68, vdisk, 32);
-                if (backing) std::memcpy(p + 132, backing, 32);
-                PutText(p + 164, name);
+        EXPECT_TRUE(Send<req::AddArrayPart>(
+            cmd::kAddArrayPart,
+            [&](req::AddArrayPart& p) {
+                p.head.handle = handle;
+                p.minusOne = 0xFFFFFFFF;
+                p.sizeBlocks = bytes >> 9;
+                p.partitionType = type;
+                std::memcpy(p.arraySerial, vdisk, 32);
+                if (backing) std::memcpy(p.backingStoreId, backing, 32);
+                PutText(p.name, name);
             },
             &r));
         return r;
     }
     EventData NewestEvent(uint32_t handle) {
         std::vector<uint8_t> r;
-        EXPECT_TRUE(cl.Command(
-            9, 444,
-            [&](uint8_t* p) {
-                wire::StoreBe32(p + 44, handle);
-                p[49] = 1;
+        EXPECT_TRUE(Send<req::GetEvent>(
+            cmd::kGetEvent,
+            [&](req::GetEvent& p) {
+                p.head.handle = handle;
+                p.flagB = 1;
             },
             &r));
         EventData e{};
-        if (r.size() >= rec::kPktEventData + sizeof e) {
-            std::memcpy(&e, r.data() + rec::kPktEventData, sizeof e);
+        if (const auto* a = As<req::GetEvent>(r)) {
+            std::memcpy(&e, a->event, sizeof e);
             ConvertEventData(0, &e);
         }
         return e;
@@ -185,29 +200,30 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
     Start();
     // Three free SAS drives in slots 4..6, by serial and location.
     std::vector<uint8_t> r;
-    ASSERT_TRUE(cl.Command(
-        16, 4548,
-        [&](uint8_t* p) {
-            wire::StoreBe32(p + 44, kB);
+    ASSERT_TRUE(Send<req::CreateArray>(
+        cmd::kCreateArray,
+        [&](req::CreateArray& p) {
+            p.head.handle = kB;
             for (uint32_t i = 0; i < 3; ++i) {
-                wire::StoreBe32(p + 52 + 8 * i, 0);
-                wire::StoreBe32(p + 56 + 8 * i, 4 + i);
+                p.locations[i].channelIndex = 0;
+                p.locations[i].driveIndex = 4 + i;
                 char serial[16];
                 std::snprintf(serial, sizeof serial, "3SJ0%04uK", 1205 + i);
-                PutText(p + 772 + 32 * i, serial);
+                PutText(p.serials[i], serial);
             }
-            wire::StoreBe32(p + 596, 3);
-            p[604] = TROV_RAID5;
-            wire::StoreBe32(p + 612, 64);
-            wire::StoreBe32(p + 620, 0xFFFFFFFF);
-            p[624] = 0;
-            p[628] = 3;
-            PutText(p + 632, "VDS_VDISK_0");
+            p.count = 3;
+            p.raidLevel = TROV_RAID5;
+            p.stripeKiB = 64;
+            p.minusOne = 0xFFFFFFFF;
+            p.controllerId = 0;
+            p.three628 = 3;
+            PutText(p.name, "VDS_VDISK_0");
         },
         &r));
     ASSERT_EQ(ErrorOf(r), 0u);
     ArrayData made;
-    std::memcpy(&made, r.data() + rec::kPktArrayData, sizeof made);
+    ASSERT_NE(As<req::CreateArray>(r), nullptr);
+    std::memcpy(&made, As<req::CreateArray>(r)->arrayData, sizeof made);
     ConvertArrayData(0, &made);
     EXPECT_EQ(RecordText(made.name), "VDS_VDISK_0");
     EXPECT_EQ(made.owner, 0);
@@ -221,7 +237,8 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
     r = AddPart(kB, made.serialNumber, 1ull << 30, "VDS_LUN_0");
     ASSERT_EQ(ErrorOf(r), 0u);
     PartitionData part;
-    std::memcpy(&part, r.data() + rec::kPktPartitionData, sizeof part);
+    ASSERT_NE(As<req::AddArrayPart>(r), nullptr);
+    std::memcpy(&part, As<req::AddArrayPart>(r)->partitionData, sizeof part);
     ConvertPartitionData(0, &part);
     EXPECT_EQ(part.blockCount, 2097152u);
     EXPECT_EQ(part.startBlock, 0u);
@@ -233,28 +250,33 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
 
     // The event range, oldest first.
     uint32_t last = ev.sequenceNumber;
-    ASSERT_TRUE(cl.Command(
-        9, 444,
-        [&](uint8_t* p) {
-            wire::StoreBe32(p + 44, kB);
-            wire::StoreBe32(p + 60, 1);
-            wire::StoreBe32(p + 64, last);
+    ASSERT_TRUE(Send<req::GetEvent>(
+        cmd::kGetEvents,
+        [&](req::GetEvent& p) {
+            p.head.handle = kB;
+            p.firstEventNum = 1;
+            p.lastEventNum = last;
         },
         &r));
-    uint32_t count = wire::LoadBe32(r.data() + rec::kPktEventCount);
+    ASSERT_NE(As<req::GetEvent>(r), nullptr);
+    uint32_t count = As<req::GetEvent>(r)->count;
     ASSERT_EQ(count, last);
     ASSERT_EQ(r.size(), rec::kPktEventData + count * rec::kEventDataSize);
     EventData first;
-    std::memcpy(&first, r.data() + rec::kPktEventData, sizeof first);
+    std::memcpy(&first, r.data() + offsetof(req::GetEvent, event), sizeof first);
     ConvertEventData(0, &first);
     EXPECT_EQ(first.sequenceNumber, 1u);
     EXPECT_EQ(first.eventCode, uint32_t(kEvVdiskCreated));
 
     // Delete it again: 108, then the vdisk: 24, and the drives are free.
-    ASSERT_TRUE(cl.Command(15, 48, [&](uint8_t* p) { wire::StoreBe32(p + 44, kB), std::memcpy(p + 52, part.PartSn, 32); }, &r));
+    auto byHandleAndSerial = [&](const CommandDef& def, const uint8_t* serial) {
+        return Send<req::HandleAndSerial52>(
+            def, [&](auto& p) { p.head.handle = kB, std::memcpy(p.serial, serial, 32); }, &r);
+    };
+    ASSERT_TRUE(byHandleAndSerial(cmd::kDeletePart, part.PartSn));
     EXPECT_EQ(ErrorOf(r), 0u);
     EXPECT_EQ(NewestEvent(kB).eventCode, uint32_t(kEvVolumeDeleted));
-    ASSERT_TRUE(cl.Command(24, 48, [&](uint8_t* p) { wire::StoreBe32(p + 44, kB), std::memcpy(p + 52, made.serialNumber, 32); }, &r));
+    ASSERT_TRUE(byHandleAndSerial(cmd::kDeleteArray, made.serialNumber));
     EXPECT_EQ(ErrorOf(r), 0u);
     EXPECT_EQ(NewestEvent(kB).eventCode, uint32_t(kEvVdiskDeleted));
     EXPECT_EQ(Cd(Controller(kB)).drive(4).howUsed, TROV_HOWUSED_AVAILABLE);
@@ -265,23 +287,25 @@ TEST_F(CommandsTest, ViewsThroughCustomViewAndPartitionView) {
     Serial logs{};
     sim->WithModel([&](Model& m) { logs = m.subsystems()[0].vdisks[0].parts[1].serial; });
     auto view = [&](std::vector<uint8_t>* r) {
-        return cl.Command(70, 37456, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), std::memcpy(p + 52, logs.data(), 32); }, r);
+        return Send<req::GetPartView>(
+            cmd::kGetPartView, [&](auto& p) { p.head.handle = kA, std::memcpy(p.partSerial, logs.data(), 32); }, r);
     };
     auto custom = [&](bool create, const char* host, uint16_t lun, bool all) {
         std::vector<uint8_t> r;
-        EXPECT_TRUE(cl.Command(
-            71, 1359884,
-            [&](uint8_t* p) {
-                wire::StoreBe32(p + 44, 1);
-                wire::StoreBe32(p + 48, kA);
-                std::memset(p + 52, 1, 8);
-                wire::StoreBe32(p + 60, all ? 1 : 0);
-                std::memcpy(p + 64, logs.data(), 32);
-                p[96] = 1;
-                wire::StoreBe32(p + 124, lun);
-                wire::StoreBe16(p + 144, lun);
-                std::memset(p + 148, create ? 0xC0 : 0, 8);
-                if (host) PutText(p + 156, host);
+        EXPECT_TRUE(Send<req::CreateCustomView>(
+            cmd::kCreateCustomView,
+            [&](req::CreateCustomView& p) {
+                p.count = 1;
+                req::ViewEntry& e = p.entries[0];
+                e.handle = kA;
+                std::memset(e.ones, 1, 8);
+                e.removeAll = all ? 1 : 0;
+                std::memcpy(e.partSerial, logs.data(), 32);
+                e.hostType = 1;
+                e.lun = lun;
+                e.lun16 = lun;
+                std::memset(e.access, create ? 0xC0 : 0, 8);
+                if (host) PutText(e.hostName, host);
             },
             &r));
         return ErrorOf(r);
@@ -290,7 +314,8 @@ TEST_F(CommandsTest, ViewsThroughCustomViewAndPartitionView) {
     ASSERT_TRUE(view(&r));
     PartitionView pv;
     auto read = [&] {
-        std::memcpy(&pv, r.data() + rec::kPktPartitionView, sizeof pv);
+        ASSERT_NE(As<req::GetPartView>(r), nullptr);
+        std::memcpy(&pv, As<req::GetPartView>(r)->partitionView, sizeof pv);
         ConvertPartitionView(0, &pv);
     };
     read();
@@ -322,9 +347,10 @@ TEST_F(CommandsTest, ViewsThroughCustomViewAndPartitionView) {
     EXPECT_TRUE(pv.hasDefaultAccess());
     EXPECT_EQ(Cd(Controller(kA)).partition(0, 1).lunNumber, 5u);
     // The new host names are known hosts now.
-    ASSERT_TRUE(cl.Command(119, 63576, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA); }, &r));
+    ASSERT_TRUE(Send<req::GetKnownHosts>(cmd::kGetKnownHosts, [&](auto& p) { p.head.handle = kA; }, &r));
     KnownHostList kh;
-    std::memcpy(&kh, r.data() + rec::kPktKnownHostList, sizeof kh);
+    ASSERT_NE(As<req::GetKnownHosts>(r), nullptr);
+    std::memcpy(&kh, As<req::GetKnownHosts>(r)->knownHosts, sizeof kh);
     ConvertKnownHostList(0, &kh);
     ASSERT_EQ(kh.hostCount(), 3u);
     EXPECT_EQ(RecordText(kh.entries[2].hostName), "iqn.1991-05.com.microsoft:host03");
@@ -340,19 +366,21 @@ TEST_F(CommandsTest, ExpansionProgressAndPartitionGrowth) {
     });
     auto percent = [&] {
         std::vector<uint8_t> r;
-        EXPECT_TRUE(cl.Command(28, 48, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), std::memcpy(p + 48, vd.data(), 32); }, &r));
-        return wire::LoadBe32(r.data() + 80);
+        EXPECT_TRUE(Send<req::GetPercent>(
+            cmd::kGetPercent, [&](auto& p) { p.head.handle = kA, std::memcpy(p.arraySerial, vd.data(), 32); }, &r));
+        const auto* a = As<req::GetPercent>(r);
+        return a ? a->percent.value() : 0xFFFFFFFFu;
     };
     EXPECT_EQ(percent(), 100u);
     std::vector<uint8_t> r;
-    ASSERT_TRUE(cl.Command(
-        18, 592,
-        [&](uint8_t* p) {
-            wire::StoreBe32(p + 44, kA);
-            wire::StoreBe32(p + 48, 1);
-            std::memcpy(p + 52, vd.data(), 32);
-            wire::StoreBe32(p + 84, 0);
-            wire::StoreBe32(p + 88, 5);  // the drive at channel 0, id 5
+    ASSERT_TRUE(Send<req::ExpandArray>(
+        cmd::kExpandArray,
+        [&](req::ExpandArray& p) {
+            p.head.handle = kA;
+            p.count = 1;
+            std::memcpy(p.arraySerial, vd.data(), 32);
+            p.locations[0].channelIndex = 0;
+            p.locations[0].driveIndex = 5;  // the drive at channel 0, id 5
         },
         &r));
     ASSERT_EQ(ErrorOf(r), 0u);
@@ -369,16 +397,16 @@ TEST_F(CommandsTest, ExpansionProgressAndPartitionGrowth) {
 
     // The last partition grows into the space behind it; the request alternates the vdisk serial.
     auto grow = [&](uint64_t blocks, bool withVdisk) {
-        EXPECT_TRUE(cl.Command(
-            17, 312,
-            [&](uint8_t* p) {
-                wire::StoreBe32(p + 44, kA);
+        EXPECT_TRUE(Send<req::ExpandPart>(
+            cmd::kExpandPart,
+            [&](req::ExpandPart& p) {
+                p.head.handle = kA;
                 ExpandPartRequest q{};
                 q.newSizeBlocks = blocks;
                 if (withVdisk) std::memcpy(q.vdiskSerial, vd.data(), 32);
                 std::memcpy(q.partitionSerial, scratch.data(), 32);
                 ConvertExpandPartRequest(1, &q);
-                std::memcpy(p + rec::kPktExpandPartRequest, &q, sizeof q);
+                std::memcpy(p.request, &q, sizeof q);
             },
             &r));
         return ErrorOf(r);
@@ -392,10 +420,11 @@ TEST_F(CommandsTest, ExpansionProgressAndPartitionGrowth) {
 TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
     Start();
     std::vector<uint8_t> r;
-    ASSERT_TRUE(cl.Command(109, 55748, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA); }, &r));
+    ASSERT_TRUE(Send<req::GetUnifiedControllerData>(cmd::kGetUnified, [&](auto& p) { p.head.handle = kA; }, &r));
     ASSERT_EQ(ErrorOf(r), 0u);
     auto u = std::make_unique<UnifiedControllerData>();
-    std::memcpy(u.get(), r.data() + rec::kPktUnifiedControllerData, sizeof *u);
+    ASSERT_NE(As<req::GetUnifiedControllerData>(r), nullptr);
+    std::memcpy(u.get(), As<req::GetUnifiedControllerData>(r)->unified, sizeof *u);
     ConvertUnifiedControllerData(0, u.get());
     EXPECT_EQ(RecordText(u->brandName), "Trovi");
     EXPECT_EQ(RecordText(u->productId), "R3000i");
@@ -404,17 +433,20 @@ TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
     EXPECT_EQ(u->effectiveHostBusType(), TROV_BUS_ISCSI);
     EXPECT_EQ(u->chapEnabled(), 0);
 
-    ASSERT_TRUE(cl.Command(125, 58128, &r));
+    ASSERT_TRUE(Send<req::GetHbaInfoList>(cmd::kGetHbaInfo, [](auto&) {}, &r));
     HbaInfoList hba;
-    std::memcpy(&hba, r.data() + rec::kPktHbaInfoList, sizeof hba);
+    ASSERT_NE(As<req::GetHbaInfoList>(r), nullptr);
+    std::memcpy(&hba, As<req::GetHbaInfoList>(r)->hbaInfo, sizeof hba);
     ConvertHbaInfoList(0, &hba);
     ASSERT_EQ(hba.entryCount(), 1u);
     EXPECT_EQ(hba.entries[0].typeLetter, 'I');
     EXPECT_EQ(hba.entries[0].wwpn[0], 0x21);
 
     auto needRefresh = [&] {
-        EXPECT_TRUE(cl.Command(108, 56, [&](uint8_t* p) { PutText(p + 44, "00C0FF1A2B3C"); }, &r));
-        return r[76];
+        EXPECT_TRUE(Send<req::GetNeedRefresh>(
+            cmd::kGetNeedRefresh, [&](auto& p) { PutText(p.uniqueSN, "00C0FF1A2B3C"); }, &r));
+        const auto* a = As<req::GetNeedRefresh>(r);
+        return a ? a->answer : uint8_t(0xFF);
     };
     EXPECT_EQ(needRefresh(), 1);
     EXPECT_EQ(needRefresh(), 0);
@@ -423,20 +455,25 @@ TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
     EXPECT_EQ(NewestEvent(kA).eventCode, uint32_t(kEvDriveGone));
 
     // A secret for a name, read back.
-    ASSERT_TRUE(cl.Command(
-        117, 1036,
-        [&](uint8_t* p) {
-            wire::StoreBe32(p + 44, kA);
-            PutText(p + 52, "iqn.x:init");
-            PutText(p + 284, "iqn.x:init");
-            PutText(p + 508, "secret123456");
+    ASSERT_TRUE(Send<req::AuthRecord>(
+        cmd::kSetNamedTargetSecret,
+        [&](req::AuthRecord& p) {
+            p.head.handle = kA;
+            PutText(p.firstName, "iqn.x:init");
+            PutText(p.secondName, "iqn.x:init");
+            PutText(p.secret, "secret123456");
         },
         &r));
     ASSERT_EQ(ErrorOf(r), 0u);
-    ASSERT_TRUE(cl.Command(113, 1036, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), PutText(p + 52, "iqn.x:init"); }, &r));
+    auto lookup = [&](const char* name) {
+        return Send<req::AuthRecord>(
+            cmd::kGetAuthRecord, [&](auto& p) { p.head.handle = kA, PutText(p.firstName, name); }, &r);
+    };
+    ASSERT_TRUE(lookup("iqn.x:init"));
     ASSERT_EQ(ErrorOf(r), 0u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(r.data() + 508)), "secret123456");
-    ASSERT_TRUE(cl.Command(113, 1036, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), PutText(p + 52, "nobody"); }, &r));
+    ASSERT_NE(As<req::AuthRecord>(r), nullptr);
+    EXPECT_EQ(RecordText(As<req::AuthRecord>(r)->secret), "secret123456");
+    ASSERT_TRUE(lookup("nobody"));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrNotFound));
 }
 
@@ -446,47 +483,70 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     sim->WithModel([&](Model& m) { vd = m.subsystems()[0].vdisks[0].serial; });
     std::vector<uint8_t> r = AddPart(kA, vd.data(), 1ull << 30, "store", TROV_PART_BACKING_STORE);
     ASSERT_EQ(ErrorOf(r), 0u);
-    ASSERT_TRUE(cl.Command(55, 1304, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), p[48] = 1; }, &r));
-    ASSERT_EQ(wire::LoadBe32(r.data() + rec::kPktBackingStoreCount), 1u);
+    ASSERT_TRUE(Send<req::GetBackingStoreList>(
+        cmd::kGetBackingStores, [&](auto& p) { p.head.handle = kA, p.controllerId = 1; }, &r));
+    const auto* stores = As<req::GetBackingStoreList>(r);
+    ASSERT_NE(stores, nullptr);
+    ASSERT_EQ(stores->count, 1u);
     BackingStoreEntry bs;
-    std::memcpy(&bs, r.data() + rec::kPktBackingStoreEntries, sizeof bs);
+    std::memcpy(&bs, stores->entries[0], sizeof bs);
     EXPECT_EQ(std::memcmp(bs.vdiskSerial, vd.data(), 16), 0);
     uint8_t bsKey[32] = {};
     std::memcpy(bsKey, bs.id, 16);
     r = AddPart(kA, vd.data(), 1ull << 30, "master", TROV_PART_MASTER_VOLUME, bsKey);
     ASSERT_EQ(ErrorOf(r), 0u);
 
-    ASSERT_TRUE(cl.Command(56, 90168, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), p[48] = 1, p[49] = 1; }, &r));
-    ASSERT_EQ(wire::LoadBe32(r.data() + rec::kPktVolumeListCount), 1u);
+    ASSERT_TRUE(Send<req::GetMasterVolumeList>(
+        cmd::kGetMasterVolumes, [&](auto& p) { p.head.handle = kA, p.byteA = 1, p.byteB = 1; }, &r));
+    const auto* masters = As<req::GetMasterVolumeList>(r);
+    ASSERT_NE(masters, nullptr);
+    ASSERT_EQ(masters->count, 1u);
     VolumeEntry mv;
-    std::memcpy(&mv, r.data() + rec::kPktVolumeListEntries, sizeof mv);
-    ASSERT_TRUE(cl.Command(50, 28, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), p[48] = 1; }, &r));
-    uint64_t tag = uint64_t(wire::LoadBe32(r.data() + 56)) | uint64_t(wire::LoadBe32(r.data() + 60)) << 32;
+    std::memcpy(&mv, masters->entries[0], sizeof mv);
+    ASSERT_TRUE(Send<req::GetDmsTag>(cmd::kGetDmsTag, [&](auto& p) { p.head.handle = kA, p.controllerId = 1; }, &r));
+    ASSERT_NE(As<req::GetDmsTag>(r), nullptr);
+    uint64_t tag = As<req::GetDmsTag>(r)->tag;
     auto snap = [&](uint64_t t, const char* name) {
-        EXPECT_TRUE(cl.Command(
-            51, 1140,
-            [&](uint8_t* p) {
-                wire::StoreBe32(p + 44, kA);
-                p[49] = 3, p[50] = 2, p[51] = 1;
-                Put64(p + 56, t);
-                std::memcpy(p + 64, mv.id, 16);
-                PutText(p + 80, name);
+        EXPECT_TRUE(Send<req::CreateSnapshot>(
+            cmd::kCreateSnapshot,
+            [&](req::CreateSnapshot& p) {
+                p.head.handle = kA;
+                p.byte2 = 3, p.two50 = 2, p.one51 = 1;
+                p.tag = t;
+                std::memcpy(p.masterId, mv.id, 16);
+                PutText(p.name, name);
             },
             &r));
         return ErrorOf(r);
     };
     EXPECT_EQ(snap(tag + 1, "stale"), uint32_t(kErrStaleTag));
     ASSERT_EQ(snap(tag, "VDS_SS_LUN_0"), 0u);
-    EXPECT_EQ(wire::LoadBe32(r.data() + 912), 1u);
+    ASSERT_NE(As<req::CreateSnapshot>(r), nullptr);
+    SnapshotResult result;
+    std::memcpy(&result, As<req::CreateSnapshot>(r)->result, sizeof result);
+    EXPECT_EQ(wire::LoadBe32(&result.numElements), 1u);
     auto cd = Controller(kA);
     const PartitionData& made = Cd(cd).partition(0, 5);
     EXPECT_EQ(made.partitionType, TROV_PART_SNAPSHOT);
-    EXPECT_EQ(std::memcmp(made.PartSn, r.data() + 920, 32), 0);
+    EXPECT_EQ(std::memcmp(made.PartSn, result.serials[0], 32), 0);
     // The master's snapshots, by its key.
-    ASSERT_TRUE(cl.Command(57, 45112, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), p[48] = 5, p[49] = 1, std::memcpy(p + 52, Cd(cd).partition(0, 4).PartSn, 32); }, &r));
-    EXPECT_EQ(wire::LoadBe32(r.data() + rec::kPktVolumeListCount), 1u);
+    ASSERT_TRUE(Send<req::GetSnapshotList>(
+        cmd::kGetSnapshots,
+        [&](auto& p) {
+            p.head.handle = kA, p.byteA = 5, p.byteB = 1;
+            std::memcpy(p.key, Cd(cd).partition(0, 4).PartSn, 32);
+        },
+        &r));
+    ASSERT_NE(As<req::GetSnapshotList>(r), nullptr);
+    EXPECT_EQ(As<req::GetSnapshotList>(r)->count, 1u);
     // A master with a snapshot isn't turned back into a standard volume.
-    ASSERT_TRUE(cl.Command(61, 312, [&](uint8_t* p) { wire::StoreBe32(p + 44, kA), p[179] = 8, std::memcpy(p + 133, Cd(cd).partition(0, 4).PartSn, 32); }, &r));
+    ASSERT_TRUE(Send<req::ConvertMasterVolume>(
+        cmd::kConvertMaster,
+        [&](auto& p) {
+            p.head.handle = kA, p.subcommand = 8;
+            std::memcpy(p.serial, Cd(cd).partition(0, 4).PartSn, 32);
+        },
+        &r));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrInUse));
 }
 
@@ -502,9 +562,9 @@ TEST_F(CommandsTest, OfflineControllerAnswersItsStateOnly) {
     EXPECT_EQ(ev.eventParam, 2u);
     EXPECT_EQ(ev.controllerHandle, kB);
     std::vector<uint8_t> r;
-    ASSERT_TRUE(cl.Command(9, 444, [&](uint8_t* p) { wire::StoreBe32(p + 44, kB), p[49] = 1; }, &r));
+    ASSERT_TRUE(Send<req::GetEvent>(cmd::kGetEvent, [&](auto& p) { p.head.handle = kB, p.flagB = 1; }, &r));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrControllerDown));
-    ASSERT_TRUE(cl.Command(105, 16, [&](uint8_t* p) { wire::StoreBe32(p + 44, 0x1234); }, &r));
+    ASSERT_TRUE(Send<req::HandleAndByte>(cmd::kRescanBus, [&](auto& p) { p.head.handle = 0x1234; }, &r));
     EXPECT_EQ(ErrorOf(r), uint32_t(kErrBadHandle));
     // A record without a usable configuration lists nothing; back online, B has its vdisk again.
     ASSERT_EQ(sim->SetControllerOffline(kB, true, 2), 0u);

@@ -85,8 +85,8 @@ private:
     std::string path_;
 };
 
-bool PollNow(int fd) {
-    pollfd p{fd, POLLIN, 0};
+bool PollNow(int fd, short events = POLLIN) {
+    pollfd p{fd, events, 0};
     return ::poll(&p, 1, 0) > 0;
 }
 
@@ -168,10 +168,13 @@ std::unique_ptr<PlatformFile> TestPlatform::OpenAppendFile(const std::string& pa
 
 std::unique_ptr<PlatformEvent> TestPlatform::CreateEvent() { return std::make_unique<FakeEvent>(clock_); }
 
-int TestPlatform::WaitReadable(int fd, uint32_t ms) {
-    if (PollNow(fd)) return 1;
+int TestPlatform::WaitReadable(int fd, uint32_t ms) { return WaitFor(fd, POLLIN, ms); }
+int TestPlatform::WaitWritable(int fd, uint32_t ms) { return WaitFor(fd, POLLOUT, ms); }
+
+int TestPlatform::WaitFor(int fd, short events, uint32_t ms) {
+    if (PollNow(fd, events)) return 1;
     if (clock_.IsAuto()) {
-        pollfd p{fd, POLLIN, 0};
+        pollfd p{fd, events, 0};
         int r;
         do {
             r = ::poll(&p, 1, static_cast<int>(std::min<uint32_t>(ms, kAutoSocketWaitCapMs)));
@@ -180,7 +183,7 @@ int TestPlatform::WaitReadable(int fd, uint32_t ms) {
         clock_.Advance(ms);
         return 0;
     }
-    return clock_.WaitUntil(ms, [fd] { return PollNow(fd); }, 2) ? 1 : 0;
+    return clock_.WaitUntil(ms, [fd, events] { return PollNow(fd, events); }, 2) ? 1 : 0;
 }
 
 void TestPlatform::SetSystemDirectories(const std::string& a, const std::string& b) {

@@ -147,6 +147,7 @@ public:
     struct tm LocalTime() override;
     std::unique_ptr<PlatformEvent> CreateEvent() override;
     int WaitReadable(int fd, uint32_t ms) override;
+    int WaitWritable(int fd, uint32_t ms) override;
     HRESULT CreateGuid(GUID* g) override;
     void* TaskMemAlloc(size_t n) override;
     void HostVersion(uint32_t* ma, uint32_t* mi) override;
@@ -173,6 +174,8 @@ public:
     bool WriteTextFile(const std::string& path, const std::string& content, int* err) override;
 
 private:
+    int WaitFor(int fd, short events, uint32_t ms);
+
     mutable std::mutex mu_;
     SettingsStore settings_;
     FakeClock clock_;

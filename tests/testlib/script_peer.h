@@ -2,6 +2,7 @@
 // plays a fixed list of steps on the connections it accepts, in a thread of its own, and records
 // every request packet it has read. Every wait on a real socket is a poll with a bounded time-out,
 // and the destructor wakes any wait at once through a pipe, so that a test never hangs on it.
+// CallOnClock runs a client call that waits on the fake clock, for tests of the time limits.
 #pragma once
 
 #include <arpa/inet.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -25,6 +27,8 @@
 
 #include "proxy/iasocket.h"
 #include "proxy/wire.h"
+#include "support/host_notice.h"
+#include "testlib/fake_platform.h"
 
 namespace testlib {
 
@@ -114,6 +118,23 @@ public:
         });
     }
 
+    // Waits until the client closes the connection; a byte that comes first fails the step (the
+    // client sent something more on a connection it should have given up).
+    void ExpectClosed() {
+        steps_.push_back([this] {
+            if (conn_ < 0) return Fail("no connection to watch");
+            if (!WaitReadable(conn_)) return Fail("the client did not close the connection");
+            uint8_t b;
+            ssize_t r;
+            do {
+                r = ::recv(conn_, &b, 1, 0);
+            } while (r < 0 && errno == EINTR);
+            if (r > 0) return Fail("bytes after the last request");
+            CloseConn();
+            return true;
+        });
+    }
+
     void CloseConnection() {
         steps_.push_back([this] {
             if (conn_ < 0) return Fail("no connection to close");
@@ -140,6 +161,9 @@ public:
         std::lock_guard<std::mutex> g(mu_);
         return failure_;
     }
+
+    // Steps played to their end so far (a reply is sent when its step ends).
+    size_t stepsDone() const { return stepsDone_.load(); }
 
     std::vector<Bytes> requests() const {
         std::lock_guard<std::mutex> g(mu_);
@@ -169,6 +193,7 @@ private:
                 ok = false;
                 break;
             }
+            ++stepsDone_;
         }
         std::lock_guard<std::mutex> g(mu_);
         ok_ = ok && failure_.empty();
@@ -251,6 +276,101 @@ private:
     bool ok_ = false;
     std::string failure_;
     std::vector<Bytes> requests_;
+    std::atomic<size_t> stepsDone_{0};
+};
+
+// Records the failure lines the provider tells its host (support/host_notice.h) while it lives.
+class HostFailures {
+public:
+    HostFailures() {
+        TrovHostSink sink{this, nullptr, &OnFailure, nullptr};
+        SetHostSink(&sink);
+    }
+    ~HostFailures() { SetHostSink(nullptr); }
+    HostFailures(const HostFailures&) = delete;
+    HostFailures& operator=(const HostFailures&) = delete;
+
+    std::vector<std::string> lines() const {
+        std::lock_guard<std::mutex> g(mu_);
+        return lines_;
+    }
+
+private:
+    static void OnFailure(void* context, const char* reason) {
+        auto* self = static_cast<HostFailures*>(context);
+        std::lock_guard<std::mutex> g(self->mu_);
+        self->lines_.emplace_back(reason);
+    }
+    mutable std::mutex mu_;
+    std::vector<std::string> lines_;
+};
+
+// Runs `call` on a thread of its own, for a call that blocks on the fake clock in manual mode:
+// the test moves the clock and sees the call end exactly at its limit, with no real wait.
+class CallOnClock {
+public:
+    CallOnClock(FakeClock& clock, std::function<int()> call) : clock_(clock), start_(clock.NowMs()) {
+        thread_ = std::thread([this, call = std::move(call)] {
+            rc_ = call();
+            done_ = true;
+        });
+    }
+    ~CallOnClock() {
+        if (thread_.joinable()) {
+            clock_.ReleaseAll();  // a test that failed half-way must not leave the call blocked
+            thread_.join();
+        }
+    }
+    CallOnClock(const CallOnClock&) = delete;
+    CallOnClock& operator=(const CallOnClock&) = delete;
+
+    // True once the call waits on the clock (real time, bounded).
+    bool Blocked() { return clock_.WaitForSleepers(1); }
+    // True once the call waits on the clock while `also` holds: for a call that waits more than
+    // once, the wait the test means (real time, bounded).
+    template <class Pred>
+    bool BlockedWhen(Pred also) {
+        for (int i = 0; i < 10000; ++i) {
+            if (clock_.Sleepers() >= 1 && also()) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
+    }
+    // For BlockedWhen: true when nothing waits unread on the transport's connection, so that a
+    // client that waits is waiting for bytes that haven't come.
+    static bool NothingUnread() {
+        pollfd p{g_transport.sock.load(), POLLIN, 0};
+        return ::poll(&p, 1, 0) == 0;
+    }
+    // Moves the clock; true when the call has then ended (waited for up to a few seconds of real
+    // time, for a loaded machine).
+    bool AdvanceEnds(uint64_t ms) {
+        clock_.Advance(ms);
+        for (int i = 0; i < 1000 && !done_; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return done_;
+    }
+    // Moves the clock; true when the call is still waiting a moment of real time later.
+    bool AdvanceStillWaits(uint64_t ms) {
+        clock_.Advance(ms);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return !done_;
+    }
+    // The call's result. A call still waiting (a test that failed already) is let go first, so
+    // that a failure never becomes a hang.
+    int Join() {
+        if (!done_) clock_.ReleaseAll();
+        thread_.join();
+        return rc_;
+    }
+    // Clock time since the call began.
+    uint64_t Elapsed() const { return clock_.NowMs() - start_; }
+
+private:
+    FakeClock& clock_;
+    uint64_t start_;
+    std::atomic<bool> done_{false};
+    int rc_ = 0;
+    std::thread thread_;
 };
 
 }  // namespace testlib

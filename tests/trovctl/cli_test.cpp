@@ -15,8 +15,8 @@ struct CliRun {
 };
 
 // Runs trovctl with its own built-in array; its standard error (the emulator's lines) is dropped.
-CliRun Trovctl(const std::string& args) {
-    std::string cmd = std::string("env -u TROVHWIPRV_SETTINGS ") + TROVCTL_BIN + " " + args + " 2>/dev/null";
+CliRun Trovctl(const std::string& args, const std::string& env = "") {
+    std::string cmd = "env -u TROVHWIPRV_SETTINGS " + env + " " + TROVCTL_BIN + " " + args + " 2>/dev/null";
     CliRun r{-1, {}};
     FILE* f = popen(cmd.c_str(), "r");
     if (!f) return r;
@@ -91,6 +91,15 @@ TEST(Trovctl, ScriptsStopAtTheirFirstFailureAndHelpListsTheCommands) {
     ASSERT_EQ(ok.status, 0);
     EXPECT_EQ(nlohmann::json::parse(ok.out)["pwszIdentification"], "3SJ01208K");
     EXPECT_EQ(Trovctl("getdrive 0").status, 2);
+
+    // The reply time-out is laid over the settings in use: the built-in array is still found.
+    CliRun timed = Trovctl("--timeout 30 --json list drives");
+    EXPECT_EQ(timed.status, 0);
+    EXPECT_EQ(nlohmann::json::parse(timed.out, nullptr, false).size(), 12u) << timed.out;
+    // Help needs no provider: it runs where there is no module to load.
+    CliRun bare = Trovctl("help", "TROVCTL_MODULE=/nonexistent/libtrovhwiprv.so");
+    EXPECT_EQ(bare.status, 0);
+    EXPECT_NE(bare.out.find("Exit status: 0 done"), std::string::npos) << bare.out;
 
     CliRun help = Trovctl("--help");
     EXPECT_EQ(help.status, 0);

@@ -409,6 +409,14 @@ TEST_F(LoadedShell, ASelectionThatWentAwayIsSaidSo) {
     EXPECT_EQ(shell->selection(), nullptr);
 }
 
+TEST_F(LoadedShell, CompletionNumbersTheObjectsOfTheKindNamed) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(trovctl::Completions({"flushcache", "controller"}, "", shell.get()), (Words{"0", "1"}));
+    EXPECT_EQ(trovctl::Completions({"detail", "drive"}, "1", shell.get()), (Words{"1", "10", "11"}));
+    // A kind the command does not take is not counted.
+    EXPECT_EQ(trovctl::Completions({"flushcache", "drive"}, "", shell.get()), (Words{"controller"}));
+}
+
 struct SplitCase {
     const char* line;
     std::vector<std::string> words;
@@ -445,6 +453,8 @@ TEST(HelpText, NamesEveryCommand) {
                             "setflag drive hotspare", "clearflag drive hotspare", "extents", "getdrive BUS SLOT",
                             "portprops N", "help", "quit"})
         EXPECT_NE(help.find(std::string("  ") + cmd), std::string::npos) << cmd;
+    for (const char* status : {"0 done", "1 the provider refused", "2 a bad command line", "3 the array was not reached"})
+        EXPECT_NE(help.find(status), std::string::npos) << status;
 }
 
 }  // namespace

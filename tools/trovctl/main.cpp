@@ -1,7 +1,6 @@
 // trovctl: the host program. It loads the provider module as a management host does and drives
 // it through the published interfaces only.
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -11,35 +10,37 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "platform/hresult.h"
-#include "platform/platform.h"
-#include "platform/settings.h"
-#include "platform/wstr.h"
+#include "host_messages.h"
+#include "interrupt.h"
 #include "provider_host.h"
+#include "settings_files.h"
 #include "shell.h"
 #include "sim/sim.h"
 
 namespace {
 
+using trovctl::kFailed;
+using trovctl::kInterrupted;
+using trovctl::kNoArray;
+using trovctl::kOk;
+using trovctl::kUsage;
+
+constexpr const char* kDefaultSettings = "/etc/trovhwiprv/settings.reg";
+
 struct GlobalOptions {
     std::string settings;
     std::string proxyConf;
     std::string module;
+    std::string script;
+    std::vector<std::string> words;
+    std::optional<long> timeout;
     bool json = false;
+    bool simLog = false;
 };
-
-// A settings file whose kelvane key names `conf`: how a kelvane.conf outside the two standard
-// folders reaches the provider.
-bool WriteSettingsFor(const std::string& conf, const std::string& path) {
-    std::ofstream out(path);
-    out << "Windows Registry Editor Version 5.00\n\n"
-        << "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\kelvane\\Parameters]\n"
-        << "\"ConfigurationFile\"=\"" << conf << "\"\n";
-    return static_cast<bool>(out);
-}
 
 // The array trovctl shows when it is pointed at no service: the emulator in this process.
 class BuiltInArray {
@@ -52,6 +53,9 @@ public:
             return false;
         }
         dir_ = tmpl;
+        trovctl::interrupt::RemoveIfCutShort(dir_);
+        trovctl::interrupt::RemoveIfCutShort(dir_ + "/kelvane.conf");
+        trovctl::interrupt::RemoveIfCutShort(dir_ + "/settings.reg");
         trovsim::Options o;
         o.logRequests = false;
         o.heartbeatIntervalMs = 0;
@@ -60,7 +64,7 @@ public:
         if (!server_->LoadScenario("demo", err) || !server_->Start(err)) return false;
         if (!server_->WriteKelvaneConf(dir_ + "/kelvane.conf", err)) return false;
         settings_ = dir_ + "/settings.reg";
-        if (!WriteSettingsFor(dir_ + "/kelvane.conf", settings_)) {
+        if (!trovctl::WriteSettingsFor(dir_ + "/kelvane.conf", settings_)) {
             *err = "cannot write " + settings_;
             return false;
         }
@@ -81,93 +85,163 @@ private:
     std::unique_ptr<trovsim::Server> server_;
 };
 
-}  // namespace
+const char* kFooter =
+    "\n\nWith no command: the interactive shell on a terminal, else the provider's properties and every object.\n"
+    "With neither --settings, --proxy-conf nor TROVHWIPRV_SETTINGS, the built-in array emulator (demo scenario)\n"
+    "is used. The provider's event reports and console lines are shown on standard error as they come.\n"
+    "With --json a failure also prints {\"error\": NAME, \"code\": CODE, \"message\": TEXT} on standard output\n"
+    "(CODE: the provider's result, or the exit status 2 or 3), and a listing that may be incomplete is an\n"
+    "object {\"incomplete\": true, \"reason\": TEXT, KINDS: [...]} instead of a bare array.";
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     CLI::App app{"trovctl: manage an iSCSI RAID array through the trovhwiprv provider"};
     GlobalOptions opt;
-    std::string script;
-    std::vector<std::string> words;
     app.add_option("--settings", opt.settings, "settings file in the registry export format (the provider's "
-                                               "Parameters and Debug keys, and the kelvane key's ConfigurationFile)")
-        ->check(CLI::ExistingFile);
-    app.add_option("--proxy-conf", opt.proxyConf, "a kelvane.conf naming the proxy service to use")
-        ->check(CLI::ExistingFile);
+                                               "Parameters and Debug keys, and the kelvane key's ConfigurationFile)");
+    app.add_option("--proxy-conf", opt.proxyConf, "a kelvane.conf naming the proxy service to use");
     app.add_option("--module", opt.module, "path of the provider module (default: the one built beside trovctl)");
+    app.add_option("--timeout", opt.timeout,
+                   "seconds the provider waits for each reply of the proxy service in this run (1 to 600)");
     app.add_flag("--json", opt.json, "print one JSON document per command");
-    bool simLog = false;
-    app.add_flag("--sim-log", simLog, "show the built-in array's log lines on standard error");
-    app.add_option("-f,--file", script, "run the commands of FILE, one per line; stop at the first failure")
-        ->check(CLI::ExistingFile);
-    app.add_option("command", words, "a command and its words (see below); \"shell\" for the interactive shell");
+    app.add_flag("--sim-log", opt.simLog, "show the built-in array's log lines on standard error");
+    app.add_option("-f,--file", opt.script, "run the commands of FILE, one per line; stop at the first failure");
+    app.add_option("command", opt.words, "a command and its words (see below); \"shell\" for the interactive shell");
     app.positionals_at_end(true);
-    app.footer(std::string("\n") + trovctl::HelpText() +
-               "\n\nWith no command: the interactive shell on a terminal, else the provider's properties and "
-               "every object.\nWith neither --settings, --proxy-conf nor TROVHWIPRV_SETTINGS, the built-in array "
-               "emulator (demo scenario) is used.");
-    CLI11_PARSE(app, argc, argv);
+    app.footer(std::string("\n") + trovctl::HelpText() + kFooter);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // --help is a success; every other complaint of the parser is a bad command line.
+        return app.exit(e) == 0 ? kOk : kUsage;
+    }
+
+    trovctl::Render report(std::cout, std::cerr, opt.json);
+    auto usage = [&](const std::string& message) {
+        report.Error("USAGE", kUsage, message);
+        return kUsage;
+    };
+    // A file the command line names must be there to be read: a bad command line, not an array
+    // that cannot be reached.
+    const struct {
+        const char* option;
+        const std::string& path;
+    } files[] = {{"--settings", opt.settings}, {"--proxy-conf", opt.proxyConf}, {"--file", opt.script}};
+    for (const auto& f : files) {
+        if (f.path.empty()) continue;
+        std::string why = trovctl::UnreadableFile(f.path);
+        if (!why.empty()) return usage(std::string(f.option) + " " + f.path + ": " + why);
+    }
+    if (opt.timeout && (*opt.timeout < long(trovctl::kMinTimeout) || *opt.timeout > long(trovctl::kMaxTimeout)))
+        return usage("--timeout takes " + std::to_string(trovctl::kMinTimeout) + " to " +
+                     std::to_string(trovctl::kMaxTimeout) + " seconds, not " + std::to_string(*opt.timeout));
+
+    const std::vector<std::string>& words = opt.words;
+    bool shellMode = opt.script.empty() &&
+                     ((words.size() == 1 && words[0] == "shell") ||
+                      (words.empty() && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO) && !opt.json));
+    trovctl::Call call{nullptr, {}, {}};
+    std::string ignored;
+    const trovctl::Command* oneShot =
+        !shellMode && !words.empty() ? trovctl::FindCommand(words, &call, &ignored) : nullptr;
+    if (opt.script.empty() && oneShot && (oneShot->flags & trovctl::kNeedsNoProvider)) {
+        trovctl::Shell bare(nullptr, std::cout, std::cerr, opt.json);
+        return bare.Execute(words);
+    }
+
+    // Before any thread starts, so that every thread inherits the blocked signals.
+    trovctl::interrupt::Install();
 
     BuiltInArray builtIn;
-    std::string tmpSettings;
+    std::optional<trovctl::TempFile> confSettings, timeoutSettings;  // removed as the run ends
     if (!opt.settings.empty()) {
         setenv("TROVHWIPRV_SETTINGS", opt.settings.c_str(), 1);
     } else if (!opt.proxyConf.empty()) {
-        char tmpl[] = "/tmp/trovctl-settings.XXXXXX";
-        int fd = mkstemp(tmpl);
-        if (fd < 0 || !WriteSettingsFor(opt.proxyConf, tmpl)) {
+        const std::string& path = confSettings.emplace("trovctl-settings").path();
+        trovctl::interrupt::RemoveIfCutShort(path);
+        if (path.empty() || !trovctl::WriteSettingsFor(opt.proxyConf, path)) {
             std::cerr << "trovctl: cannot write a settings file for " << opt.proxyConf << "\n";
-            return 1;
+            return kFailed;
         }
-        close(fd);
-        tmpSettings = tmpl;
-        setenv("TROVHWIPRV_SETTINGS", tmpl, 1);
+        setenv("TROVHWIPRV_SETTINGS", path.c_str(), 1);
     } else if (!getenv("TROVHWIPRV_SETTINGS")) {
         std::string err;
-        if (!builtIn.Start(simLog, &err)) {
+        if (!builtIn.Start(opt.simLog, &err)) {
             std::cerr << "trovctl: cannot start the built-in array: " << err << "\n";
-            return 1;
+            return kFailed;
         }
         setenv("TROVHWIPRV_SETTINGS", builtIn.settings().c_str(), 1);
     }
+    if (opt.timeout) {
+        const char* inUse = getenv("TROVHWIPRV_SETTINGS");
+        const std::string& path = timeoutSettings.emplace("trovctl-timeout").path();
+        trovctl::interrupt::RemoveIfCutShort(path);
+        std::string err = "cannot make a temporary file";
+        if (path.empty() || !trovctl::WriteTimeoutOverlay(inUse && *inUse ? inUse : kDefaultSettings,
+                                                          static_cast<uint32_t>(*opt.timeout), path, &err)) {
+            std::cerr << "trovctl: cannot write the settings for --timeout: " << err << "\n";
+            return kFailed;
+        }
+        setenv("TROVHWIPRV_SETTINGS", path.c_str(), 1);
+    }
 
+    // Declared before the host: the provider may speak to the sink until the host unloads it.
+    trovctl::HostMessages messages(std::cerr);
     ProviderHost host;
     std::string err;
     if (!host.Open(opt.module.empty() ? DefaultModulePath() : opt.module, &err)) {
         std::cerr << "trovctl: cannot open the provider module: " << err << "\n";
-        return 1;
+        return kFailed;
     }
+    host.SetHostSink(messages.Sink());
     // The shell is made before the load so that the monitor's notifications have somewhere to go;
-    // a one-shot command other than watch needs none, and so runs no monitor.
+    // a one-shot command that does not listen needs none, and so runs no monitor.
     trovctl::Shell shell(nullptr, std::cout, std::cerr, opt.json);
-    bool listens = !script.empty() || words.empty() || words[0] == "shell" || words[0] == "watch";
+    shell.SetMessages(&messages);
+    bool listens = !opt.script.empty() || shellMode || words.empty() || (oneShot && (oneShot->flags & trovctl::kListens));
+    shell.BeginLoad();
     HRESULT hr = host.Load(listens ? ProviderHost::NotifyFn([&shell](const VDS_NOTIFICATION& n) { shell.OnNotification(n); })
                                    : ProviderHost::NotifyFn());
-    if (FAILED(hr)) {
-        std::cerr << "trovctl: OnLoad failed: " << trovctl::HrText(hr) << "\n";
-        return 1;
-    }
-    int rc;
     shell.SetProvider(host.provider());
-    {
-        if (!script.empty()) {
-            std::ifstream in(script);
-            rc = shell.RunScript(in, script);
-            if (rc == trovctl::kOk && !words.empty()) rc = shell.Execute(words);
-        } else if (words.size() == 1 && words[0] == "shell") {
+    int loadRc = shell.EndLoad(hr);
+    if (FAILED(hr)) {
+        host.Unload();
+        return loadRc;
+    }
+
+    int rc;
+    if (trovctl::interrupt::Ending()) {
+        rc = kInterrupted;
+    } else if (loadRc == kNoArray && !shell.arrayReached() && !shellMode) {
+        rc = kNoArray;  // nothing to show; the line said why
+    } else {
+        if (!opt.script.empty()) {
+            std::ifstream in(opt.script);
+            rc = shell.RunScript(in, opt.script);
+            if (rc == kOk && !words.empty()) rc = shell.Execute(words);
+        } else if (shellMode) {
             rc = shell.RunInteractive();
         } else if (!words.empty()) {
             rc = shell.Execute(words);
-        } else if (isatty(STDIN_FILENO) && isatty(STDOUT_FILENO) && !opt.json) {
-            rc = shell.RunInteractive();
         } else {
             rc = shell.Overview();
         }
+        // What was shown came from a partial tree: the run did not succeed.
+        if (loadRc == kNoArray && !shellMode && rc != kUsage && rc != kInterrupted) rc = kNoArray;
     }
-    hr = host.Unload();
-    if (FAILED(hr) && rc == 0) {
-        std::cerr << "trovctl: OnUnload failed: " << trovctl::HrText(hr) << "\n";
-        rc = 1;
+    std::cout.flush();
+    HRESULT unload = host.Unload();
+    if (FAILED(unload) && rc == kOk) {
+        std::cerr << "trovctl: OnUnload failed: " << trovctl::HrText(unload) << "\n";
+        rc = kFailed;
     }
-    if (!tmpSettings.empty()) std::remove(tmpSettings.c_str());
+    return rc;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int rc = Run(argc, argv);
+    // A run that a signal ended ends as by that signal, once everything above has been undone.
+    trovctl::interrupt::ExitAsSignalled();
     return rc;
 }

@@ -42,7 +42,7 @@ private:
 ProviderHost::ProviderHost() = default;
 
 ProviderHost::~ProviderHost() {
-    if (provider_) Unload();
+    Unload();
     // The module stays mapped: a provider's threads may outlive their last reference by a moment.
 }
 
@@ -63,6 +63,8 @@ bool ProviderHost::Open(const std::string& path, std::string* err) {
         *err = "the module has no DllGetClassObject";
         return false;
     }
+    // Optional: a module without it still loads, and its host learns only what the interfaces say.
+    setHostSink_ = reinterpret_cast<TrovSetHostSinkFn>(dlsym(module_, "TrovSetHostSink"));
     return true;
 }
 
@@ -98,5 +100,16 @@ HRESULT ProviderHost::Unload() {
         sink_->Release();
         sink_ = nullptr;
     }
+    if (sinkInstalled_) {
+        setHostSink_(nullptr);
+        sinkInstalled_ = false;
+    }
     return hr;
+}
+
+bool ProviderHost::SetHostSink(const TrovHostSink& sink) {
+    if (!setHostSink_) return false;
+    setHostSink_(&sink);
+    sinkInstalled_ = true;
+    return true;
 }

@@ -1,11 +1,14 @@
 // The host side of trovctl: opens the provider module, creates the provider through the module's
 // class factory, loads it with an advise sink, and unloads it - the way a management host does.
+// Beside the class factory it finds the module's TrovSetHostSink, through which the provider
+// tells its host its Event Log reports, console lines and failure reasons (host_messages.h).
 #pragma once
 
 #include <functional>
 #include <string>
 
 #include "platform/com.h"
+#include "platform/host_sink.h"
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"
 
@@ -22,8 +25,11 @@ public:
     // Creates the provider and calls OnLoad; with `onNotify` the host's advise sink goes along
     // (and the provider starts its event monitor), without it none.
     HRESULT Load(NotifyFn onNotify);
-    // Calls OnUnload and drops the provider.
+    // Calls OnUnload, drops the provider and removes the host sink.
     HRESULT Unload();
+    // Installs the host sink (copied) for what the provider tells beyond the interfaces; call
+    // before Load. False when the module has no TrovSetHostSink.
+    bool SetHostSink(const TrovHostSink& sink);
 
     IVdsProvider* provider() const { return provider_; }
     // Asks the provider for another of its interfaces (a new reference, or null).
@@ -38,6 +44,8 @@ private:
     class Sink;
     void* module_ = nullptr;
     HRESULT (*getClassObject_)(REFCLSID, REFIID, void**) = nullptr;
+    TrovSetHostSinkFn setHostSink_ = nullptr;
+    bool sinkInstalled_ = false;
     IVdsProvider* provider_ = nullptr;
     Sink* sink_ = nullptr;
 };
