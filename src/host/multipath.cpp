@@ -63,6 +63,8 @@ uint64_t Fnv64(const std::string& s) {
 
 }  // namespace
 
+bool ReachMultipathDaemon(int* err) { return ReachDaemon(err); }
+
 uint64_t PathIdFromAddress(uint32_t host, uint32_t channel, uint32_t target, uint32_t lun) {
     return static_cast<uint64_t>(host & 0xFFFF) << 48 | static_cast<uint64_t>(channel & 0xFFFF) << 32 |
            static_cast<uint64_t>(target & 0xFFFF) << 16 | (lun & 0xFFFF);

@@ -153,6 +153,8 @@ uint32_t PolicyOfMap(const MultipathMap& m);
 bool ParseMultipathMaps(const std::string& json, std::vector<MultipathMap>* out, std::string* why);
 // Adds each path's sysfs facts and the map's serial.
 void AddSysfsFacts(MultipathMap* map);
+// One attempt at reaching the daemon ("show daemon"); false with *err when it doesn't answer.
+bool ReachMultipathDaemon(int* err);
 // Asks the daemon and adds the sysfs facts. 0, or an errno-style number on failure.
 int ReadMultipathMaps(std::vector<MultipathMap>* out);
 

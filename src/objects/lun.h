@@ -144,6 +144,16 @@ public:
     // Whether a change may be asked of the LUN in its present state.
     bool CanOperate() const;
 
+    // Host paths (defined in host/lun_paths.cpp): from host-side facts to the id of the
+    // controller port a path reaches; the zero GUID when none does.
+    VDS_OBJECT_ID GetPathInfo(uint32_t portNumber, uint32_t targetId);
+    VDS_OBJECT_ID GetCtrlPortIdByPortWWN(CSubSystem* subsystem, const char* identification);
+    VDS_OBJECT_ID GetCtrlPortIdByTargetPortIdentifier(uint32_t id, bool isULP);
+    VDS_OBJECT_ID GetCtrlPortIdByTargetPortIdentifier(const uint8_t wwn[8]);
+    void requestWmiUpdate();
+    void refreshWmiIfRequested();
+    uint32_t WmiUpdateCookie() const { return m_wmiUpdateCookie; }
+
     // The key text of a LUN: 26 hexadecimal digits of its partition serial, or 32 of its vdisk's
     // serial for the dummy volume.
     static std::u16string KeyText(const ArrayData& array, const PartitionData* partition);
@@ -197,6 +207,7 @@ private:
     uint8_t m_numDrivesPerLowLevelArray = 0;
     uint8_t m_utilityRunning = 0;
     uint8_t m_specialType = 0;
+    uint32_t m_wmiUpdateCookie = 0;
     // Atomic: SetFriendlyName tests it before it takes the notification mutex, while a refresh
     // under that mutex may be building the LUN again.
     std::atomic<bool> m_isDummy{false};
