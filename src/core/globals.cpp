@@ -4,7 +4,7 @@
 
 #include "core/monitor.h"
 #include "core/provider.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "platform/wstr.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"

@@ -10,7 +10,7 @@
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/object_util.h"
 #include "objects/pool.h"
 #include "objects/subsystem.h"
@@ -488,15 +488,6 @@ HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEn
     return S_OK;
 }
 TROV_CATCH_OOM
-HRESULT CProvider::CreateLunInStoragePool(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID, LPWSTR, VDS_HINTS2*, IVdsAsync**) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CProvider::QueryMaxLunCreateSizeInStoragePool(VDS_LUN_TYPE, VDS_OBJECT_ID, VDS_HINTS2*, ULONGLONG*) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-
 namespace {
 constexpr uint32_t kEventVolumeDeleted = 108;
 

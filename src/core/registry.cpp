@@ -5,6 +5,8 @@
 #include "support/debuglog.h"
 
 std::string LogGuid(const GUID& g) {
+    // Every object of a load is logged with its id; the text is made only when a log takes it.
+    if (!DebugSinkActive()) return std::string();
     char buf[40];
     std::snprintf(buf, sizeof buf, "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g.Data1, g.Data2, g.Data3,
                   g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);

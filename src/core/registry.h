@@ -136,4 +136,5 @@ private:
 };
 
 // "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", the GUID form of the log.
+// The id as text for a log line; empty while no log takes text.
 std::string LogGuid(const GUID& g);

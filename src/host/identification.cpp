@@ -10,7 +10,7 @@
 #include "host/device_scan.h"
 #include "objects/boundary.h"
 #include "objects/controller.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
 #include "support/debuglog.h"

@@ -10,7 +10,7 @@
 #include "host/policy.h"
 #include "objects/controller.h"
 #include "objects/controller_port.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"
 #include "support/debuglog.h"
@@ -91,10 +91,10 @@ VDS_OBJECT_ID CLun::GetCtrlPortIdByTargetPortIdentifier(uint32_t id, bool isULP)
     CControllerPort* p = FindPort(m_pSubSystem, [&](CController*, CControllerPort* port) {
         if (isULP) {
             // Target port identifiers run through A's ports first, then B's.
-            if (wanted >= 1 && wanted <= n) return port->OwnerId() == 1 && port->PortIndex() == wanted - 1;
-            return wanted > n && port->OwnerId() == 0 && port->PortIndex() == wanted - n - 1;
+            if (wanted >= 1 && wanted <= n) return port->OwnerId() == 1 && port->PortNumber() == wanted - 1;
+            return wanted > n && port->OwnerId() == 0 && port->PortNumber() == wanted - n - 1;
         }
-        return wanted >= 1 && port->OwnerId() == m_Owner && port->PortIndex() == wanted - 1;
+        return wanted >= 1 && port->OwnerId() == m_Owner && port->PortNumber() == wanted - 1;
     });
     if (!p) {
         DebugTrace("CLun::GetCtrlPortIdByTargetPortIdentifier out but return GUID_NULL, it exist a error.\n");

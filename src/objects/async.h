@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 
 #include "core/vds_base.h"
 #include "platform/com.h"
@@ -40,8 +39,9 @@ public:
     ExpandPartRequest& ExpandRequest() { return m_expandRequest; }
     void SetExpandLun(IUnknown* lun);
     IUnknown* ExpandLun() const { return m_pExpandLun.get(); }
-    // The wait of a running extension (type 54), set by the extend operation.
-    void SetExpandWait(std::function<HRESULT(CVdsAsyncObject&)> wait) { m_expandWait = std::move(wait); }
+    // Consecutive failed progress reads after which an extension's wait gives up.
+    static constexpr int kMaxProgressFailures = 30;
+    static constexpr uint32_t kProgressPollMs = 2000;
 
 private:
     uint32_t m_type = 0;
@@ -52,5 +52,10 @@ private:
     ExpandPartRequest m_expandRequest{};
     uint8_t m_running = 0;
     CComPtr<IUnknown> m_pExpandLun;
-    std::function<HRESULT(CVdsAsyncObject&)> m_expandWait;
+
+    // The array's progress of the result LUN's vdisk: the command's result; *percent only on
+    // success.
+    int ReadPercent(uint32_t* percent) const;
+    // The rest of an extension: the restripe followed to its end, then the partition's growth.
+    HRESULT WaitForExpansion();
 };

@@ -12,7 +12,7 @@
 #include "objects/drive.h"
 #include "objects/enumerator.h"
 #include "objects/iscsi.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/pool.h"
 #include "objects/object_util.h"
 #include "objects/subsystem.h"

@@ -62,7 +62,11 @@ public:
     uint32_t OverheadPerMille() const { return m_overheadPerMille; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    VDS_CONTROLLER_STATUS Status() const { return m_prop.status; }
+    VDS_HEALTH Health() const { return m_prop.health; }
     CSubSystem* SubSystem() const { return m_pSubSystem; }
+    // The controller's ports (the caller holds the notification mutex).
+    const OwningMap& Ports() const { return m_ports; }
     const char* VendorName() const { return m_vendorName; }
     const char* ProductId() const { return m_productId; }
     const char* FirmwareRevision() const { return m_firmwareRevision; }

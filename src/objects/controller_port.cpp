@@ -96,7 +96,7 @@ HRESULT CControllerPort::Initialize(const VDS_OBJECT_ID* id, CProvider* provider
     m_prop.pwszIdentification = NewObjectString(name);
     m_prop.status = status;
     m_Owner = record->controller.controllerId;
-    m_portIndex = channel;
+    m_channel = channel;
     if (port.isFibre()) std::memcpy(m_portWwn, port.interface.fc.portWwn, sizeof m_portWwn);
     else std::memset(m_portWwn, 0, sizeof m_portWwn);
     provider->RememberObject(*id, name, this, static_cast<IVdsControllerPort*>(this));

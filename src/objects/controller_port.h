@@ -36,12 +36,13 @@ public:
     void TearDown() override { Dispose(); }
 
     int OwnerId() const override { return m_Owner; }
+    uint8_t Owner() const { return m_Owner; }
+    // The port's number on its controller (its channel in the controller's record).
+    uint32_t PortNumber() const { return m_channel; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
     const WCHAR* Identification() const { return m_prop.pwszIdentification; }
-    // The port's channel in its controller's record (0-based), and its world-wide name (zero
-    // for a port without one).
-    uint32_t PortIndex() const { return m_portIndex; }
+    // The port's world-wide name (zero for a port without one).
     const uint8_t* PortWwn() const { return m_portWwn; }
 
     // The port's address as its name: 16 hexadecimal digits of a world-wide name or SAS address,
@@ -55,7 +56,7 @@ private:
     CController* m_pController = nullptr;  // counted
     VDS_PORT_PROP m_prop{};
     uint8_t m_Owner = 0;
+    uint32_t m_channel = 0;
     uint32_t m_initialised = 0;
-    uint32_t m_portIndex = 0;
     uint8_t m_portWwn[8]{};
 };

@@ -170,6 +170,21 @@ HRESULT CDrive::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSys
     m_enclosure = d.enclosureNumber;
     m_arrayPosition = d.arrayPosition;
     std::memcpy(m_DriveSn, d.serialNumber, sizeof m_DriveSn);
+    TakeUseFrom(d);
+    std::memcpy(m_driveBlock, d.driveBlock(), sizeof m_driveBlock);
+    provider->RememberObject(*id, name, this, static_cast<IVdsDrive*>(this));
+    m_driveType = d.type;
+    const char* word = rec::HowUsedWord(d.howUsed);
+    DebugTrace("CDrive::Initialize() pDriveData info :\n howUsed = %d (%s), channel = %d, blinking = %d, lun = %d, "
+               "scsiId = %d, slotNumber = %d, enclosureNumber = %d, realBlockCount %u<<32+%u=%I64u, "
+               "usableBytes=%I64u, downReason=%d, status=%s\n",
+               d.howUsed, m_isFreeDrive ? "FREE" : "not free", d.channel, d.blinking, d.lun, d.scsiId, d.slotNumber,
+               d.enclosureNumber, d.realBlockCountHigh, d.realBlockCount, d.blockCount(), m_prop.ullSize,
+               d.downReason, word ? word : "unknown");
+    return S_OK;
+}
+
+void CDrive::TakeUseFrom(const DriveData& d) {
     m_howUsed = d.howUsed;
     m_isFreeDrive = 1;
     m_flags2 = 0;
@@ -199,17 +214,31 @@ HRESULT CDrive::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSys
             m_flags2 |= VDS_DRF_ASSIGNED | VDS_DRF_HOTSPARE_IN_USE;
         }
     }
-    std::memcpy(m_driveBlock, d.driveBlock(), sizeof m_driveBlock);
-    provider->RememberObject(*id, name, this, static_cast<IVdsDrive*>(this));
-    m_driveType = d.type;
-    const char* word = rec::HowUsedWord(d.howUsed);
-    DebugTrace("CDrive::Initialize() pDriveData info :\n howUsed = %d (%s), channel = %d, blinking = %d, lun = %d, "
-               "scsiId = %d, slotNumber = %d, enclosureNumber = %d, realBlockCount %u<<32+%u=%I64u, "
-               "usableBytes=%I64u, downReason=%d, status=%s\n",
-               d.howUsed, m_isFreeDrive ? "FREE" : "not free", d.channel, d.blinking, d.lun, d.scsiId, d.slotNumber,
-               d.enclosureNumber, d.realBlockCountHigh, d.realBlockCount, d.blockCount(), m_prop.ullSize,
-               d.downReason, word ? word : "unknown");
-    return S_OK;
+}
+
+void CDrive::InitializeAfterCreate(const DriveData& record, const uint8_t* arraySerial, CController* controller) {
+    if (controller != m_pController) {
+        if (controller) static_cast<IVdsController*>(controller)->AddRef();
+        if (m_pController) static_cast<IVdsController*>(m_pController)->Release();
+        m_pController = controller;
+    }
+    TakeUseFrom(record);
+    m_isFreeDrive = 0;
+    rec::ArrayKeyFromSerial(arraySerial, m_driveBlock);
+    m_driveIndex = record.driveIndex;
+    m_containerIndex = record.containerIndex;
+    m_arrayPosition = record.arrayPosition;
+}
+
+void CDrive::InitializeAfterDelete() {
+    m_prop.ulFlags = 0;
+    m_flags2 = VDS_DRF_UNASSIGNED;
+    if (HostIsWin7()) m_prop.ulFlags = VDS_DRF_UNASSIGNED;
+    m_isFreeDrive = 1;
+    m_howUsed = TROV_HOWUSED_AVAILABLE;
+    // The vdisk reference and the place in the vdisk go with it.
+    std::memset(m_driveBlock, 0, sizeof m_driveBlock);
+    m_arrayPosition = 0;
 }
 
 void CDrive::TakePositionFrom(const DriveData& d) {

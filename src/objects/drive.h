@@ -55,6 +55,12 @@ public:
 
     // The second view of the drive knows its place in an array: indices, driveBlock, online.
     void TakePositionFrom(const DriveData& record);
+    // The drive became a member (or dedicated spare) of a vdisk just made: its vdisk reference,
+    // place and use from the owner's record, the owner as its controller; no longer free.
+    void InitializeAfterCreate(const DriveData& record, const uint8_t* arraySerial, CController* controller);
+    // The drive's vdisk was deleted: unassigned, free, no vdisk reference.
+    void InitializeAfterDelete();
+    void SetArrayPosition(uint8_t position) { m_arrayPosition = position; }
 
     SortKey GetSortKey() const override {
         return {static_cast<int64_t>(m_enclosureNumber), static_cast<int64_t>(m_prop.sSlotNumber), {}};
@@ -84,6 +90,8 @@ public:
 private:
     uint32_t Handle() const;
     void ReleaseAll();
+    // howUsed and useState: the free flag, the hot-spare flag and the drive's second flags.
+    void TakeUseFrom(const DriveData& record);
 
     CProvider* m_pProvider = nullptr;      // counted
     CSubSystem* m_pSubSystem = nullptr;    // counted

@@ -14,7 +14,7 @@
 #include "objects/controller.h"
 #include "objects/controller_port.h"
 #include "objects/enumerator.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/object_util.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"

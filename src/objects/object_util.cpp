@@ -72,12 +72,13 @@ std::string TrimRight(std::string s) {
 std::unique_ptr<uint8_t[]> NewRecordBuffer() { return std::unique_ptr<uint8_t[]>(new uint8_t[rec::kControllerDataSize]); }
 
 std::string HexBytes(const uint8_t* p, size_t n, const char* sep) {
+    static const char kDigits[] = "0123456789ABCDEF";
     std::string out;
-    char b[4];
+    out.reserve(n * (2 + std::strlen(sep)));
     for (size_t i = 0; i < n; ++i) {
         if (i && *sep) out += sep;
-        std::snprintf(b, sizeof b, "%02X", p[i]);
-        out += b;
+        out += kDigits[p[i] >> 4];
+        out += kDigits[p[i] & 0x0F];
     }
     return out;
 }

@@ -10,7 +10,7 @@
 #include "objects/boundary.h"
 #include "objects/drive.h"
 #include "objects/enumerator.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/object_util.h"
 #include "objects/subsystem.h"
 #include "platform/wstr.h"

@@ -67,6 +67,7 @@ public:
     const VDS_STORAGE_POOL_PROP& Prop() const { return m_prop; }
     const VDS_POOL_ATTRIBUTES& Attributes() const { return m_attr; }
     bool IsConcrete() const { return m_prop.type == VDS_SPT_CONCRETE; }
+    CSubSystem* SubSystem() const { return m_pSub; }
     uint8_t DriveClass() const { return m_driveClass; }
 
 private:

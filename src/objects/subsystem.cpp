@@ -11,7 +11,7 @@
 #include "objects/controller.h"
 #include "objects/drive.h"
 #include "objects/iscsi.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/enumerator.h"
 #include "objects/pool.h"
 #include "objects/object_util.h"
@@ -430,6 +430,26 @@ HRESULT CSubSystem::DeleteLun(const VDS_OBJECT_ID& id) {
     return S_OK;
 }
 
+void CSubSystem::MarkLunDeleted(const uint8_t* arraySn, const uint8_t* partitionSn, const VDS_OBJECT_ID& lunId) {
+    if (IsLunMarkDeleted(partitionSn)) return;
+    DeleteMark m{};
+    std::memcpy(m.arraySn.data(), arraySn, 32);
+    std::memcpy(m.partitionSn.data(), partitionSn, 32);
+    m.lunId = lunId;
+    m_deleteMarks.push_back(m);
+}
+
+bool CSubSystem::IsLunMarkDeleted(const uint8_t* partitionSn) const {
+    for (const DeleteMark& m : m_deleteMarks)
+        if (std::memcmp(m.partitionSn.data(), partitionSn, 32) == 0) return true;
+    return false;
+}
+
+void CSubSystem::ClearMarkDeleted(const uint8_t* arraySn) {
+    std::erase_if(m_deleteMarks,
+                  [&](const DeleteMark& m) { return std::memcmp(m.arraySn.data(), arraySn, 32) == 0; });
+}
+
 HRESULT CSubSystem::SetControllerStatus(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try {
     return NotSupported("CSubSystem::SetControllerStatus");
 }
@@ -442,23 +462,5 @@ HRESULT CSubSystem::CreateTarget(LPWSTR, LPWSTR, IVdsAsync**) try { return NotSu
 TROV_CATCH_OOM
 HRESULT CSubSystem::SetIpsecGroupPresharedKey(VDS_ISCSI_IPSEC_KEY*) try {
     return NotSupported("CSubSystem::SetIpsecGroupPresharedKey");
-}
-TROV_CATCH_OOM
-
-// LUN creation and its size queries come with provisioning.
-HRESULT CSubSystem::CreateLun(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS*, IVdsAsync**) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::QueryMaxLunCreateSize(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS*, ULONGLONG*) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::CreateLun2(VDS_LUN_TYPE, ULONGLONG, VDS_OBJECT_ID*, LONG, LPWSTR, VDS_HINTS2*, IVdsAsync**) try {
-    return E_NOTIMPL;
-}
-TROV_CATCH_OOM
-HRESULT CSubSystem::QueryMaxLunCreateSize2(VDS_LUN_TYPE, VDS_OBJECT_ID*, LONG, VDS_HINTS2*, ULONGLONG*) try {
-    return E_NOTIMPL;
 }
 TROV_CATCH_OOM

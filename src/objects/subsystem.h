@@ -6,9 +6,11 @@
 // changes the maps holds the notification mutex; Initialize and Reenumerate hold it throughout,
 // array reads included. Its state is its own: the controllers enter what they build and record
 // what their records say through the named operations below, and other objects read the maps
-// through ForEach and FindFirst. The monitor's view of the array's event logs lives with the
-// monitor (core/monitor.h).
+// through ForEach and FindFirst. LUN creation and its size answers are defined in src/lun/. The
+// monitor's view of the array's event logs lives with the monitor (core/monitor.h).
 #pragma once
+
+#include <array>
 
 #include <cstdint>
 #include <string>
@@ -81,6 +83,12 @@ public:
     void TearDown() override { Dispose(); }
     // Takes a LUN out of the LUN map (its reference goes with the entry).
     HRESULT DeleteLun(const VDS_OBJECT_ID& id);
+    // Marks of LUNs deleted on an offline vdisk, which takes no delete_part: the last LUN of the
+    // vdisk to be marked removes the vdisk. A mark carries its vdisk's serial so that the vdisk's
+    // marks can go together.
+    void MarkLunDeleted(const uint8_t* arraySn, const uint8_t* partitionSn, const VDS_OBJECT_ID& lunId);
+    bool IsLunMarkDeleted(const uint8_t* partitionSn) const;
+    void ClearMarkDeleted(const uint8_t* arraySn);
 
     // "Sub " + UniqueSN + " " + UniqueSN: the key of the identity map.
     static std::u16string KeyText(const SubsystemEntry& entry);
@@ -93,6 +101,19 @@ public:
     const std::u16string& SysName() const { return m_SysName; }
     // One target serves both controllers (b_SupportULP).
     bool SupportsUlp() const { return b_SupportULP != 0; }
+    // The drive type the array allows in a vdisk (1: any), as its record said at the last load.
+    uint8_t AllowedDriveType() const { return m_allowedDriveType; }
+    // A controller's record offered RAID6 at the last fill.
+    bool SupportsRaid6() const { return m_SupportRaid6 != 0; }
+    size_t LunCount() const { return m_luns.size(); }
+    // Controller handles of A and B as the last load found them (0: none), and the LUN number
+    // limit of the array.
+    uint32_t HandleA() const { return m_handleA; }
+    uint32_t HandleB() const { return m_handleB; }
+    uint32_t MaxLuns() const { return m_maxLuns; }
+    // The hints of the last create request, read again when a new vdisk's drives are chosen.
+    void RememberHints(const VDS_HINTS& hints) { m_lastHints = hints; }
+    const VDS_HINTS& LastHints() const { return m_lastHints; }
 
     // --- What a controller's Initialize enters (the caller holds the notification mutex) ---
     // The facts of one controller's record: ports and channels counted, slots, enclosures, the
@@ -167,4 +188,10 @@ private:
     uint32_t m_handleA = 0, m_handleB = 0;
     uint32_t m_maxLuns = 0;
     uint8_t m_hostBusType = 0;
+    VDS_HINTS m_lastHints{};
+    struct DeleteMark {
+        std::array<uint8_t, 32> arraySn, partitionSn;
+        VDS_OBJECT_ID lunId;
+    };
+    std::vector<DeleteMark> m_deleteMarks;
 };

@@ -36,6 +36,31 @@
 
 namespace {
 
+// Random (version 4) ids from a pool that one getrandom call fills for 64 of them: a load makes
+// an id for every object, and libuuid's per-id seeding and reading cost more than the rest of
+// making the object. Without getrandom, libuuid makes each one.
+void RandomUuid(uuid_t u) {
+    static std::mutex mu;
+    static uint8_t pool[64 * 16];
+    static size_t used = sizeof pool;
+    {
+        std::lock_guard<std::mutex> g(mu);
+        if (used == sizeof pool) {
+            ssize_t n = syscall(SYS_getrandom, pool, sizeof pool, 0);
+            if (n == static_cast<ssize_t>(sizeof pool)) used = 0;
+        }
+        if (used < sizeof pool) {
+            std::memcpy(u, pool + used, 16);
+            std::memset(pool + used, 0, 16);  // an id handed out is not kept
+            used += 16;
+            u[6] = static_cast<uint8_t>((u[6] & 0x0F) | 0x40);  // version 4
+            u[8] = static_cast<uint8_t>((u[8] & 0x3F) | 0x80);  // RFC 4122 variant
+            return;
+        }
+    }
+    uuid_generate_random(u);
+}
+
 // Abstract-namespace stream socket: one client at a time, as a named pipe with one instance.
 // An abstract name has no file permissions, so the policy's user check and read time-out are
 // what keep a stranger from holding the channel.
@@ -368,7 +393,7 @@ public:
 
     HRESULT CreateGuid(GUID* out) override {
         uuid_t u;
-        uuid_generate_random(u);
+        RandomUuid(u);
         out->Data1 = uint32_t(u[0]) << 24 | uint32_t(u[1]) << 16 | uint32_t(u[2]) << 8 | u[3];
         out->Data2 = static_cast<uint16_t>(u[4] << 8 | u[5]);
         out->Data3 = static_cast<uint16_t>(u[6] << 8 | u[7]);

@@ -50,8 +50,19 @@ inline bool operator!=(const GUID& a, const GUID& b) { return !IsEqualGUID(a, b)
 #define TROV_EXPORT __attribute__((visibility("default")))
 
 // Maps keyed by GUID order them by a byte-wise compare of the 16 bytes.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "GuidLess reads the halves as little-endian words");
+// The order of memcmp over the 16 bytes, as two big-endian halves: the maps of a load compare ids
+// millions of times, and a call to memcmp for each was a tenth of the load's own work.
 struct GuidLess {
-    bool operator()(const GUID& a, const GUID& b) const { return std::memcmp(&a, &b, sizeof(GUID)) < 0; }
+    bool operator()(const GUID& a, const GUID& b) const {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, &a, 8);
+        std::memcpy(&b0, &b, 8);
+        if (a0 != b0) return __builtin_bswap64(a0) < __builtin_bswap64(b0);
+        std::memcpy(&a1, reinterpret_cast<const char*>(&a) + 8, 8);
+        std::memcpy(&b1, reinterpret_cast<const char*>(&b) + 8, 8);
+        return __builtin_bswap64(a1) < __builtin_bswap64(b1);
+    }
 };
 
 // "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx", lower case.

@@ -269,6 +269,8 @@ void DebugClose() {
     delete g_log.file.exchange(nullptr);
 }
 
+bool DebugSinkActive() { return SinkActive(); }
+
 void DebugTrace(const char* format, ...) {
     if (!CountCall()) return;
     // Prefix and message together are held to 1000 characters.

@@ -30,6 +30,10 @@ struct DebugConfig {
 void DebugOpen(const char* fileName);
 void DebugClose();
 void DebugTrace(const char* format, ...);
+// Whether a log call's text goes anywhere now. A caller whose arguments cost work of their own
+// (hex dumps, GUID texts) passes empty ones when it does not; the call itself is still made, so
+// the count of calls stays what it would be.
+bool DebugSinkActive();
 void DebugWrite(const char* format, ...);
 void DebugDump(const char* title, const void* data, int length);
 void LogErrorEvent(const char* format, ...);

@@ -7,7 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 #include <sys/stat.h>
 
 #include "testlib/fake_platform.h"
@@ -146,6 +149,66 @@ void WriteCatalogue(const std::string& file, std::map<std::string, std::string> 
         ++i;
     }
     TempDir::Write(file, head + table1 + table2 + data);
+}
+
+// Sets LANGUAGE and LANG for one scope: gettext takes the language from LANGUAGE once the
+// locale is other than plain C, which C.UTF-8 is and every machine has.
+class LanguageScope {
+public:
+    explicit LanguageScope(const char* language) {
+        for (const char* name : {"LANGUAGE", "LANG", "LC_ALL", "LC_MESSAGES"}) {
+            const char* v = std::getenv(name);
+            saved_.push_back({name, v ? std::optional<std::string>(v) : std::nullopt});
+        }
+        setenv("LANGUAGE", language, 1);
+        setenv("LANG", "C.UTF-8", 1);
+        unsetenv("LC_ALL");
+        unsetenv("LC_MESSAGES");
+    }
+    ~LanguageScope() {
+        for (const auto& [name, value] : saved_) {
+            if (value) setenv(name.c_str(), value->c_str(), 1);
+            else unsetenv(name.c_str());
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+// The catalogue the build compiles from po/de.po, found as the installed provider finds it: in
+// locale/ beside the module's file, which PATH names.
+TEST_F(LangTest, ShippedGermanCatalogueTranslatesTheFiveReports) {
+    const std::pair<const char*, const char*> texts[] = {
+        {"The VDS Provider has started a vdisk expansion operation which may take a long time to complete.",
+         "Der VDS-Provider hat die Erweiterung einer vdisk begonnen; sie kann lange dauern."},
+        {"The VDS Provider has finished a vdisk expansion operation.",
+         "Der VDS-Provider hat die Erweiterung einer vdisk abgeschlossen."},
+        {"The VDS Provider has detected that expansion of a vdisk or volume has failed.",
+         "Der VDS-Provider hat festgestellt, dass die Erweiterung einer vdisk oder eines Volumes fehlgeschlagen ist."},
+        {kLost, "Der VDS-Provider hat die Verbindung zum Dienst TROV Proxy verloren."},
+        {kRestored, "Der VDS-Provider hat die Verbindung zum Dienst TROV Proxy wiederhergestellt."},
+    };
+    SetPath(std::string(TROV_CATALOGUE_HOME) + "/libtrovhwiprv.so");
+    {
+        LanguageScope german("de");
+        LangInit();
+        if (std::string(std::setlocale(LC_MESSAGES, nullptr)) == "C") GTEST_SKIP() << "no C.UTF-8 locale";
+        for (const auto& [english, german] : texts) EXPECT_STREQ(TranslateEventText(english), german);
+        // The report that reaches the event log is the German one.
+        LogWarningEvent("%s", TranslateEventText(kLost));
+        ASSERT_EQ(tp_.Events().size(), 1u);
+        EXPECT_EQ(tp_.Events()[0].type, EVENTLOG_WARNING_TYPE);
+        EXPECT_EQ(tp_.Events()[0].text, texts[3].second);
+        // The pipe errors have no translation.
+        const char* pipe = "CreateNamedPipe failed with error 0x%x";
+        EXPECT_STREQ(TranslateEventText(pipe), pipe);
+    }
+    {
+        LanguageScope french("fr");  // a language without a catalogue: English
+        LangInit();
+        for (const auto& [english, german] : texts) EXPECT_STREQ(TranslateEventText(english), english);
+    }
 }
 
 TEST_F(LangTest, CatalogueBesideTheServiceTranslates) {

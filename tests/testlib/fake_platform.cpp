@@ -263,7 +263,20 @@ void TestPlatform::DebuggerOutput(const char* text) {
     if (recordDebugger_) debugger_ += text;
 }
 uint32_t TestPlatform::TickCount() { return static_cast<uint32_t>(clock_.NowMs()); }
-void TestPlatform::Sleep(uint32_t ms) { clock_.Sleep(ms); }
+void TestPlatform::Sleep(uint32_t ms) {
+    clock_.Sleep(ms);
+    std::function<void(uint32_t)> hook;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        hook = sleepHook_;
+    }
+    if (hook) hook(ms);
+}
+
+void TestPlatform::SetSleepHook(std::function<void(uint32_t)> hook) {
+    std::lock_guard<std::mutex> g(mu_);
+    sleepHook_ = std::move(hook);
+}
 struct tm TestPlatform::LocalTime() {
     // 2026-03-07 09:05:04 plus the fake clock's seconds since its start.
     struct tm base{};

@@ -119,6 +119,9 @@ public:
     void SetSystemDirectories(const std::string& first, const std::string& second);
     void SetHostVersion(uint32_t major, uint32_t minor);
     void SetEventSourceAvailable(bool ok);
+    // Called after each Sleep of the logic with its length (for example to move another clock
+    // along, or to play a thread that runs while the logic pauses); empty: nothing.
+    void SetSleepHook(std::function<void(uint32_t)> hook);
     // The n-th TaskMemAlloc from now (1 = the next) returns null; 0 disables.
     void FailAllocAfter(int n);
     // GUIDs come from a counter (deterministic) instead of randomness.
@@ -190,6 +193,7 @@ private:
     bool recordDebugger_ = true;
     std::string failPath_;
     int failErr_ = 0;
+    std::function<void(uint32_t)> sleepHook_;
     std::vector<Event> events_;
     std::string debugger_;
     std::string hostRoot_ = "/nonexistent/host";

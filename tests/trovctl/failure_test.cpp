@@ -141,3 +141,87 @@ TEST(Failures, BadFileArgumentsAndTimeoutsAreBadCommandLines) {
         EXPECT_EQ(run.out, "");
     }
 }
+
+TEST(Password, ComesFromTheEnvironmentInsteadOfTheFileAndItsCopyIsRemoved) {
+    const std::string conf = "/tmp/trovctl-nopass-" + std::to_string(getpid()) + ".conf";
+    Child sim({TROVSIM_BIN, "--port", "0", "--no-stdin", "--quiet", "--password", "from-env"});
+    ASSERT_TRUE(sim.WaitFor("listening on 127.0.0.1:", 10000)) << sim.err;
+    ASSERT_TRUE(sim.WaitFor("\n", 10000, sim.err.find("127.0.0.1:")));
+    size_t at = sim.err.find("127.0.0.1:") + 10;
+    std::string port = sim.err.substr(at, sim.err.find('\n', at) - at);
+    std::ofstream(conf) << "version  :1\nipaddress:127.0.0.1\nusername :admin\nport     :" + port + "\n";
+    auto copies = [] {  // the private copies trovctl has left in /tmp
+        Child ls({"/bin/sh", "-c", "ls /tmp | grep -c '^trovctl-kelvane\\.'"});
+        ls.Finish(5000);
+        return ls.out;
+    };
+    std::string before = copies();
+    const struct {
+        std::vector<std::string> env;
+        int status;
+        const char* said;
+    } cases[] = {
+        {{"TROVCTL_PROXY_PASSWORD=from-env"}, 0, ""},
+        {{"TROVCTL_PROXY_PASSWORD=wrong"}, 3, "invalid password (status 5)"},
+        {{"TROVCTL_PROXY_PASSWORD=has:colon"}, 2, "the password contains a colon"},
+        {{"-TROVCTL_PROXY_PASSWORD"}, 3, "no usable kelvane.conf"},  // the file has none
+    };
+    for (const auto& c : cases) {
+        Child run({TROVCTL_BIN, "--proxy-conf", conf, "--json", "list", "drives"}, c.env);
+        ASSERT_TRUE(run.Finish(30000));
+        EXPECT_EQ(run.exitCode(), c.status) << c.env[0] << ": " << run.err;
+        EXPECT_NE(run.err.find(c.said), std::string::npos) << c.env[0] << ": " << run.err;
+        if (c.status == 0) EXPECT_EQ(nlohmann::json::parse(run.out).size(), 12u);
+    }
+    EXPECT_EQ(copies(), before) << "a private copy of the kelvane.conf was left behind";
+    // Without --proxy-conf there is no file to fill in.
+    Child bare({TROVCTL_BIN, "info"}, {"TROVCTL_PROXY_PASSWORD=x", "-TROVHWIPRV_SETTINGS"});
+    ASSERT_TRUE(bare.Finish(10000));
+    EXPECT_EQ(bare.exitCode(), 2);
+    EXPECT_NE(bare.err.find("needs --proxy-conf"), std::string::npos) << bare.err;
+    std::remove(conf.c_str());
+}
+
+TEST(CommandLine, AScriptUnderJsonWritesOneDocumentPerLine) {
+    const std::string script = "/tmp/trovctl-ndjson-" + std::to_string(getpid()) + ".trov";
+    std::ofstream(script) << "list controllers\ndetail drive 3SJ01204K\nname lun \"\" lun 0\n";
+    Child run({TROVCTL_BIN, "--json", "-f", script}, {"-TROVHWIPRV_SETTINGS"});
+    ASSERT_TRUE(run.Finish(30000));
+    EXPECT_EQ(run.exitCode(), 2);  // the empty name
+    std::istringstream lines(run.out);
+    std::vector<nlohmann::json> docs;
+    for (std::string line; std::getline(lines, line);) docs.push_back(nlohmann::json::parse(line, nullptr, false));
+    ASSERT_EQ(docs.size(), 3u) << run.out;
+    EXPECT_EQ(docs[0].size(), 2u);
+    EXPECT_EQ(docs[0][0]["statusText"], "online");
+    EXPECT_EQ(docs[1]["sSlotNumber"], 3);
+    EXPECT_EQ(docs[2]["error"], "USAGE");
+    EXPECT_EQ(docs[2]["message"], "a LUN name cannot be empty");
+    std::remove(script.c_str());
+}
+
+TEST(CommandLine, OptionsAfterTheCommandVersionAndTerseOutput) {
+    const struct {
+        Words args;
+        int status;
+        const char* out;  // at the start of standard output
+        const char* err;  // somewhere on standard error
+    } cases[] = {
+        {{"list", "drives", "--json"}, 2, "", "\"--json\" is an option of trovctl: options go before the command"},
+        {{"--version"}, 0, "trovctl ", ""},
+        {{"-t", "|", "list", "controllers"}, 0, "0||Controller A;IP=10.0.0.2|online|2|", ""},
+        {{"-t", ",", "-H", "list", "controllers"}, 0, "#,!,NAME,STATE,PORTS,ID\n0,,Controller A", ""},
+        {{"--no-header", "list", "subsystems"}, 0, "0    ", ""},
+        {{"-t", ",", "--json", "info"}, 2, "", "--terse and --json do not go together"},
+        {{"maintenance", "pulse", "1000", "drive", "1"}, 2, "", "takes a COUNT from 1 to 100, not \"1000\""},
+    };
+    for (const auto& c : cases) {
+        Words argv = {TROVCTL_BIN};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        Child run(argv, {"-TROVHWIPRV_SETTINGS"});
+        ASSERT_TRUE(run.Finish(30000));
+        EXPECT_EQ(run.exitCode(), c.status) << c.args[0] << ": " << run.err;
+        EXPECT_EQ(run.out.rfind(c.out, 0), 0u) << c.args[0] << ": " << run.out;
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << c.args[0] << ": " << run.err;
+    }
+}

@@ -96,26 +96,29 @@ TEST_F(LoadedShell, EveryKindListsAndDetailsWithThePublishedFieldsAndIds) {
         std::vector<const char*> keys;
     } cases[] = {
         {"subsystems", "subsystem", 1, {"id", "pwszFriendlyName", "pwszIdentification", "ulFlags", "ulStripeSizeFlags",
-                                        "ulSupportedRaidTypeFlags", "status", "health", "sNumberOfInternalBuses",
-                                        "sMaxNumberOfSlotsEachBus", "sMaxNumberOfControllers", "sRebuildPriority",
-                                        "ulNumberOfEnclosures"}},
+                                        "ulSupportedRaidTypeFlags", "status", "statusText", "health", "healthText",
+                                        "sNumberOfInternalBuses", "sMaxNumberOfSlotsEachBus", "sMaxNumberOfControllers",
+                                        "sRebuildPriority", "ulNumberOfEnclosures"}},
         {"controllers", "controller", 2,
-         {"id", "pwszFriendlyName", "pwszIdentification", "status", "health", "sNumberOfPorts"}},
-        {"ports", "port", 4, {"id", "pwszFriendlyName", "pwszIdentification", "status"}},
-        {"drives", "drive", 12, {"id", "ullSize", "pwszFriendlyName", "pwszIdentification", "ulFlags", "status",
-                                 "health", "sInternalBusNumber", "sSlotNumber", "ulEnclosureNumber", "busType",
-                                 "ulSpindleSpeed"}},
+         {"id", "pwszFriendlyName", "pwszIdentification", "status", "statusText", "health", "healthText",
+          "sNumberOfPorts"}},
+        {"ports", "port", 4, {"id", "pwszFriendlyName", "pwszIdentification", "status", "statusText"}},
+        {"drives", "drive", 12, {"id", "ullSize", "pwszFriendlyName", "pwszIdentification", "ulFlags", "ulFlagsText",
+                                 "status", "statusText", "health", "healthText", "sInternalBusNumber", "sSlotNumber",
+                                 "ulEnclosureNumber", "busType", "busTypeText", "ulSpindleSpeed"}},
         {"luns", "lun", 4, {"id", "ullSize", "pwszFriendlyName", "pwszIdentification", "pwszUnmaskingList", "ulFlags",
-                            "type", "status", "health", "TransitionState", "sRebuildPriority"}},
-        {"plexes", "plex", 5, {"id", "ullSize", "type", "status", "health", "TransitionState", "ulFlags",
-                               "ulStripeSize", "sRebuildPriority"}},
-        {"pools", "pool", 4, {"id", "status", "health", "type", "pwszName", "pwszDescription", "ullTotalConsumedSpace",
-                              "ullTotalManagedSpace", "ullRemainingFreeSpace", "ullAttributeMask", "raidType",
-                              "busType", "pwszIntendedUsage", "bSpinDown", "bIsThinProvisioned",
+                            "ulFlagsText", "type", "typeText", "status", "statusText", "health", "healthText",
+                            "TransitionState", "TransitionStateText", "sRebuildPriority"}},
+        {"plexes", "plex", 5, {"id", "ullSize", "type", "typeText", "status", "statusText", "health", "healthText",
+                               "TransitionState", "TransitionStateText", "ulFlags", "ulStripeSize", "sRebuildPriority"}},
+        {"pools", "pool", 4, {"id", "status", "statusText", "health", "healthText", "type", "typeText", "pwszName",
+                              "pwszDescription", "ullTotalConsumedSpace", "ullTotalManagedSpace",
+                              "ullRemainingFreeSpace", "ullAttributeMask", "raidType", "raidTypeText", "busType",
+                              "busTypeText", "pwszIntendedUsage", "bSpinDown", "bIsThinProvisioned",
                               "ullProvisionedSpace", "bNoSinglePointOfFailure", "ulStripeSize", "ulStripeSizeMax",
                               "ulStripeSizeMin", "ulDefaultStripeSize"}},
         {"targets", "target", 2, {"id", "pwszIscsiName", "pwszFriendlyName", "bChapEnabled"}},
-        {"portals", "portal", 4, {"id", "address", "status"}},
+        {"portals", "portal", 4, {"id", "address", "status", "statusText"}},
         {"portalgroups", "portalgroup", 4, {"id", "tag"}},
     };
     for (const Case& c : cases) {
@@ -129,11 +132,17 @@ TEST_F(LoadedShell, EveryKindListsAndDetailsWithThePublishedFieldsAndIds) {
             for (auto it = row.begin(); it != row.end(); ++it) keys.push_back(it.key());
             EXPECT_EQ(keys, std::vector<std::string>(c.keys.begin(), c.keys.end()));
             EXPECT_TRUE(IsId(row["id"])) << row["id"];
-            // The same object by its number, by its id alone, and by kind and id.
+            // The same object by its number, by its id alone, and by kind and id. A target's detail
+            // adds the portals to connect to.
             std::string id = row["id"];
-            EXPECT_EQ(Json(std::string("detail ") + c.one + " " + std::to_string(i)), row);
-            EXPECT_EQ(Json("detail " + id), row);
-            EXPECT_EQ(Json(std::string("detail ") + c.one + " " + id), row);
+            auto detail = [&](const std::string& line) {
+                auto j = Json(line);
+                j.erase("portals");
+                return j;
+            };
+            EXPECT_EQ(detail(std::string("detail ") + c.one + " " + std::to_string(i)), row);
+            EXPECT_EQ(detail("detail " + id), row);
+            EXPECT_EQ(detail(std::string("detail ") + c.one + " " + id), row);
         }
     }
     auto portal = Json("detail portal 0")["address"];
@@ -141,6 +150,20 @@ TEST_F(LoadedShell, EveryKindListsAndDetailsWithThePublishedFieldsAndIds) {
     EXPECT_EQ(portal["ulPort"], 3260);
     EXPECT_TRUE(Json("detail drive 0")["status"].is_number());
     EXPECT_EQ(Json("list luns")[0]["pwszUnmaskingList"], "iqn.1991-05.com.microsoft:host01.demo.local");
+    // Where an initiator connects to each target: the portals of its groups.
+    for (const char* target : {"target 0", "target 1"}) {
+        auto portals = Json(std::string("detail ") + target)["portals"];
+        ASSERT_TRUE(portals.is_array()) << target;
+        ASSERT_FALSE(portals.empty()) << target;
+        for (auto& p : portals) {
+            std::string at = p;
+            EXPECT_NE(at.find(":3260"), std::string::npos) << at;
+            bool listed = false;
+            for (auto& portal : Json("list portals"))
+                listed = listed || at == portal["address"]["wszTextAddress"].get<std::string>() + ":3260";
+            EXPECT_TRUE(listed) << at;
+        }
+    }
 }
 
 TEST_F(LoadedShell, SelectionIsUsedUntilAnotherIsMade) {
@@ -184,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"info now", 2, "info takes no arguments"},
                       BadLine{"select", 2, "select what?"},
                       BadLine{"detail drive 99", 2, "there is no drive 99 (there are 12)"},
-                      BadLine{"detail drive -1", 2, "neither a number nor an object id"},
+                      BadLine{"detail drive -1", 2, "there is no drive \"-1\""},
                       BadLine{"detail widget 1", 2, "\"widget\" is not a kind of object"},
                       BadLine{"detail drive 1 2", 2, "too many words"},
                       BadLine{"detail 3", 2, "say which kind"},
@@ -195,13 +218,15 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"maintenance beep port 0", 2, "takes a drive or controller, not a port"},
                       BadLine{"maintenance", 2, "usage: maintenance"},
                       BadLine{"maintenance dance drive 1", 2, "unknown maintenance operation \"dance\""},
-                      BadLine{"maintenance pulse 0 drive 1", 2, "COUNT of at least 1"},
-                      BadLine{"maintenance pulse many drive 1", 2, "COUNT of at least 1"},
+                      BadLine{"maintenance pulse 0 drive 1", 2, "takes a COUNT from 1 to 100, not \"0\""},
+                      BadLine{"maintenance pulse many drive 1", 2, "takes a COUNT from 1 to 100"},
+                      BadLine{"maintenance pulse 101 drive 1", 2, "takes a COUNT from 1 to 100, not \"101\""},
+                      BadLine{"maintenance pulse", 2, "takes a COUNT from 1 to 100"},
                       BadLine{"setflag drive", 2, "usage: setflag drive hotspare"},
                       BadLine{"clearflag drive readonly", 2, "usage: clearflag drive hotspare"},
-                      BadLine{"setflag drive hotspare drive 0", 1,
-                              "SetFlags(VDS_DRF_HOTSPARE) failed: VDS_E_NOT_SUPPORTED (0x80042400)"},
-                      BadLine{"clearflag drive hotspare drive 4", 1, "ClearFlags(VDS_DRF_HOTSPARE) failed:"},
+                      BadLine{"setflag drive hotspare drive 0", 2, "drive 0 (0:0 3SJ01201K) belongs to a vdisk"},
+                      BadLine{"setflag drive hotspare drive 7", 2, "drive 7 (0:7 3SJ01208K) is already a spare"},
+                      BadLine{"clearflag drive hotspare drive 4", 2, "drive 4 (0:4 3SJ01205K) is not a spare"},
                       BadLine{"getdrive 0", 2, "usage: getdrive BUS SLOT"},
                       BadLine{"getdrive x 1", 2, "usage: getdrive BUS SLOT"},
                       BadLine{"getdrive 0 99", 1, "GetDrive failed: VDS_E_OBJECT_NOT_FOUND"},
@@ -217,10 +242,16 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"name lun logs01 lun 0", 1, "SetFriendlyName failed: VDS_E_NAME_NOT_UNIQUE"},
                       BadLine{"pool", 2, "usage: pool luns"},
                       BadLine{"pool luns drive 1", 2, "takes a pool, not a drive"},
-                      BadLine{"target secret", 2, "usage: target secret"},
+                      BadLine{"target secret", 2, "needs a target"},
+                      BadLine{"target secret target 0", 2, "no terminal to ask the secret on"},
                       BadLine{"target secret abc initiator", 2, "usage: target secret"},
                       BadLine{"target secret abc", 2, "needs a target"},
-                      BadLine{"initiator secret iqn.x", 2, "usage: initiator secret"},
+                      BadLine{"initiator secret iqn.x", 2, "needs a target"},
+                      BadLine{"initiator secret", 2, "usage: initiator secret"},
+                      BadLine{"name lun \"\" lun 0", 2, "a LUN name cannot be empty"},
+                      BadLine{"name subsystem \"\"", 2, "a subsystem name cannot be empty"},
+                      BadLine{"list drives --json", 2, "\"--json\" is an option of trovctl"},
+                      BadLine{"detail nosuchname", 2, "\"nosuchname\" (not a number, id, name or identification"},
                       BadLine{"initiators portal 0", 2, "takes a target, not a portal"},
                       BadLine{"extents controller 0", 2, "takes a drive or lun or plex or pool, not a controller"}));
 
@@ -228,7 +259,8 @@ TEST_F(LoadedShell, LunNamesExtentsPoolLunsAndTheTargetCommands) {
     std::string db = Json("detail lun 0")["id"], logs = Json("detail lun 1")["id"];
     Result r = Run("name lun \"an-overlong-volume-name\" " + logs);
     ASSERT_EQ(r.rc, 0) << r.err;
-    EXPECT_EQ(r.out, "name lun (VDS_S_NAME_TRUNCATED (0x00042700)): done\n");
+    EXPECT_EQ(r.out.rfind("name lun: done, VDS_S_NAME_TRUNCATED (0x00042700): the name was too long and was cut", 0), 0u)
+        << r.out;
     EXPECT_EQ(Json("detail " + logs)["pwszFriendlyName"], "an-overlong-volume-n");
 
     // db01 on a four-drive RAID5: a third of it on each member.
@@ -356,14 +388,22 @@ TEST_F(LoadedShell, ExtentsAndPortPropertiesAsJson) {
         << text.out;
 }
 
-TEST_F(LoadedShell, TextOutputNumbersTheListingsAndShowsFlagsInHex) {
+TEST_F(LoadedShell, TextOutputIsATableInWordsAndDetailsKeepTheNumbers) {
     Result r = Run("list drives");
     ASSERT_EQ(r.rc, 0);
-    EXPECT_EQ(r.out.rfind("drives (12)\n", 0), 0u) << r.out;
-    EXPECT_NE(r.out.find("  7  "), std::string::npos);
-    EXPECT_NE(r.out.find("flags 0x15"), std::string::npos);
+    EXPECT_EQ(r.out.rfind("drives (12)\n #  !  SLOT  SERIAL", 0), 0u) << r.out;
+    EXPECT_NE(r.out.find("\n 7     0:7   3SJ01208K"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("hotspare, unassigned, standby"), std::string::npos) << r.out;
     r = Run("detail drive 7");
-    EXPECT_NE(r.out.find("ulFlags            : 21 (0x15)\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("ulFlags            : hotspare, unassigned, standby (0x15)\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("busType            : SAS (10)\n"), std::string::npos) << r.out;
+    // A LUN listing: its pool (vdisk) and mapped hosts; extents name their drives.
+    r = Run("list luns");
+    EXPECT_NE(r.out.find("POOL"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("host01.demo.local"), std::string::npos) << r.out;
+    r = Run("extents lun db01");
+    EXPECT_NE(r.out.find("drive 0 (0:0 3SJ01201K)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("used by lun 0 (db01)"), std::string::npos) << r.out;
 }
 
 TEST_F(LoadedShell, ScriptStopsAtTheFirstFailureAndNamesItsLine) {
@@ -393,6 +433,8 @@ TEST_F(LoadedShell, OverviewIsOneJsonDocument) {
     EXPECT_EQ(doc["controllers"].size(), 2u);
     EXPECT_EQ(doc["ports"].size(), 4u);
     EXPECT_EQ(doc["drives"].size(), 12u);
+    EXPECT_EQ(doc["plexes"].size(), 5u);  // every kind
+    EXPECT_TRUE(doc["overview"].is_string());
 }
 
 TEST_F(LoadedShell, ASelectionThatWentAwayIsSaidSo) {
@@ -415,6 +457,13 @@ TEST_F(LoadedShell, CompletionNumbersTheObjectsOfTheKindNamed) {
     EXPECT_EQ(trovctl::Completions({"detail", "drive"}, "1", shell.get()), (Words{"1", "10", "11"}));
     // A kind the command does not take is not counted.
     EXPECT_EQ(trovctl::Completions({"flushcache", "drive"}, "", shell.get()), (Words{"controller"}));
+    // Names and serials as they are written, found in any case; without a kind word once a word
+    // has begun.
+    EXPECT_EQ(trovctl::Completions({"detail", "lun"}, "DB", shell.get()), (Words{"db01"}));
+    EXPECT_EQ(trovctl::Completions({"setflag", "drive", "hotspare", "drive"}, "3sj0120", shell.get()),
+              (Words{"3SJ01201K", "3SJ01202K", "3SJ01203K", "3SJ01204K", "3SJ01205K", "3SJ01206K", "3SJ01207K",
+                     "3SJ01208K"}));
+    EXPECT_EQ(trovctl::Completions({"extents"}, "arch", shell.get()), (Words{"archive01"}));
 }
 
 struct SplitCase {

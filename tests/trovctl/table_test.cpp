@@ -1,6 +1,8 @@
 // Completion from the command table; the progress bar; the settings trovctl writes for one run.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -23,7 +25,7 @@ TEST(CommandTable, CompletionOffersTheWordsThatMayComeNext) {
         const char* partial;
         Words offer;
     } cases[] = {
-        {{}, "re", {"reenumerate", "refresh"}},
+        {{}, "re", {"reenumerate", "refresh", "register"}},
         {{"name"}, "", {"lun", "subsystem"}},
         {{"maintenance"}, "", {"beep", "blink", "pulse", "stop"}},
         {{"maintenance", "pulse", "3"}, "", {"controller", "drive"}},
@@ -34,6 +36,10 @@ TEST(CommandTable, CompletionOffersTheWordsThatMayComeNext) {
         {{"target", "secret", "s3cret"}, "", {"initiator", "target"}},
         {{"extents"}, "p", {"plex", "pool"}},
         {{"frobnicate"}, "", {}},
+        {{}, "LI", {"list"}},  // commands in any case
+        {{"LIST"}, "PORTA", {"portalgroups", "portals"}},
+        {{"Maintenance"}, "B", {"beep", "blink"}},
+        {{"SetFlag", "DRIVE"}, "", {"hotspare"}},
     };
     for (const auto& c : cases) {
         std::string line;
@@ -90,6 +96,40 @@ TEST(SettingsFiles, TheTimeoutOverlayKeepsTheSettingsAndItsValueWins) {
     EXPECT_EQ(s.Find(key, "Name")->text, "lab");
     ASSERT_NE(s.Find(kelvane, "ConfigurationFile"), nullptr);
     EXPECT_EQ(s.Find(kelvane, "ConfigurationFile")->text, "/tmp/k.conf");
+}
+
+TEST(SettingsFiles, APasswordKeptOutOfTheFileGoesIntoAPrivateCopy) {
+    const struct {
+        std::string password;
+        const char* problem;  // empty: fine
+    } cases[] = {{"s3cret", ""},
+                 {std::string(48, 'p'), ""},
+                 {std::string(49, 'p'), "longer than 48"},
+                 {"", "is empty"},
+                 {"a:b", "colon"},
+                 {"two\nlines", "line break"},
+                 {" padded", "blank"}};
+    for (const auto& c : cases) {
+        std::string why = trovctl::PasswordProblem(c.password);
+        if (*c.problem == '\0')
+            EXPECT_EQ(why, "") << c.password;
+        else
+            EXPECT_NE(why.find(c.problem), std::string::npos) << c.password << ": " << why;
+    }
+
+    trovctl::TempFile conf("trovctl-conf"), copy("trovctl-copy");
+    std::ofstream(conf.path()) << "version  :1\nipaddress:127.0.0.1\nusername :admin\npassword :old\n  password :older\n"
+                                  "port     :9000\n";
+    std::string err;
+    ASSERT_TRUE(trovctl::WriteConfWithPassword(conf.path(), "n3w", copy.path(), &err)) << err;
+    std::stringstream text;
+    text << std::ifstream(copy.path()).rdbuf();
+    EXPECT_EQ(text.str(), "version  :1\nipaddress:127.0.0.1\nusername :admin\nport     :9000\npassword :n3w\n");
+    struct stat st {};
+    ASSERT_EQ(stat(copy.path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_FALSE(trovctl::WriteConfWithPassword("/nonexistent/kelvane.conf", "x", copy.path(), &err));
+    EXPECT_NE(err.find("/nonexistent/kelvane.conf"), std::string::npos) << err;
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Commands on iSCSI targets, their portal groups and the secrets of their sessions.
 #include "handlers.h"
+#include "interrupt.h"
 #include "platform/platform.h"
 #include "platform/wstr.h"
 #include "shell.h"
+#include "targets.h"
 
 namespace trovctl {
 
@@ -15,16 +17,36 @@ bool SecretOf(const std::string& word, std::string* secret) {
     return true;
 }
 
+// Whether the word at the secret's place is one (else the secret was left out, to be asked).
+bool IsSecretWord(const std::vector<std::string>& a, size_t at) {
+    if (a.size() <= at) return false;
+    Kind k;
+    GUID id{};
+    return a[at] == "-" || (a[at] != "initiator" && !ParseKind(a[at], &k) && !GuidFromString(a[at], &id));
+}
+
+// The secret left out of the line, asked without echo. An exit status.
+int AskFor(Shell& sh, const std::string& prompt, std::string* secret) {
+    if (!sh.AskSecret(prompt, secret))
+        return sh.Usage("no terminal to ask the secret on: give it on the line (- for none)");
+    if (interrupt::Pending()) return kInterrupted;
+    if (secret->empty()) return sh.Usage("no secret given (- on the line clears it)");
+    return kOk;
+}
+
 LPWSTR Wide(const std::u16string& s) { return const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(s.c_str())); }
 
 }  // namespace
 
 int CmdTargetSecret(Shell& sh, const Call& c) {
     const std::vector<std::string>& a = c.args;
-    if (a.empty()) return sh.UsageOf(*c.cmd);
     std::string secret;
-    bool present = SecretOf(a[0], &secret);
-    size_t next = 1;
+    bool present = true;
+    size_t next = 0;
+    if (IsSecretWord(a, 0)) {
+        present = SecretOf(a[0], &secret);
+        next = 1;
+    }
     std::u16string initiator;
     bool named = false;
     if (a.size() > next && a[next] == "initiator") {
@@ -38,6 +60,7 @@ int CmdTargetSecret(Shell& sh, const Call& c) {
     if (rc != kOk) return rc;
     CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
     if (!t) return sh.Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    if (next == 0 && (rc = AskFor(sh, "CHAP secret of " + ShortLabel(o) + ": ", &secret)) != kOk) return rc;
     VDS_ISCSI_SHARED_SECRET s{reinterpret_cast<UCHAR*>(secret.data()), static_cast<ULONG>(secret.size())};
     HRESULT hr = t->SetSharedSecret(present ? &s : nullptr, named ? Wide(initiator) : nullptr);
     if (FAILED(hr)) return sh.Failed("SetSharedSecret", hr);
@@ -46,14 +69,16 @@ int CmdTargetSecret(Shell& sh, const Call& c) {
 }
 
 int CmdInitiatorSecret(Shell& sh, const Call& c) {
-    if (c.args.size() < 2) return sh.UsageOf(*c.cmd);
+    if (c.args.empty()) return sh.UsageOf(*c.cmd);
     std::string secret;
-    bool present = SecretOf(c.args[1], &secret);
+    bool given = IsSecretWord(c.args, 1);
+    bool present = given ? SecretOf(c.args[1], &secret) : true;
     Object o;
-    int rc = sh.ResolveArgs(c, 2, &o);
+    int rc = sh.ResolveArgs(c, given ? 2 : 1, &o);
     if (rc != kOk) return rc;
     CComPtr<IVdsIscsiTarget> t = As<IVdsIscsiTarget>(o.unk, IID_IVdsIscsiTarget);
     if (!t) return sh.Failed("QueryInterface(IVdsIscsiTarget)", E_NOINTERFACE);
+    if (!given && (rc = AskFor(sh, "secret of " + c.args[0] + ": ", &secret)) != kOk) return rc;
     std::u16string name = Utf8ToWide(c.args[0]);
     VDS_ISCSI_SHARED_SECRET s{reinterpret_cast<UCHAR*>(secret.data()), static_cast<ULONG>(secret.size())};
     HRESULT hr = t->RememberInitiatorSharedSecret(Wide(name), present ? &s : nullptr);

@@ -1,4 +1,6 @@
 // Commands on storage pools.
+#include <set>
+
 #include "handlers.h"
 #include "shell.h"
 
@@ -11,16 +13,21 @@ int CmdPoolLuns(Shell& sh, const Call& c) {
     CComPtr<IVdsStoragePool> pool = As<IVdsStoragePool>(o.unk, IID_IVdsStoragePool);
     if (!pool) return sh.Failed("QueryInterface(IVdsStoragePool)", E_NOINTERFACE);
     IEnumVdsObject* e = nullptr;
-    std::vector<Object> luns;
+    std::vector<Object> held;
     HRESULT hr = pool->QueryAllocatedLuns(&e);
-    if (FAILED(hr) || FAILED(hr = Drain(e, Kind::Lun, &luns))) return sh.Failed("QueryAllocatedLuns", hr);
-    Json rows = Json::array();
-    for (Object& l : luns) {
+    if (FAILED(hr) || FAILED(hr = Drain(e, Kind::Lun, &held))) return sh.Failed("QueryAllocatedLuns", hr);
+    // Numbered as "list luns" numbers them: the pool's LUNs among all of them, by their ids.
+    std::vector<Object> all, mine;
+    if (FAILED(hr = sh.Enumerate(Kind::Lun, &all))) return sh.Failed("the enumeration of the tree", hr);
+    std::set<std::string> ids;
+    for (Object& l : held) {
         Json j;
         if (FAILED(hr = Describe(l, &j))) return sh.Failed("GetProperties", hr);
-        rows.push_back(std::move(j));
+        ids.insert(j.value("id", std::string()));
     }
-    sh.render().Table(Kind::Lun, rows, sh.Doubt());
+    for (Object& l : all)
+        if (ids.count(l.props.value("id", std::string()))) mine.push_back(l);
+    sh.render().Table(Kind::Lun, RowsOf(sh, Kind::Lun, mine), sh.Doubt());
     return kOk;
 }
 

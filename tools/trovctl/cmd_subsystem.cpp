@@ -5,8 +5,13 @@
 
 namespace trovctl {
 
+namespace {
+constexpr size_t kArrayNameChars = 80;
+}  // namespace
+
 int CmdNameSubsystem(Shell& sh, const Call& c) {
     if (c.args.empty()) return sh.UsageOf(*c.cmd);
+    if (c.args[0].empty()) return sh.Usage("a subsystem name cannot be empty");
     Object o;
     int rc = sh.ResolveArgs(c, 1, &o);
     if (rc != kOk) return rc;
@@ -16,7 +21,12 @@ int CmdNameSubsystem(Shell& sh, const Call& c) {
     HRESULT hr = n->SetFriendlyName(const_cast<LPWSTR>(reinterpret_cast<const WCHAR*>(name.c_str())));
     if (FAILED(hr)) return sh.Failed("SetFriendlyName", hr);
     // A name the provider had to cut succeeds with a word of its own.
-    sh.Done(hr == S_OK ? "name subsystem" : "name subsystem (" + HrText(hr) + ")");
+    sh.Done("name subsystem", hr);
+    // The array keeps 80 characters; the provider cuts a longer name without a word, and shows
+    // the old one until the tree is read again.
+    if (hr == S_OK && name.size() > kArrayNameChars)
+        sh.render().Note("the name has " + std::to_string(name.size()) + " characters: the array keeps the first " +
+                         std::to_string(kArrayNameChars) + ", and the old name is shown until the next refresh");
     return kOk;
 }
 

@@ -37,6 +37,9 @@ enum CommandFlags : unsigned {
                                  // starts the monitor for it
     kRebuilds = 1u << 2,         // reads the whole tree again: done without a failure, listings
                                  // are whole again
+    kAsks = 1u << 4,             // asks before it acts (delete lun); --yes after it answers
+    kSecret = 1u << 3,           // may carry a secret: asked without echo when not given, and a
+                                 // line that carries one is kept out of the history
 };
 
 struct Command {
@@ -53,16 +56,19 @@ struct Command {
 // The table, in the order of the help text.
 const std::vector<Command>& Commands();
 
-// The entry a line names, with its words split into fixed words and arguments. Null when none
-// does; then *error says why (an unknown command, or the usage of the group the first word names).
+// The entry a line names, with its words split into fixed words (in lower case: commands are
+// taken in any case) and arguments. Null when none does; then *error says why (an unknown
+// command, or the usage of the group the first word names).
 const Command* FindCommand(const std::vector<std::string>& words, Call* call, std::string* error);
 // The usage of the group an entry belongs to: "name subsystem|lun NAME [TARGET]".
 std::string GroupUsage(const Command& cmd);
 // Every command with its words and what it does, for --help and the help command.
 std::string HelpText();
 
-// The words that may complete `partial` after `before` (the complete words of the line so far).
-// Object numbers are counted through `shell` when a kind word precedes; null: none offered.
+// The words that may complete `partial` after `before` (the complete words of the line so far),
+// in any case. Through `shell` (null: none offered) the objects of the command's kinds: after a
+// kind word their numbers and names (and drives' serials), elsewhere their names once a word
+// has begun.
 std::vector<std::string> Completions(const std::vector<std::string>& before, const std::string& partial,
                                      Shell* shell);
 

@@ -1,14 +1,20 @@
 // The interactive loop: on a terminal, readline's callback interface over a poll of standard
-// input and the Ctrl-C descriptor, with completion from the command table and history in
-// ~/.trovctl_history; otherwise the lines of standard input, read the same way. A Ctrl-C cancels
-// the line being typed; on an empty line it says how to leave, and a second one leaves.
+// input, the Ctrl-C descriptor and the descriptor that says a notification waits, with
+// completion from the command table and history in ~/.trovctl_history (saved line by line; a
+// line that carries a secret is kept out of it); otherwise the lines of standard input, read the
+// same way. A Ctrl-C cancels the line being typed; on an empty line it says how to leave, and a
+// second one leaves. A notification that comes while a line is typed is printed above it, and
+// the prompt and the line are drawn again.
 #include <poll.h>
 #include <readline/history.h>
 #include <readline/readline.h>
+#include <sys/eventfd.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
@@ -54,25 +60,36 @@ char** Complete(const char* text, int start, int) {
     return rl_completion_matches(text, NextOffer);
 }
 
-// Waits until standard input or the Ctrl-C descriptor is readable: 1 input, 2 Ctrl-C, -1 error.
-int WaitInput() {
+// Waits until standard input, the Ctrl-C descriptor or `kept` (when not -1) is readable:
+// 1 input, 2 Ctrl-C, 3 a notification to print, -1 error.
+int WaitInput(int kept = -1) {
     for (;;) {
         if (interrupt::Pending()) return 2;
-        pollfd p[2] = {{STDIN_FILENO, POLLIN, 0}, {interrupt::WakeFd(), POLLIN, 0}};
-        int r = poll(p, interrupt::WakeFd() >= 0 ? 2 : 1, -1);
+        pollfd p[3] = {{STDIN_FILENO, POLLIN, 0}, {interrupt::WakeFd(), POLLIN, 0}, {kept, POLLIN, 0}};
+        int r = poll(p, 3, -1);
         if (r < 0) {
             if (errno == EINTR) continue;
             return -1;
         }
         if (p[1].revents & POLLIN) return 2;
+        if (p[2].revents & POLLIN) return 3;
         if (p[0].revents & (POLLIN | POLLHUP | POLLERR)) return 1;
     }
 }
 
+// True when the line must stay out of the history.
+bool Secret(const std::string& line) {
+    std::vector<std::string> words;
+    std::string err;
+    return SplitLine(line, &words, &err) && CarriesSecret(words);
+}
+
 std::string Prompt(const Shell& sh) {
     std::string prompt = "trovctl";
+    // The selection by its number, as the listings show it (its id only when it has none).
     if (const Object* s = sh.selection())
-        prompt += std::string(" ") + KindName(s->kind) + " " + GuidToString(s->id).substr(0, 8);
+        prompt += std::string(" ") + KindName(s->kind) + " " +
+                  (s->number >= 0 ? std::to_string(s->number) : GuidToString(s->id).substr(0, 8));
     return prompt + "> ";
 }
 
@@ -98,14 +115,38 @@ int Shell::RunTerminal() {
     rl_attempted_completion_function = Complete;
     bool armed = false;  // a Ctrl-C on an empty line came: the next one leaves
     bool installed = false;
+    if (keptFd_ < 0) keptFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    auto editing = [this](bool on) {
+        std::lock_guard<std::mutex> g(notifyMu_);
+        editing_ = on;
+    };
     while (!quit_ && !interrupt::Ending()) {
         if (!installed) {
             g_lineReady = false;
             rl_callback_handler_install(Prompt(*this).c_str(), OnLine);
             installed = true;
+            editing(true);
         }
-        int what = WaitInput();
+        int what = WaitInput(keptFd_);
         if (what < 0) break;
+        if (what == 3) {
+            uint64_t n;
+            (void)!read(keptFd_, &n, sizeof n);
+            // Printed above the line being typed; then the prompt and the line come again.
+            char* line = rl_copy_text(0, rl_end);
+            int point = rl_point;
+            rl_save_prompt();
+            rl_replace_line("", 0);
+            rl_redisplay();
+            std::fputs("\r", rl_outstream ? rl_outstream : stdout);
+            PrintKept();
+            rl_restore_prompt();
+            rl_replace_line(line, 0);
+            rl_point = point;
+            rl_forced_update_display();
+            std::free(line);
+            continue;
+        }
         if (what == 2 && !interrupt::Pending()) {  // no Ctrl-C: the terminal's size changed
             interrupt::Drain();
             if (interrupt::TakeResize()) rl_resize_terminal();
@@ -133,11 +174,13 @@ int Shell::RunTerminal() {
         rl_callback_read_char();
         if (!g_lineReady) continue;
         installed = false;
+        editing(false);
+        PrintKept();  // what came while the line was finished
         if (g_endOfInput) {
             render_.out() << std::endl;
             break;
         }
-        if (!g_line.empty()) {
+        if (!g_line.empty() && !Secret(g_line)) {
             add_history(g_line.c_str());
             if (!history.empty()) append_history(1, history.c_str());
         }
@@ -147,8 +190,85 @@ int Shell::RunTerminal() {
         interrupt::Clear();
     }
     if (installed) rl_callback_handler_remove();
+    editing(false);
+    PrintKept();
     g_shell = nullptr;
     return rc;
+}
+
+void Shell::PrintKept() {
+    std::deque<VDS_NOTIFICATION> kept;
+    {
+        std::lock_guard<std::mutex> g(notifyMu_);
+        kept.swap(kept_);
+    }
+    for (const VDS_NOTIFICATION& n : kept) PrintNotification(n);
+}
+
+bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
+    secret->clear();
+    if (!mayAsk_ || !isatty(STDIN_FILENO)) return false;
+    termios old{};
+    if (tcgetattr(STDIN_FILENO, &old) != 0) return false;
+    termios quiet = old;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    quiet.c_lflag |= ICANON;
+    render_.out().flush();
+    // Echo goes off before the prompt shows, so that nothing typed after it is echoed.
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::cerr << prompt << std::flush;
+    std::string line;
+    bool done = false;
+    while (!done) {
+        if (WaitInput() != 1) break;  // Ctrl-C: nothing is taken
+        char buf[256];
+        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        for (ssize_t i = 0; i < n && !done; ++i) {
+            if (buf[i] == '\n' || buf[i] == '\r')
+                done = true;
+            else
+                line += buf[i];
+        }
+    }
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
+    std::cerr << "\n" << std::flush;  // the Enter was not echoed
+    if (done) secret->swap(line);
+    std::fill(line.begin(), line.end(), '\0');
+    return true;
+}
+
+bool Shell::Confirm(const std::string& question) {
+    if (assumeYes_ || inScript_ || !mayAsk_ || !isatty(STDIN_FILENO)) return true;
+    termios old{};
+    if (tcgetattr(STDIN_FILENO, &old) != 0) return true;
+    termios plain = old;
+    plain.c_lflag |= ICANON | ECHO;
+    render_.out().flush();
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &plain);
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string line;
+    bool done = false;
+    while (!done && line.size() < 64) {
+        if (WaitInput() != 1) break;  // Ctrl-C: no answer is no
+        char buf[64];
+        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        for (ssize_t i = 0; i < n && !done; ++i) {
+            if (buf[i] == '\n' || buf[i] == '\r')
+                done = true;
+            else
+                line += buf[i];
+        }
+    }
+    tcsetattr(STDIN_FILENO, TCSANOW, &old);
+    if (!done) std::cerr << "\n" << std::flush;
+    std::string answer = Lower(line);
+    answer.erase(0, answer.find_first_not_of(" \t"));
+    answer.erase(answer.find_last_not_of(" \t") + 1);
+    return done && (answer == "y" || answer == "yes");
 }
 
 int Shell::RunLines() {

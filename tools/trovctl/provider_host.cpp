@@ -1,6 +1,9 @@
 #include "provider_host.h"
 
 #include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -49,10 +52,25 @@ ProviderHost::~ProviderHost() {
 std::string DefaultModulePath() {
     const char* env = std::getenv("TROVCTL_MODULE");
     if (env && *env) return env;
+    // An installed trovctl finds the installed module by its own place, so that a staged tree
+    // (DESTDIR) works as well as the real one.
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n > 0) {
+        self[n] = '\0';
+        std::string dir(self);
+        dir.erase(dir.rfind('/'));
+        std::string installed = dir + "/../" TROV_INSTALL_LIBDIR "/trovhwiprv/libtrovhwiprv.so";
+        if (access(installed.c_str(), F_OK) == 0) {
+            char resolved[PATH_MAX];
+            return realpath(installed.c_str(), resolved) ? resolved : installed;
+        }
+    }
     return std::string(TROV_MODULE_DIR) + "/libtrovhwiprv.so";
 }
 
-bool ProviderHost::Open(const std::string& path, std::string* err) {
+bool ProviderHost::Open(const std::string& path, std::string* err, const CLSID& clsid) {
+    clsid_ = clsid;
     module_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (!module_) {
         *err = dlerror();
@@ -71,7 +89,7 @@ bool ProviderHost::Open(const std::string& path, std::string* err) {
 HRESULT ProviderHost::Load(NotifyFn onNotify) {
     if (!getClassObject_) return E_UNEXPECTED;
     IClassFactory* factory = nullptr;
-    HRESULT hr = getClassObject_(CLSID_TrovHwProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory));
+    HRESULT hr = getClassObject_(clsid_, IID_IClassFactory, reinterpret_cast<void**>(&factory));
     if (FAILED(hr)) return hr;
     hr = factory->CreateInstance(nullptr, IID_IVdsProvider, reinterpret_cast<void**>(&provider_));
     factory->Release();

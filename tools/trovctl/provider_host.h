@@ -9,6 +9,7 @@
 
 #include "platform/com.h"
 #include "platform/host_sink.h"
+#include "platform/provider_ids.h"
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"
 
@@ -21,7 +22,8 @@ public:
     ~ProviderHost();
 
     // Opens the module at `path` and finds its entry points. False with *err on failure.
-    bool Open(const std::string& path, std::string* err);
+    // The provider is created from the module's class `clsid`.
+    bool Open(const std::string& path, std::string* err, const CLSID& clsid = CLSID_TrovHwProvider);
     // Creates the provider and calls OnLoad; with `onNotify` the host's advise sink goes along
     // (and the provider starts its event monitor), without it none.
     HRESULT Load(NotifyFn onNotify);
@@ -43,6 +45,7 @@ public:
 private:
     class Sink;
     void* module_ = nullptr;
+    CLSID clsid_ = CLSID_TrovHwProvider;
     HRESULT (*getClassObject_)(REFCLSID, REFIID, void**) = nullptr;
     TrovSetHostSinkFn setHostSink_ = nullptr;
     bool sinkInstalled_ = false;
@@ -50,5 +53,6 @@ private:
     Sink* sink_ = nullptr;
 };
 
-// The module's path: beside the trovctl binary's build, unless TROVCTL_MODULE says otherwise.
+// The module's path: TROVCTL_MODULE, else the installed module beside an installed trovctl
+// (../lib/<multiarch>/trovhwiprv/), else the one beside the trovctl binary's build.
 std::string DefaultModulePath();

@@ -1,6 +1,7 @@
 // The files trovctl writes for one run and the file arguments it reads: a settings file that
-// points the provider at a kelvane.conf, and a copy of the settings in use with a reply time-out
-// of the operator's choosing laid over them. Both are in the registry's export format
+// points the provider at a kelvane.conf, a copy of the settings in use with a reply time-out
+// of the operator's choosing laid over them, and a private copy of a kelvane.conf with a password
+// that was kept out of the file. Both are in the registry's export format
 // (platform/settings.h); a later value of a key replaces an earlier one, which the overlay uses.
 #pragma once
 
@@ -20,6 +21,14 @@ bool WriteSettingsFor(const std::string& conf, const std::string& path);
 // Writes at `path` the settings of `base` (none when it does not exist) with the DWORD
 // ReplyTimeout = `seconds` under the provider's Parameters key. False with *err on failure.
 bool WriteTimeoutOverlay(const std::string& base, uint32_t seconds, const std::string& path, std::string* err);
+// Why a password cannot go into a kelvane.conf ("is longer than 48 characters", "contains a
+// colon"); empty when it can.
+std::string PasswordProblem(const std::string& password);
+// Writes at `path` the kelvane.conf `conf` with its password line (if any) replaced by one that
+// holds `password`. The file at `path` is made readable by its owner only. False with *err.
+bool WriteConfWithPassword(const std::string& conf, const std::string& password, const std::string& path,
+                           std::string* err);
+
 // Why a file named on the command line cannot be read ("No such file or directory", "is a
 // directory"); empty when it can.
 std::string UnreadableFile(const std::string& path);

@@ -1,5 +1,8 @@
 #include "shell.h"
 
+#include <unistd.h>
+
+#include <cctype>
 #include <iostream>
 
 #include "host_messages.h"
@@ -8,6 +11,33 @@
 #include "platform/wstr.h"
 
 namespace trovctl {
+
+namespace {
+
+// An option of trovctl's command line: given after a command, it is a slip to point out.
+bool IsOption(const std::string& w) {
+    static const char* const kShort[] = {"-t", "-f", "-h", "-H"};
+    if (w.size() > 2 && w[0] == '-' && w[1] == '-' && std::isalpha(static_cast<unsigned char>(w[2]))) return true;
+    for (const char* o : kShort)
+        if (w == o) return true;
+    return false;
+}
+
+}  // namespace
+
+bool CarriesSecret(const std::vector<std::string>& words) {
+    Call call{nullptr, {}, {}};
+    std::string err;
+    const Command* cmd = FindCommand(words, &call, &err);
+    if (!cmd || !(cmd->flags & kSecret)) return false;
+    // target secret SECRET|- ...; initiator secret NAME SECRET|- ...
+    size_t at = call.fixed[0] == "initiator" ? 1 : 0;
+    if (call.args.size() <= at) return false;
+    Kind k;
+    GUID id{};
+    const std::string& w = call.args[at];
+    return w != "-" && w != "initiator" && !ParseKind(w, &k) && !GuidFromString(w, &id);
+}
 
 bool SplitLine(const std::string& line, std::vector<std::string>* words, std::string* err) {
     words->clear();
@@ -43,6 +73,10 @@ bool SplitLine(const std::string& line, std::vector<std::string>* words, std::st
 Shell::Shell(IVdsProvider* provider, std::ostream& out, std::ostream& err, bool json)
     : provider_(provider), render_(out, err, json) {}
 
+Shell::~Shell() {
+    if (keptFd_ >= 0) close(keptFd_);
+}
+
 // --- reporting -------------------------------------------------------------------------------
 
 int Shell::Failed(const std::string& call, HRESULT hr) {
@@ -61,9 +95,9 @@ int Shell::Usage(const std::string& message) {
 
 int Shell::UsageOf(const Command& cmd) { return Usage("usage: " + GroupUsage(cmd)); }
 
-void Shell::Done(const std::string& what) {
+void Shell::Done(const std::string& what, HRESULT hr) {
     if (messages_ && !messages_->Failures().empty()) return;
-    render_.Done(what);
+    render_.Done(what, hr);
 }
 
 std::string Shell::Doubt() const {
@@ -89,6 +123,11 @@ int Shell::Execute(const std::vector<std::string>& words) {
     std::string error;
     const Command* cmd = FindCommand(words, &call, &error);
     if (!cmd) return Usage(error);
+    // A secret may begin with dashes: only other commands' words are taken for options.
+    for (const std::string& w : call.args)
+        if (!(cmd->flags & kSecret) && IsOption(w) && !((cmd->flags & kAsks) && (w == "--yes" || w == "-y")))
+            return Usage("\"" + w + "\" is an option of trovctl, not a word of " + call.fixed[0] +
+                         ": options go before the command (trovctl " + w + " " + call.fixed[0] + " ...)");
     BeginCommand();
     int rc = cmd->run(*this, call);
     return EndCommand(rc, (cmd->flags & kRebuilds) != 0);
@@ -130,6 +169,11 @@ int Shell::EndLoad(HRESULT hr) {
 }
 
 int Shell::RunScript(std::istream& in, const std::string& name) {
+    struct InScript {
+        bool& flag;
+        explicit InScript(bool& f) : flag(f) { flag = true; }
+        ~InScript() { flag = false; }
+    } inScript(inScript_);
     std::string line;
     int lineNo = 0;
     while (!quit_ && std::getline(in, line)) {
@@ -151,10 +195,15 @@ int Shell::RunScript(std::istream& in, const std::string& name) {
 // never calls into the provider while it holds notifyMu_.
 void Shell::OnNotification(const VDS_NOTIFICATION& n) {
     std::lock_guard<std::mutex> g(notifyMu_);
-    if (watching_)
+    if (watching_ && editing_) {
+        kept_.push_back(n);
+        uint64_t one = 1;
+        if (keptFd_ >= 0) (void)!write(keptFd_, &one, sizeof one);
+    } else if (watching_) {
         PrintNotification(n);
-    else
+    } else {
         pending_.push_back(n);
+    }
 }
 
 void Shell::StartWatching() {

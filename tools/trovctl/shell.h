@@ -1,7 +1,7 @@
 // The trovctl command language: one command per line, the same in one-shot, script and
 // interactive use. The shell keeps a selected object between lines; commands that act on one
-// object take it from a target at the end of the line ("drive 3", "controller 0", an id) or else
-// from the selection. Everything goes through the provider's published interfaces.
+// object take it from a target at the end of the line ("drive 3", "lun db01", "drive 0:3", an id)
+// or else from the selection. List numbers stay with their objects for the whole run. Everything goes through the provider's published interfaces.
 //
 // Each command runs between BeginCommand and EndCommand. With the provider's failure lines at
 // hand (SetMessages), a command during which an exchange with the proxy service failed is
@@ -26,6 +26,9 @@
 
 namespace trovctl {
 
+// trovctl's own version, which --version and the version command print.
+constexpr const char* kTrovctlVersion = "1.1.0";
+
 // Exit statuses.
 constexpr int kOk = 0;
 constexpr int kFailed = 1;       // the provider refused (an HRESULT)
@@ -35,6 +38,9 @@ constexpr int kInterrupted = 130;  // Ctrl-C
 
 class HostMessages;
 
+// True when `words` (a command line) carry a secret that must not reach the history.
+bool CarriesSecret(const std::vector<std::string>& words);
+
 // Splits a line into words: blanks separate, double quotes group, a backslash escapes the next
 // character, '#' outside quotes starts a comment. False (with *err) on an unterminated quote.
 bool SplitLine(const std::string& line, std::vector<std::string>* words, std::string* err);
@@ -43,6 +49,7 @@ class Shell {
 public:
     // `provider`: a loaded provider (or null until SetProvider); the shell holds no reference.
     Shell(IVdsProvider* provider, std::ostream& out, std::ostream& err, bool json);
+    ~Shell();
 
     // Runs one command (already split). Returns an exit status.
     int Execute(const std::vector<std::string>& words);
@@ -82,8 +89,10 @@ public:
     bool json() const { return render_.json(); }
     // Every object of a kind; a Ctrl-C ends the walk with E_ABORT.
     HRESULT Enumerate(Kind kind, std::vector<Object>* out);
-    // The object a target names: "KIND N" (the N-th of a listing), "KIND ID" or "ID". With no
-    // target words: the selection, or the only object of the first kind when there is one.
+    // The object a target names: "[KIND] WHAT", WHAT a list number (numbering()), an id, a name,
+    // an identification or serial, or a drive's BUS:SLOT (targets.h); a name that fits several
+    // objects is refused with the candidates. With no target words: the selection, or the only
+    // object of the first kind when there is one.
     int Resolve(const std::vector<std::string>& target, const std::vector<Kind>& kinds, Object* out);
     // The same for the call's arguments from `from` on, with the kinds of the call's entry.
     int ResolveArgs(const Call& call, size_t from, Object* out);
@@ -92,9 +101,9 @@ public:
     int Usage(const std::string& message);
     // "usage: <the usage of the entry's group>".
     int UsageOf(const Command& cmd);
-    // The confirmation of an action - unless an exchange failed during it, which EndCommand
-    // reports instead.
-    void Done(const std::string& what);
+    // The confirmation of an action, with what a success other than S_OK means - unless an
+    // exchange failed during it, which EndCommand reports instead.
+    void Done(const std::string& what, HRESULT hr = S_OK);
     // Why a listing shown now may be incomplete; empty when nothing failed since the tree was
     // last read whole.
     std::string Doubt() const;
@@ -102,12 +111,31 @@ public:
     void Quit() { quit_ = true; }
     void StartWatching();
     void StopWatching();
+    // Whether secrets left out of a line may be asked for on standard input, a terminal (off
+    // until set: a shell that a program drives has no one to ask).
+    void SetMayAsk(bool mayAsk) { mayAsk_ = mayAsk; }
+    // Reads a secret from the terminal without echo (an empty one when the reading was cut short
+    // by Ctrl-C or the end of input). False when there is no terminal to ask on.
+    bool AskSecret(const std::string& prompt, std::string* secret);
+    // Whether a question (delete lun) is answered yes without asking (--yes).
+    void SetAssumeYes(bool yes) { assumeYes_ = yes; }
+    // Asks `question` on the terminal and reads the answer; true for y or yes. Asks nothing, and
+    // answers true, with --yes, in a script, or where standard input is no terminal: a script
+    // or a program that runs trovctl has said what it wants. False when the reading was cut short.
+    bool Confirm(const std::string& question);
+    // Whether long waits draw a progress bar on standard error (a terminal, no --json).
+    void SetProgress(bool progress) { progress_ = progress; }
+    bool showsProgress() const { return progress_ && !inScript_ && !json(); }
+    // The numbers of the objects listed in this run.
+    const Numbering& numbering() const { return numbering_; }
 
 private:
     void BeginCommand();
     // Reports the failures the provider gave during the command; the command's final status.
     int EndCommand(int rc, bool rebuilt);
     void PrintNotification(const VDS_NOTIFICATION& n);
+    // Prints the notifications kept for the terminal's line editor (its thread only).
+    void PrintKept();
     int RunTerminal();
     int RunLines();
 
@@ -115,12 +143,23 @@ private:
     Render render_;
     HostMessages* messages_ = nullptr;
     bool quit_ = false;
+    bool mayAsk_ = false;
+    bool assumeYes_ = false;
+    bool progress_ = false;
+    bool inScript_ = false;  // running the lines of a script: nothing is asked, no bar is drawn
     bool arrayReached_ = true;
     std::string doubt_;  // the failure since which listings may be incomplete
     Object selected_{Kind::Subsystem, {}, {}};
     std::mutex notifyMu_;
     std::deque<VDS_NOTIFICATION> pending_;
     bool watching_ = false;
+    // While the terminal's line editor owns the screen, a notification is not printed from the
+    // monitor's thread but kept, and the editor's thread is woken (keptFd_) to print it above
+    // the prompt and draw the prompt and the line again.
+    bool editing_ = false;
+    std::deque<VDS_NOTIFICATION> kept_;
+    int keptFd_ = -1;
+    Numbering numbering_;
 };
 
 }  // namespace trovctl

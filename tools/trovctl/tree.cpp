@@ -1,10 +1,14 @@
 #include "tree.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "platform/wstr.h"
 #include "render.h"
+#include "words.h"
 
 namespace trovctl {
 
@@ -42,11 +46,42 @@ const KindWords& WordsOf(Kind k) {
 
 }  // namespace
 
+std::string Lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+bool Numbering::Less::operator()(const GUID& a, const GUID& b) const { return std::memcmp(&a, &b, sizeof a) < 0; }
+
+void Numbering::Assign(Kind kind, std::vector<Object>* objects) {
+    auto& numbers = numbers_[kind];
+    for (Object& o : *objects) {
+        auto it = numbers.find(o.id);
+        if (it == numbers.end()) it = numbers.emplace(o.id, static_cast<long>(numbers.size())).first;
+        o.number = it->second;
+    }
+    std::stable_sort(objects->begin(), objects->end(),
+                     [](const Object& a, const Object& b) { return a.number < b.number; });
+}
+
+size_t Numbering::Issued(Kind kind) const {
+    auto it = numbers_.find(kind);
+    return it == numbers_.end() ? 0 : it->second.size();
+}
+
+long Numbering::NumberOf(Kind kind, const GUID& id) const {
+    auto it = numbers_.find(kind);
+    if (it == numbers_.end()) return -1;
+    auto n = it->second.find(id);
+    return n == it->second.end() ? -1 : n->second;
+}
+
 const char* KindName(Kind k) { return WordsOf(k).one; }
 std::string KindPlural(Kind k) { return WordsOf(k).many; }
 VDS_OBJECT_TYPE ObjectType(Kind k) { return WordsOf(k).type; }
 
-bool ParseKind(const std::string& w, Kind* k) {
+bool ParseKind(const std::string& word, Kind* k) {
+    std::string w = Lower(word);
     for (const KindWords& n : kKindWords)
         if (w == n.one || w == n.many) {
             *k = n.kind;
@@ -192,9 +227,17 @@ size_t SubsystemCount(IVdsProvider* provider) {
     return subsystems.size();
 }
 
+static HRESULT DescribeRecord(const Object& o, nlohmann::ordered_json* j);
+
 HRESULT PropsOf(Object& o) { return o.props.is_null() ? Describe(o, &o.props) : S_OK; }
 
 HRESULT Describe(const Object& o, nlohmann::ordered_json* j) {
+    HRESULT hr = DescribeRecord(o, j);
+    if (SUCCEEDED(hr)) *j = WithTextForms(o.kind, *j);
+    return hr;
+}
+
+static HRESULT DescribeRecord(const Object& o, nlohmann::ordered_json* j) {
     HRESULT hr = E_NOINTERFACE;
     switch (o.kind) {
     case Kind::Subsystem: {

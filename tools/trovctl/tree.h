@@ -3,6 +3,7 @@
 // as a JSON object with the published field names. Only the published interfaces are used.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,7 @@ extern const std::vector<Kind> kAllKinds;
 const char* KindName(Kind k);    // "drive"
 std::string KindPlural(Kind k);  // "drives", "plexes"
 VDS_OBJECT_TYPE ObjectType(Kind k);
-// "drive" or "drives": the kind; false for any other word.
+// "drive" or "drives" (in any case): the kind; false for any other word.
 bool ParseKind(const std::string& word, Kind* k);
 
 struct Object {
@@ -30,6 +31,27 @@ struct Object {
     GUID id{};
     CComPtr<IUnknown> unk;
     nlohmann::ordered_json props{};  // as the listing read them; null until read
+    long number = -1;                // its number in listings of this run; -1 until numbered
+};
+
+// The numbers of the objects of a run: an object keeps the number it was first listed under for
+// as long as the run lasts, whatever else changes (a rename reorders the provider's lists), and a
+// new object takes the next free number of its kind. Numbers of objects that went away are not
+// given again, so that "lun 2" never silently means another LUN.
+class Numbering {
+public:
+    // Numbers `objects` (in their order, new ones after the known ones) and sorts them by number.
+    void Assign(Kind kind, std::vector<Object>* objects);
+    // How many numbers of a kind were given out so far.
+    size_t Issued(Kind kind) const;
+    // The number of an object; -1 when it has none yet.
+    long NumberOf(Kind kind, const GUID& id) const;
+
+private:
+    struct Less {
+        bool operator()(const GUID& a, const GUID& b) const;
+    };
+    std::map<Kind, std::map<GUID, long, Less>> numbers_;
 };
 
 template <class T>
@@ -49,7 +71,11 @@ HRESULT Enumerate(IVdsProvider* provider, Kind kind, std::vector<Object>* out, b
 // The number of subsystems the provider knows: 0 when it reached no array.
 size_t SubsystemCount(IVdsProvider* provider);
 
-// The object's properties as published field names; S_OK or the failing call's result.
+// Lower case (ASCII): commands and kinds are taken in any case.
+std::string Lower(std::string s);
+
+// The object's properties as published field names, each enum and flags field followed by its
+// text form (words.h); S_OK or the failing call's result.
 HRESULT Describe(const Object& o, nlohmann::ordered_json* j);
 // The object's properties, read once.
 HRESULT PropsOf(Object& o);

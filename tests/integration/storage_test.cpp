@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 #include "core/globals.h"
-#include "objects/lun.h"
+#include "lun/lun.h"
 #include "objects/object_util.h"
 #include "objects/pool.h"
 #include "sim/model.h"

@@ -1,9 +1,11 @@
 // CLun: one volume (a partition of a vdisk) as the host sees it, or the dummy volume that stands
-// for a vdisk without partitions; CLunPlex: one plex of a LUN (a mirror has two).
+// for a vdisk without partitions. Its plexes are CLunPlex (lun/lunplex.h).
 //
-// Both hold a snapshot of what the array said when they were built; a refresh builds them again
-// and finds each under its old id through its key text (the LUN's serial text, and that text
-// with " Plex" or " Plex2" for the plexes).
+// A LUN holds a snapshot of what the array said when it was built; a refresh builds it again and
+// finds it under its old id through its key text (the LUN's serial text; its plexes use that text
+// with " Plex" or " Plex2"). A new LUN is made on the array by CreateAndInitialize
+// (lun/array_creation.cpp), which a request judged by CSubSystem::CreateLun (lun/creation.cpp)
+// calls; its size answers are in lun/capacity.cpp.
 #pragma once
 
 #include <atomic>
@@ -12,6 +14,7 @@
 
 #include "core/registry.h"
 #include "core/vds_base.h"
+#include "lun/lunplex.h"
 #include "platform/com.h"
 #include "platform/vds.h"
 #include "platform/vds_interfaces.h"
@@ -22,6 +25,7 @@ class CProvider;
 class CSubSystem;
 class CController;
 class CLun;
+struct DriveLists;
 
 // The LUN type of a vdisk by its RAID level; the newer types only on a host of the win7 kind.
 VDS_LUN_TYPE VdsTypeFromArray(const ArrayData& array, bool win7);
@@ -45,43 +49,6 @@ std::string DiskSnFromPartitionSnOld(const uint8_t* partSn);
 std::string NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialType,
                     const char* nameToForget = nullptr);
 void ResetNewNamesForTest();
-
-class CLunPlex : public CComObjectRootEx, public CVdsBase, public IVdsLunPlex {
-public:
-    static constexpr VDS_OBJECT_TYPE kObjectType = VDS_OT_LUN_PLEX;
-
-    CLunPlex();
-    ~CLunPlex() override;
-    HRESULT InternalQueryInterface(REFIID riid, void** ppv);
-
-    // IVdsLunPlex
-    HRESULT GetProperties(VDS_LUN_PLEX_PROP* pPlexProp) override;
-    HRESULT GetLun(IVdsLun** ppLun) override;
-    HRESULT QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) override;
-    HRESULT QueryHints(VDS_HINTS* pHints) override;
-    HRESULT ApplyHints(VDS_HINTS* pHints) override;
-
-    // `mirrorHalf`: a plex of a mirror; `firstHalf`: the first of the two.
-    void Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, CLun* lun, bool mirrorHalf,
-                    bool firstHalf);
-    void Dispose();
-    void TearDown() override { Dispose(); }
-
-    const VDS_LUN_PLEX_PROP& Prop() const { return m_prop; }
-    bool IsMirrorHalf() const { return m_isMirrorHalf; }
-    bool IsFirstHalf() const { return m_isFirstHalf; }
-
-private:
-    // A drive of this plex: a member of the LUN's vdisk holding a slot in it, of this half.
-    bool HoldsDrive(const class CDrive& d) const;
-
-    CProvider* m_pProvider = nullptr;    // counted
-    CSubSystem* m_pSubSystem = nullptr;  // counted
-    CLun* m_pLun = nullptr;              // counted
-    VDS_LUN_PLEX_PROP m_prop{};
-    bool m_isMirrorHalf = false;
-    bool m_isFirstHalf = false;
-};
 
 class CLun : public CComObjectRootEx,
              public CVdsBase,
@@ -154,6 +121,68 @@ public:
     void refreshWmiIfRequested();
     uint32_t WmiUpdateCookie() const { return m_wmiUpdateCookie; }
 
+    // --- Creation (lun/array_creation.cpp); the caller holds the notification mutex ---
+    // The RAID level CSubSystem::CreateLun settled, read by the creation below.
+    void SetRequestedRaidLevel(uint8_t raid) { m_requestedRaidLevel = raid; }
+    uint8_t RequestedRaidLevel() const { return m_requestedRaidLevel; }
+    // Makes the LUN on the array (a partition of an old vdisk, or a new vdisk and its partition)
+    // and builds this object from the array's answer. `type` and the drives are settled by the
+    // caller; a size of 0 is all that fits. Nothing the array has done is undone on a failure.
+    HRESULT CreateAndInitialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem,
+                                VDS_LUN_TYPE type, ULONGLONG ullSize, const VDS_OBJECT_ID* pDriveIdArray,
+                                LONG lNumberOfDrives, ULONG ulStripeSize, const VDS_HINTS& hints);
+    // First fit over controllers and vdisks. S_OK with newArray zeroed: no vdisk took it.
+    HRESULT CreateLunByAddPartition(VDS_LUN_TYPE type, ULONGLONG size, LONG nDrives, ULONG stripe,
+                                    const DriveLists& drives, const VDS_HINTS& hints, ArrayData* newArray,
+                                    PartitionData* newPart);
+    // A new vdisk (controller A before B) and its partition; `drives` empty: chosen by search.
+    HRESULT CreateLunByCreateArray(VDS_LUN_TYPE type, ULONGLONG size, ULONG stripe, DriveLists* drives,
+                                   const VDS_HINTS& hints, ArrayData* newArray, PartitionData* newPart);
+
+    // --- Growth (lun/extend.cpp); the caller holds the notification mutex ---
+    // Widens the drive lists with free, online drives of at least the lists' average size until
+    // the drives' capacity with `ullFreeInVdisk` reaches `ullBytesNeeded`. True when it does.
+    bool ReCalcDriveList(uint8_t raid, uint64_t ullBytesNeeded, uint64_t ullFreeInVdisk, DriveLists* lists,
+                         uint64_t* ullSizeAllDrives, uint32_t* numDrives);
+    HRESULT ExtendLocked(ULONGLONG bytes, const VDS_OBJECT_ID* drives, LONG count, IVdsAsync** ppAsync);
+    // The partition's new size after an expand_part; `unconfirmed`: counted as grown after twenty
+    // refusals, so the tree is marked stale.
+    void GrownTo(ULONGLONG bytes, bool unconfirmed);
+
+    // --- Hints (lun/lun_hints.cpp); the caller holds the notification mutex ---
+    // The LUN's VDS_HINTS; `askRelated`: ask the array whether master volumes use this backing
+    // store, or whether this master volume has snapshots.
+    void FillHints(VDS_HINTS* hints, bool askRelated);
+    // Whether the array reports master volumes of this backing store, or snapshots of this master
+    // volume; false for other LUNs and when the list cannot be read.
+    bool HasMasterVolume();
+    // To a master volume (`toMaster`) or back to a standard LUN.
+    HRESULT Convert(bool toMaster);
+
+    // --- Deletion (lun/delete.cpp); the caller holds the notification mutex ---
+    // The array's half of Delete; *waitForRefresh when the LUN leaves the tree only with the
+    // refresh the array's event causes.
+    HRESULT DeleteOnArray(bool* waitForRefresh);
+    // abort_utility and delete_array of the LUN's vdisk; its member drives become free.
+    HRESULT DeleteVdisk(uint32_t handle);
+    void FreeMemberDrives();
+
+    // --- Masking (lun/masking.cpp); the caller holds the notification mutex ---
+    // SetMask's work after its first checks, with the list as UTF-8.
+    HRESULT SetMaskLocked(const std::string& newList);
+    HRESULT SetMaskSteps(const std::string& newList, bool* sent);
+    // The stored unmaskingList becomes `list`, in a block of its own size.
+    void StoreUnmaskingList(const std::string& list);
+
+    // Takes the LUN and its plexes out of the provider's object map (a dummy volume whose vdisk
+    // got its first partition).
+    void Withdraw();
+
+    // --- Sizes (lun/capacity.cpp) ---
+    // The free space of this LUN's vdisk (all free blocks, whole MiB); the named drives, when
+    // given, must be exactly its members.
+    HRESULT QueryMaxLunSizeCanBeCreate(const VDS_OBJECT_ID* pDriveIdArray, LONG lNumberOfDrives, ULONGLONG* pullSize);
+
     // The key text of a LUN: 26 hexadecimal digits of its partition serial, or 32 of its vdisk's
     // serial for the dummy volume.
     static std::u16string KeyText(const ArrayData& array, const PartitionData* partition);
@@ -181,6 +210,9 @@ public:
     bool HasUnmaskingList() const { return m_prop.pwszUnmaskingList && m_prop.pwszUnmaskingList[0] != 0; }
     CSubSystem* SubSystem() const { return m_pSubSystem; }
     CController* Controller() const { return m_pController; }
+    uint8_t DriveType() const { return m_driveType; }
+    uint64_t MinDriveSize() const { return m_minDriveSize; }
+    uint8_t DrivesPerLowLevelArray() const { return m_numDrivesPerLowLevelArray; }
 
 private:
     void ReadUnmaskingList(const PartitionData& partition);
@@ -208,6 +240,7 @@ private:
     uint8_t m_utilityRunning = 0;
     uint8_t m_specialType = 0;
     uint32_t m_wmiUpdateCookie = 0;
+    uint8_t m_requestedRaidLevel = 0;
     // Atomic: SetFriendlyName tests it before it takes the notification mutex, while a refresh
     // under that mutex may be building the LUN again.
     std::atomic<bool> m_isDummy{false};

@@ -1,4 +1,5 @@
-#include "objects/lun.h"
+#include "lun/lun.h"
+#include "lun/lunplex.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -188,148 +189,6 @@ std::string NewName(const SubsystemEntry& entry, bool isVdisk, uint8_t specialTy
 }
 
 // ---------------------------------------------------------------------------------------------
-// CLunPlex
-
-CLunPlex::CLunPlex() : CVdsBase(VDS_OT_LUN_PLEX) {}
-
-CLunPlex::~CLunPlex() {
-    if (m_pProvider) m_pProvider->DropObject(m_prop.id, static_cast<IVdsLunPlex*>(this));
-    Dispose();
-}
-
-HRESULT CLunPlex::InternalQueryInterface(REFIID riid, void** ppv) {
-    if (riid == IID_IUnknown || riid == IID_IVdsLunPlex)
-        *ppv = static_cast<IVdsLunPlex*>(this);
-    else
-        return E_NOINTERFACE;
-    return S_OK;
-}
-
-void CLunPlex::Dispose() {
-    if (m_pProvider) m_pProvider->RemoveObject(m_prop.id);
-    if (m_pLun) static_cast<IVdsLun*>(m_pLun)->Release();
-    m_pLun = nullptr;
-    ReleaseParents(&m_pProvider, &m_pSubSystem, nullptr);
-}
-
-bool CLunPlex::HoldsDrive(const CDrive& d) const {
-    bool spare = (d.Flags() & VDS_DRF_HOTSPARE) != 0;
-    if (d.IsFree() && !spare) return false;
-    if (!rec::ArrayKeyMatches(d.DriveBlock(), m_pLun->ArraySerial())) return false;
-    if (d.DriveIndex() == TROV_NO_INDEX && d.ContainerIndex() == TROV_NO_INDEX) return false;
-    if (m_isMirrorHalf && ((d.ArrayPosition() & 1) != 0) != m_isFirstHalf) return false;
-    return true;
-}
-
-void CLunPlex::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* subsystem, CLun* lun,
-                          bool mirrorHalf, bool firstHalf) {
-    if (!id || !provider || !subsystem || !lun) return;
-    Dispose();
-    HoldParents(provider, subsystem, nullptr, &m_pProvider, &m_pSubSystem, nullptr);
-    static_cast<IVdsLun*>(lun)->AddRef();
-    m_pLun = lun;
-    m_isMirrorHalf = mirrorHalf;
-    m_isFirstHalf = firstHalf;
-    std::memset(&m_prop, 0, sizeof m_prop);
-    m_prop.id = *id;
-    const VDS_LUN_PROP& lp = lun->Prop();
-    m_prop.ullSize = lp.ullSize;
-    m_prop.type = PlexTypeFor(lp.type, lun->MemberAmount());
-    m_prop.status = static_cast<VDS_LUN_PLEX_STATUS>(lp.status);
-    m_prop.health = lp.health;
-
-    uint32_t drives = 0;
-    subsystem->ForEach<CDrive>([&](CDrive* d) { drives += HoldsDrive(*d) ? 1 : 0; });
-    if (m_isMirrorHalf && lp.health == VDS_H_FAILING_REDUNDANCY) {
-        // A mirror half that kept all its drives is whole; one that lost any has failed.
-        uint32_t half = lun->MemberAmount() / 2;
-        if (drives == half) {
-            m_prop.status = VDS_LPS_ONLINE;
-            m_prop.health = VDS_H_HEALTHY;
-        } else if (drives < half) {
-            m_prop.status = VDS_LPS_FAILED;
-            m_prop.health = VDS_H_FAILED;
-        }
-    }
-    m_prop.TransitionState = VDS_TS_STABLE;
-    m_prop.ulFlags = 0;
-    m_prop.ulStripeSize = lun->StripeSize();
-    m_prop.sRebuildPriority = 0;
-    provider->AddObject(*id, ObjectEntry{VDS_OT_LUN_PLEX, static_cast<IVdsLunPlex*>(this)});
-    std::u16string key = lun->SerialText() + (m_isMirrorHalf && !m_isFirstHalf ? u" Plex2" : u" Plex");
-    provider->RememberObject(*id, key, this, static_cast<IVdsLunPlex*>(this));
-    DebugTrace("CLunPlex::Initialize() PlexIden = %s, PlexType = %d, StripeSize=%d\n", WideToUtf8(key).c_str(),
-               static_cast<int>(m_prop.type), static_cast<int>(m_prop.ulStripeSize));
-}
-
-HRESULT CLunPlex::GetProperties(VDS_LUN_PLEX_PROP* pPlexProp) try {
-    if (!pPlexProp) return E_POINTER;
-    CLockGuard lock("CLunPlex::GetProperties", hNotificationMutex);
-    *pPlexProp = m_prop;
-    return S_OK;
-}
-TROV_CATCH_OOM
-
-HRESULT CLunPlex::GetLun(IVdsLun** ppLun) try {
-    if (!ppLun) return E_POINTER;
-    CLockGuard lock("CLunPlex::GetLun", hNotificationMutex);
-    if (!m_pLun) return E_UNEXPECTED;
-    *ppLun = static_cast<IVdsLun*>(m_pLun);
-    (*ppLun)->AddRef();
-    return S_OK;
-}
-TROV_CATCH_OOM
-
-HRESULT CLunPlex::QueryExtents(VDS_DRIVE_EXTENT** ppExtentArray, LONG* plNumberOfExtents) try {
-    if (!ppExtentArray || !plNumberOfExtents) return E_INVALIDARG;
-    CLockGuard lock("CLunPlex::QueryExtents", hNotificationMutex);
-    *plNumberOfExtents = 0;
-    if (!m_pSubSystem || !m_pLun) return S_OK;
-    // The drives first: a drive's extents ask for the subsystem's LUNs, which may rebuild its maps.
-    std::vector<CComPtr<IVdsDrive>> drives;
-    m_pSubSystem->ForEach<CDrive>([&](CDrive* d) {
-        if (HoldsDrive(*d)) drives.emplace_back(static_cast<IVdsDrive*>(d));
-    });
-    std::vector<VDS_DRIVE_EXTENT> kept;
-    for (const CComPtr<IVdsDrive>& d : drives) {
-        VDS_DRIVE_EXTENT* got = nullptr;
-        LONG n = 0;
-        HRESULT hr = d->QueryExtents(&got, &n);
-        PassOnOutOfMemory(hr);
-        TaskMem<VDS_DRIVE_EXTENT> ext(SUCCEEDED(hr) ? got : nullptr);
-        if (!ext) continue;
-        for (LONG i = 0; i < n; ++i) {
-            if (ext.get()[i].LunId != m_pLun->Id()) continue;
-            DebugTrace("CLunPlex::QueryExtents() find matched extend, ullSize = 0x%I64x, ", ext.get()[i].ullSize);
-            kept.push_back(ext.get()[i]);
-        }
-    }
-    if (!kept.empty()) {
-        auto* out = static_cast<VDS_DRIVE_EXTENT*>(CoTaskMemAlloc(kept.size() * sizeof(VDS_DRIVE_EXTENT)));
-        if (!out) return E_OUTOFMEMORY;
-        std::memcpy(out, kept.data(), kept.size() * sizeof(VDS_DRIVE_EXTENT));
-        *ppExtentArray = out;
-        *plNumberOfExtents = static_cast<LONG>(kept.size());
-    }
-    DebugTrace("CLunPlex::QueryExtents() return S_OK, Extents.size =%d\n", static_cast<int>(kept.size()));
-    return S_OK;
-}
-TROV_CATCH_OOM
-
-HRESULT CLunPlex::QueryHints(VDS_HINTS* pHints) try {
-    if (!pHints) return E_POINTER;
-    // The plex has the LUN's hints: one copy of the data.
-    return m_pLun ? m_pLun->QueryHints(pHints) : E_UNEXPECTED;
-}
-TROV_CATCH_OOM
-
-HRESULT CLunPlex::ApplyHints(VDS_HINTS* pHints) try {
-    if (!pHints) return E_POINTER;
-    return VDS_E_NOT_SUPPORTED;
-}
-TROV_CATCH_OOM
-
-// ---------------------------------------------------------------------------------------------
 // CLun
 
 CLun::CLun() : CVdsBase(VDS_OT_LUN) {}
@@ -505,14 +364,15 @@ void CLun::Initialize(const VDS_OBJECT_ID* id, CProvider* provider, CSubSystem* 
 }
 
 void CLun::DumpMySelf() const {
+    const bool text = DebugSinkActive();
     DebugTrace("m_Owner = %d, m_stripeSize = %d, LunSn = %ls, MemberAmount() = %d, m_RaidLevel = %d, "
                "m_numDrivesPerLowLevelArray=%d\n",
                m_Owner, static_cast<int>(m_stripeSize), m_prop.pwszIdentification, static_cast<int>(m_memberCount),
                m_RaidLevel, m_numDrivesPerLowLevelArray);
-    DebugTrace("m_ArraySn = %s\n", HexBytes(m_ArraySn, sizeof m_ArraySn).c_str());
+    DebugTrace("m_ArraySn = %s\n", text ? HexBytes(m_ArraySn, sizeof m_ArraySn).c_str() : "");
     DebugTrace("VDS_LUN_PROP: id %s size 0x%I64x name %S ident %S unmask %S flags 0x%x type %d status %d health %d "
                "transition %d rebuild %d\n",
-               LogGuid(m_prop.id).c_str(), m_prop.ullSize, m_prop.pwszFriendlyName, m_prop.pwszIdentification,
+               text ? LogGuid(m_prop.id).c_str() : "", m_prop.ullSize, m_prop.pwszFriendlyName, m_prop.pwszIdentification,
                m_prop.pwszUnmaskingList, m_prop.ulFlags, static_cast<int>(m_prop.type), static_cast<int>(m_prop.status),
                static_cast<int>(m_prop.health), static_cast<int>(m_prop.TransitionState),
                static_cast<int>(m_prop.sRebuildPriority));
@@ -621,33 +481,3 @@ TROV_CATCH_OOM
 HRESULT CLun::SetStatus(VDS_LUN_STATUS) try { return NotSupported("CLun::SetStatus"); }
 TROV_CATCH_OOM
 
-// Provisioning, masking, hints, identification and paths are later work of this provider: until
-// then these answer that they are not implemented, never a false success.
-HRESULT CLun::QueryActiveControllers(IEnumVdsObject**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Extend(ULONGLONG, VDS_OBJECT_ID*, LONG, IVdsAsync**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Shrink(ULONGLONG, IVdsAsync**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::SetMask(LPWSTR) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::Delete() try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryHints(VDS_HINTS*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::ApplyHints(VDS_HINTS*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryMaxLunExtendSize(VDS_OBJECT_ID*, LONG, ULONGLONG*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::ApplyHints2(VDS_HINTS2*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::AssociateTargets(VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryAssociatedTargets(IEnumVdsObject**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::AssociateControllerPorts(VDS_OBJECT_ID*, LONG, VDS_OBJECT_ID*, LONG) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
-HRESULT CLun::QueryActiveControllerPorts(IEnumVdsObject**) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
