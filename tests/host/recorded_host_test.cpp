@@ -276,6 +276,23 @@ TEST_F(RecordedHost, PathStatusWritesFailAndReinstateThePathsByName) {
     EXPECT_EQ(WmiSetPathStatus({PathIdFromAddress(9, 0, 0, 1)}, VDS_MPS_FAILED), 1);
 }
 
+TEST_F(RecordedHost, MaskChangeAsksForAHostUpdateThatTheNextPathReadMakes) {
+    Load();
+    CLun* scratch = LunNamed("scratch01");
+    ASSERT_TRUE(scratch);
+    EXPECT_EQ(scratch->WmiUpdateCookie(), 0u);
+    scratch->refreshWmiIfRequested();  // nothing asked: the facts stay
+    ASSERT_EQ(facts().mpioDiskInfoVec.size(), 2u);
+    std::u16string all = u"*";
+    ASSERT_EQ(static_cast<IVdsLun*>(scratch)->SetMask(const_cast<WCHAR*>(all.c_str())), S_OK);
+    EXPECT_EQ(scratch->WmiUpdateCookie(), kWmiUpdateMarker);
+    // The host has meanwhile lost its maps; the asked-for update reads the host again, once.
+    Write("multipathd/show_maps_json", R"({"major_version": 0, "minor_version": 1, "maps": []})");
+    scratch->refreshWmiIfRequested();
+    EXPECT_EQ(scratch->WmiUpdateCookie(), 0u);
+    EXPECT_TRUE(facts().mpioDiskInfoVec.empty());
+}
+
 class FibreChannelHost : public RecordedHost {
 protected:
     FibreChannelHost() : RecordedHost("fc-other") {}
