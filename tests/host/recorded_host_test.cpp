@@ -25,16 +25,15 @@
 
 namespace {
 
-// The array's LUN serials with the fixed prefix of the recording: db01 is partition 1,
+// The demo array's LUN serials, as the recording's pages give them: db01 is partition 1,
 // archive01 partition 4.
-constexpr char kDb01Serial[] = "00c0ff1a2b3c500000000001b0000000";
-constexpr char kArchiveSerial[] = "00c0ff1a2b3c500000000004b0000000";
+constexpr char kDb01Serial[] = "00c0ff49fe0a500000000001b0000000";
+constexpr char kArchiveSerial[] = "00c0ff49fe0a500000000004b0000000";
 const uint8_t kDb01GptGuid[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                                   0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
 
 std::string Scenario() {
     nlohmann::json doc = trovsim::Model::DemoScenario();
-    doc["subsystems"][0]["serialPrefix"] = "1A2B3C";
     doc["subsystems"][0]["ulp"] = true;
     static int n = 0;
     std::string path = "/tmp/trovhost." + std::to_string(getpid()) + "." + std::to_string(n++) + ".json";
@@ -141,7 +140,7 @@ TEST_F(RecordedHost, LunToHostDiskTakesTheDisksProductSignatureAndPage83) {
     EXPECT_EQ(db.product, "R3000i");
     EXPECT_EQ(std::memcmp(&db.signature, kDb01GptGuid, 16), 0);
     ASSERT_EQ(db.ids.size(), 4u);
-    const std::vector<uint8_t> naa = {0x60, 0x0C, 0x0F, 0xF0, 0, 0x1A, 0x2B, 0x3C, 0, 0, 0, 1, 0xB0, 0, 0, 0};
+    const std::vector<uint8_t> naa = {0x60, 0x0C, 0x0F, 0xF0, 0, 0x49, 0xFE, 0x0A, 0, 0, 0, 1, 0xB0, 0, 0, 0};
     EXPECT_EQ(db.ids[0], naa);
     EXPECT_EQ(db.ids[1], (std::vector<uint8_t>{0, 0, 0, 1}));  // owned by controller A
     // Active-active: the vendor identifier ends with the disk's own page 0x83 from byte 68, which
@@ -244,7 +243,7 @@ TEST_F(RecordedHost, PolicyWriteDryRunSaysWhatItWouldWriteAndSendsNothing) {
     EXPECT_EQ(WmiSetLoadBalancePolicy_V2(h.mpioDiskInfoVec, kDb01Serial, h.mpioDsmPathV2Vec, VDS_LBP_FAILOVER, in, 1,
                                          true, /*dryRun=*/true, &plan),
               0);
-    EXPECT_NE(plan.file.find("/etc/multipath/conf.d/trovhwiprv-3600c0ff0001a2b3c00000001b0000000.conf"),
+    EXPECT_NE(plan.file.find("/etc/multipath/conf.d/trovhwiprv-3600c0ff00049fe0a00000001b0000000.conf"),
               std::string::npos)
         << plan.file;
     EXPECT_NE(plan.content.find("path_grouping_policy failover"), std::string::npos) << plan.content;

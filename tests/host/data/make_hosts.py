@@ -2,7 +2,7 @@
 """Writes the recorded hosts the host tests load (run from this folder; the output is committed).
 
 iscsi-array: a host with two iSCSI sessions (host3 to controller A's first port, host4 to
-  controller B's first port) of the emulator's array whose serials start 00C0FF1A2B3C, a local
+  controller B's first port) of the emulator's demo array (serials 00C0FF49FE0A...), a local
   SATA disk sda with an MBR, and two multipath maps of two paths each with ALUA states:
   mpatha (db01: sdb via A optimized, sdc via B non-optimized, a GPT disk) and mpathb
   (archive01: sdd via A non-optimized, sde via B optimized, no partition table).
@@ -54,7 +54,7 @@ def page83(descs):
 def lun_serial(pid):
     s = bytearray(16)
     s[0:3] = b'\x00\xc0\xff'
-    s[3:6] = b'\x1a\x2b\x3c'
+    s[3:6] = b'\x49\xfe\x0a'  # the demo array's serial prefix
     s[6] = 0x50
     s[8:12] = struct.pack('>I', pid)
     s[12] = 0xB0
@@ -218,6 +218,7 @@ def iscsi_array(root):
               [('round-robin 0', 30, [path('sdd', '3:0:0:2', 'active', 10),
                                       path('sde', '4:0:0:2', 'active', 50)], 'active')]),
     ]}
+    put(root, 'etc/multipath/conf.d/10-defaults.conf', 'defaults {\n\tuser_friendly_names yes\n\tfind_multipaths yes\n}\n')
     put(root, 'multipathd/show_daemon', 'pid 812 running\n')
     put(root, 'multipathd/show_maps_json', json.dumps(maps, indent=3) + '\n')
 
