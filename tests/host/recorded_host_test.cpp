@@ -20,6 +20,8 @@
 #include "host/policy.h"
 #include "lun/lun.h"
 #include "platform/host_disk.h"
+#include "platform/host_library.h"
+#include "platform/vds_errors.h"
 #include "sim/model.h"
 #include "testlib/provider_env.h"
 
@@ -290,6 +292,62 @@ TEST_F(RecordedHost, MaskChangeAsksForAHostUpdateThatTheNextPathReadMakes) {
     scratch->refreshWmiIfRequested();
     EXPECT_EQ(scratch->WmiUpdateCookie(), 0u);
     EXPECT_TRUE(facts().mpioDiskInfoVec.empty());
+}
+
+TEST_F(RecordedHost, LibraryEntryPointsAnswerWithinTheCallersBuffers) {
+    Load();
+    CLun* db = LunNamed("db01");
+    ASSERT_TRUE(db);
+    TrovHostLunPathList list;
+    ASSERT_EQ(TrovHostLunPaths(&db->Id(), &list), S_OK);
+    EXPECT_STREQ(list.disk, "mpatha");
+    ASSERT_EQ(list.count, 2u);
+    EXPECT_TRUE(list.paths[0].controllerPortId == db->GetCtrlPortIdByTargetPortIdentifier(1, true));
+    EXPECT_EQ(list.paths[1].status, VDS_MPS_STANDBY);
+    EXPECT_EQ(TrovHostLunPaths(&LunNamed("scratch01")->Id(), &list), S_FALSE);
+    EXPECT_EQ(list.count, 0u);
+    const VDS_OBJECT_ID nothing{0x1234};
+    EXPECT_EQ(TrovHostLunPaths(&nothing, &list), VDS_E_OBJECT_NOT_FOUND);
+    EXPECT_EQ(TrovHostLunPaths(&db->Id(), nullptr), E_POINTER);
+
+    uint32_t count = 0;
+    EXPECT_EQ(TrovHostHbaPorts(nullptr, 0, &count), S_OK);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(TrovHostHbaPorts(nullptr, 4, &count), E_POINTER);
+
+    // A plan cut to the buffer; nothing sent in a dry run.
+    char small[16];
+    std::memset(small, 'x', sizeof small);
+    EXPECT_EQ(TrovHostSetLunPolicy(&db->Id(), VDS_LBP_ROUND_ROBIN, nullptr, 0, TRUE, small, sizeof small), S_OK);
+    EXPECT_EQ(std::string(small), std::string("write " + root_).substr(0, 15));
+    EXPECT_EQ(db->WmiUpdateCookie(), 0u);
+
+    // A write asks for the LUN's path facts to be read again, which its next path query does.
+    char plan[2048];
+    ASSERT_EQ(TrovHostSetLunPolicy(&db->Id(), VDS_LBP_ROUND_ROBIN, nullptr, 0, FALSE, plan, sizeof plan), S_OK);
+    EXPECT_NE(ReadFile(at("etc/multipath/conf.d/trovhwiprv-3600c0ff00049fe0a00000001b0000000.conf"))
+                  .find("path_grouping_policy multibus"),
+              std::string::npos);
+    EXPECT_EQ(db->WmiUpdateCookie(), kWmiUpdateMarker);
+    Write("multipathd/show_maps_json", R"({"major_version": 0, "minor_version": 1, "maps": []})");
+    EXPECT_EQ(TrovHostLunPaths(&db->Id(), &list), S_FALSE);
+    EXPECT_EQ(db->WmiUpdateCookie(), 0u);
+}
+
+TEST_F(RecordedHost, LibraryWritesThatFailSayWhy) {
+    Load();
+    CLun* db = LunNamed("db01");
+    ASSERT_TRUE(db);
+    ASSERT_EQ(Shell("rm -r '" + at("etc/multipath") + "'"), 0);
+    char why[512];
+    EXPECT_EQ(TrovHostSetLunPolicy(&db->Id(), VDS_LBP_FAILOVER, nullptr, 0, FALSE, why, sizeof why), E_FAIL);
+    EXPECT_NE(std::string(why).find("No such file or directory"), std::string::npos) << why;
+    EXPECT_EQ(access(at("multipathd/received").c_str(), F_OK), -1);  // no reconfigure without the file
+    const uint64_t sdc = PathIdFromAddress(4, 0, 0, 1);
+    EXPECT_EQ(TrovHostSetPathStatus(&db->Id(), &sdc, 1, VDS_MPS_STANDBY, FALSE, why, sizeof why), E_INVALIDARG);
+    EXPECT_NE(std::string(why).find("path status"), std::string::npos) << why;
+    EXPECT_EQ(TrovHostSetLunPolicy(&db->Id(), 42, nullptr, 0, TRUE, why, sizeof why), E_INVALIDARG);
+    EXPECT_EQ(TrovHostSetPathStatus(&db->Id(), nullptr, 1, VDS_MPS_FAILED, TRUE, why, sizeof why), E_POINTER);
 }
 
 class FibreChannelHost : public RecordedHost {
