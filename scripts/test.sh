@@ -6,16 +6,26 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 jobs=$(nproc)
 
+# Runs one tree's suite; on a failure the failed tests run once more, alone and verbose, so that
+# their output closes the log where a CI summary shows it.
+suite() {
+  local dir=$1; shift
+  if ctest --test-dir "$dir" --output-on-failure -j "$jobs" "$@"; then return 0; fi
+  echo "=== failed in $dir, once more with their output:"
+  ctest --test-dir "$dir" --rerun-failed --output-on-failure "$@" 2>&1 | tail -n 150
+  return 1
+}
+
 bash scripts/build.sh build
-ctest --test-dir build --output-on-failure -j "$jobs" --timeout 300
+suite build --timeout 300
 
 BUILD_TYPE=Debug bash scripts/build.sh build-asan -DTROV_SANITIZE=address -DTROV_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan --output-on-failure -j "$jobs" --timeout 600
+  suite build-asan --timeout 600
 
 BUILD_TYPE=Debug bash scripts/build.sh build-tsan -DTROV_SANITIZE=thread -DTROV_BENCH=OFF
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  ctest --test-dir build-tsan --output-on-failure -j "$jobs" --timeout 900
+  suite build-tsan --timeout 900
 
 CC=clang CXX=clang++ BUILD_TYPE=Debug bash scripts/build.sh build-fuzz -DTROV_FUZZ=ON
 for f in build-fuzz/fuzz/*_fuzz; do

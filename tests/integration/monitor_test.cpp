@@ -94,7 +94,7 @@ protected:
         auto ss = env.SubSystems().at(0);
         for (auto& l : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return ss->QueryLuns(e); }, IID_IVdsLun)) {
             VDS_LUN_PROP p{};
-            l->GetProperties(&p);
+            EXPECT_EQ(l->GetProperties(&p), S_OK);
             ids[Narrow(p.pwszFriendlyName)] = p.id;
             CoTaskMemFree(p.pwszFriendlyName);
             CoTaskMemFree(p.pwszIdentification);
@@ -108,7 +108,7 @@ protected:
         for (auto& c : CollectFrom<IVdsController>([&](IEnumVdsObject** e) { return ss->QueryControllers(e); },
                                                    IID_IVdsController)) {
             VDS_CONTROLLER_PROP p{};
-            c->GetProperties(&p);
+            EXPECT_EQ(c->GetProperties(&p), S_OK);
             std::string name = Narrow(p.pwszFriendlyName);
             CoTaskMemFree(p.pwszFriendlyName);
             CoTaskMemFree(p.pwszIdentification);
@@ -249,7 +249,7 @@ TEST_F(Monitor, RefreshByCodeAndParameterWithoutOrWithNotification) {
 TEST_F(Monitor, NoRefreshWhileAnOperationIsUnderWay) {
     provider()->SetNeedRefresh(true);
     NumOperation = 1;
-    auto ss = env.SubSystems().at(0);
+    EXPECT_EQ(env.SubSystems().size(), 1u);
     EXPECT_FALSE(LunIds().empty());
     EXPECT_TRUE(provider()->IsNeedRefresh());  // the query passed without a rebuild
     NumOperation = 0;

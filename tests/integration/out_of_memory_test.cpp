@@ -172,7 +172,7 @@ protected:
             out += "ss " + Ptr(ss.get()) + "\n";
             IEnumVdsObject* e = nullptr;
             CComPtr<IVdsSubSystemIscsi> iscsi;
-            ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&iscsi));
+            EXPECT_EQ(ss->QueryInterface(IID_IVdsSubSystemIscsi, reinterpret_cast<void**>(&iscsi)), S_OK);
             for (auto q : {&IVdsSubSystem::QueryControllers, &IVdsSubSystem::QueryLuns, &IVdsSubSystem::QueryDrives}) {
                 EXPECT_EQ((ss.get()->*q)(&e), S_OK);
                 out += Objects(e) + "\n";
@@ -183,7 +183,7 @@ protected:
             out += Objects(e) + "\n";
         }
         CComPtr<IVdsHwProviderStoragePools> pools;
-        env.provider->QueryInterface(IID_IVdsHwProviderStoragePools, reinterpret_cast<void**>(&pools));
+        EXPECT_EQ(env.provider->QueryInterface(IID_IVdsHwProviderStoragePools, reinterpret_cast<void**>(&pools)), S_OK);
         IEnumVdsObject* e = nullptr;
         EXPECT_EQ(pools->QueryStoragePools(0, 0, nullptr, &e), S_OK);
         return out + "pools " + Objects(e);

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <type_traits>
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -29,6 +28,18 @@ std::string PropName(LPWSTR& s) {
     s = nullptr;
     return n;
 }
+
+// Properties whose strings go with them (a string taken by PropName is left null).
+template <class P>
+struct Props : P {
+    Props() : P{} {}
+    Props(const Props&) = delete;
+    ~Props() {
+        CoTaskMemFree(this->pwszFriendlyName);
+        CoTaskMemFree(this->pwszIdentification);
+        if constexpr (requires { this->pwszUnmaskingList; }) CoTaskMemFree(this->pwszUnmaskingList);
+    }
+};
 
 struct DriveInfo {
     VDS_DRIVE_PROP2 p{};
@@ -52,28 +63,25 @@ std::vector<DriveInfo> Drives(IVdsSubSystem* ss) {
 std::map<std::string, GUID> AllIds(ProviderEnv& env) {
     std::map<std::string, GUID> ids;
     for (auto& ss : env.SubSystems()) {
-        VDS_SUB_SYSTEM_PROP sp{};
+        Props<VDS_SUB_SYSTEM_PROP> sp;
         EXPECT_EQ(ss->GetProperties(&sp), S_OK);
         ids["sub " + PropName(sp.pwszIdentification)] = sp.id;
-        CoTaskMemFree(sp.pwszFriendlyName);
         for (auto& d : Drives(ss)) ids["drive " + d.name] = d.p.id;
         auto ctrls = CollectFrom<IVdsController>([&](IEnumVdsObject** e) { return ss->QueryControllers(e); },
                                                  IID_IVdsController);
         for (auto& c : ctrls) {
-            VDS_CONTROLLER_PROP cp{};
+            Props<VDS_CONTROLLER_PROP> cp;
             EXPECT_EQ(c->GetProperties(&cp), S_OK);
             ids["ctrl " + PropName(cp.pwszFriendlyName)] = cp.id;
-            CoTaskMemFree(cp.pwszIdentification);
             IVdsControllerControllerPort* ccp = nullptr;
             EXPECT_EQ(c->QueryInterface(IID_IVdsControllerControllerPort, reinterpret_cast<void**>(&ccp)), S_OK);
             auto ports = CollectFrom<IVdsControllerPort>(
                 [&](IEnumVdsObject** e) { return ccp->QueryControllerPorts(e); }, IID_IVdsControllerPort);
             ccp->Release();
             for (auto& p : ports) {
-                VDS_PORT_PROP pp{};
+                Props<VDS_PORT_PROP> pp;
                 EXPECT_EQ(p->GetProperties(&pp), S_OK);
                 ids["port " + PropName(pp.pwszFriendlyName)] = pp.id;
-                CoTaskMemFree(pp.pwszIdentification);
             }
         }
     }
@@ -83,11 +91,9 @@ std::map<std::string, GUID> AllIds(ProviderEnv& env) {
 CComPtr<IVdsDrive> DriveBySerial(IVdsSubSystem* ss, const std::string& serial) {
     auto drives = CollectFrom<IVdsDrive>([&](IEnumVdsObject** e) { return ss->QueryDrives(e); }, IID_IVdsDrive);
     for (auto& d : drives) {
-        VDS_DRIVE_PROP p{};
+        Props<VDS_DRIVE_PROP> p;
         EXPECT_EQ(d->GetProperties(&p), S_OK);
-        std::string id = PropName(p.pwszIdentification);
-        CoTaskMemFree(p.pwszFriendlyName);
-        if (id == serial) return d;
+        if (PropName(p.pwszIdentification) == serial) return d;
     }
     return {};
 }
@@ -95,12 +101,9 @@ CComPtr<IVdsDrive> DriveBySerial(IVdsSubSystem* ss, const std::string& serial) {
 // The friendly name of a LUN, a controller or a subsystem, through its GetProperties.
 template <class I, class P>
 std::string NameOf(I* obj) {
-    P p{};
+    Props<P> p;
     EXPECT_EQ(obj->GetProperties(&p), S_OK);
-    std::string name = PropName(p.pwszFriendlyName);
-    CoTaskMemFree(p.pwszIdentification);
-    if constexpr (std::is_same_v<P, VDS_LUN_PROP>) CoTaskMemFree(p.pwszUnmaskingList);
-    return name;
+    return PropName(p.pwszFriendlyName);
 }
 
 uint8_t ModelHowUsed(ProviderEnv& env, const std::string& serial) {
@@ -118,7 +121,7 @@ TEST(SubSystem, PropertiesComeFromTheArray) {
     ASSERT_EQ(env.Load(), S_OK);
     auto subs = env.SubSystems();
     ASSERT_EQ(subs.size(), 1u);
-    VDS_SUB_SYSTEM_PROP p{};
+    Props<VDS_SUB_SYSTEM_PROP> p;
     ASSERT_EQ(subs[0]->GetProperties(&p), S_OK);
     EXPECT_EQ(Narrow(p.pwszFriendlyName), "demo-array");
     std::string ctrlSerial = env.sim->WithModel([](trovsim::Model& m) { return m.subsystems()[0].ctrl[0].serial; });
@@ -130,18 +133,14 @@ TEST(SubSystem, PropertiesComeFromTheArray) {
     EXPECT_EQ(p.sNumberOfInternalBuses, 1);
     EXPECT_EQ(p.sMaxNumberOfSlotsEachBus, 12);
     EXPECT_EQ(p.sMaxNumberOfControllers, 2);
-    CoTaskMemFree(p.pwszFriendlyName);
-    CoTaskMemFree(p.pwszIdentification);
 
     CComPtr<IVdsSubSystem2> s2;
     ASSERT_EQ(subs[0]->QueryInterface(IID_IVdsSubSystem2, reinterpret_cast<void**>(&s2)), S_OK);
-    VDS_SUB_SYSTEM_PROP2 p2{};
+    Props<VDS_SUB_SYSTEM_PROP2> p2;
     ASSERT_EQ(s2->GetProperties2(&p2), S_OK);
     EXPECT_EQ(p2.ulSupportedRaidTypeFlags, 2330u);
     EXPECT_EQ(p2.ulNumberOfEnclosures, 1u);
     EXPECT_EQ(Narrow(p2.pwszFriendlyName), "demo-array");
-    CoTaskMemFree(p2.pwszFriendlyName);
-    CoTaskMemFree(p2.pwszIdentification);
 
     EXPECT_EQ(subs[0]->GetProperties(nullptr), E_POINTER);
     EXPECT_EQ(subs[0]->SetStatus(VDS_SSS_ONLINE), VDS_E_NOT_SUPPORTED);
@@ -166,7 +165,7 @@ TEST(SubSystem, ControllersAndPortsOfBothSides) {
     const char* names[2] = {"Controller A;IP=10.0.0.2", "Controller B;IP=10.0.0.3"};  // A first
     const char* ports[2][2] = {{"192.168.10.10", "192.168.10.11"}, {"192.168.10.20", "192.168.10.21"}};
     for (int i = 0; i < 2; ++i) {
-        VDS_CONTROLLER_PROP cp{};
+        Props<VDS_CONTROLLER_PROP> cp;
         ASSERT_EQ(ctrls[i]->GetProperties(&cp), S_OK);
         EXPECT_EQ(PropName(cp.pwszFriendlyName), names[i]);
         std::string ident = env.sim->WithModel([&](trovsim::Model& m) { return m.subsystems()[0].ctrl[i].ident; });
@@ -182,12 +181,11 @@ TEST(SubSystem, ControllersAndPortsOfBothSides) {
         ASSERT_EQ(portObjs.size(), 2u);
         std::set<std::string> seen;
         for (auto& p : portObjs) {
-            VDS_PORT_PROP pp{};
+            Props<VDS_PORT_PROP> pp;
             ASSERT_EQ(p->GetProperties(&pp), S_OK);
             EXPECT_EQ(Narrow(pp.pwszFriendlyName), Narrow(pp.pwszIdentification));
             EXPECT_EQ(pp.status, VDS_PRS_ONLINE);
             seen.insert(PropName(pp.pwszFriendlyName));
-            CoTaskMemFree(pp.pwszIdentification);
             CComPtr<IVdsController> back;
             ASSERT_EQ(p->GetController(&back), S_OK);
             EXPECT_EQ(back.get(), ctrls[i].get());
@@ -196,10 +194,9 @@ TEST(SubSystem, ControllersAndPortsOfBothSides) {
         EXPECT_EQ(seen, (std::set<std::string>{ports[i][0], ports[i][1]}));
 
         // Port properties by position: the count itself passes and fills nothing.
-        VDS_PORT_PROP pp{};
+        Props<VDS_PORT_PROP> pp;
         EXPECT_EQ(ctrls[i]->GetPortProperties(0, &pp), S_OK);
         EXPECT_TRUE(seen.count(PropName(pp.pwszFriendlyName)));
-        CoTaskMemFree(pp.pwszIdentification);
         VDS_PORT_PROP untouched{};
         untouched.status = static_cast<VDS_PORT_STATUS>(77);
         EXPECT_EQ(ctrls[i]->GetPortProperties(2, &untouched), S_OK);
@@ -281,12 +278,10 @@ TEST(SubSystem, DrivesAreFoldedAndDescribedByTheirRecords) {
     // By position: the bus is the enclosure.
     CComPtr<IVdsDrive> d;
     ASSERT_EQ(ss->GetDrive(0, 3, &d), S_OK);
-    VDS_DRIVE_PROP p{};
+    Props<VDS_DRIVE_PROP> p;
     ASSERT_EQ(d->GetProperties(&p), S_OK);
     EXPECT_EQ(p.sSlotNumber, 3);
     EXPECT_EQ(p.sInternalBusNumber, 0);
-    CoTaskMemFree(p.pwszFriendlyName);
-    CoTaskMemFree(p.pwszIdentification);
     CComPtr<IVdsSubSystem2> s2;
     ASSERT_EQ(ss->QueryInterface(IID_IVdsSubSystem2, reinterpret_cast<void**>(&s2)), S_OK);
     CComPtr<IVdsDrive> d2;
@@ -317,11 +312,9 @@ TEST(Drive, SpareFlagsFollowTheArraysRules) {
     EXPECT_EQ(ModelHowUsed(env, "3SJ01205K"), 3);
     // The tree learns of it at the next query.
     auto again = DriveBySerial(ss, "3SJ01205K");
-    VDS_DRIVE_PROP p{};
+    Props<VDS_DRIVE_PROP> p;
     ASSERT_EQ(again->GetProperties(&p), S_OK);
     EXPECT_EQ(p.ulFlags, static_cast<ULONG>(VDS_DRF_HOTSPARE));
-    CoTaskMemFree(p.pwszFriendlyName);
-    CoTaskMemFree(p.pwszIdentification);
     EXPECT_EQ(again->ClearFlags(2), E_INVALIDARG);
     EXPECT_EQ(again->ClearFlags(VDS_DRF_HOTSPARE), S_OK);
     EXPECT_EQ(ModelHowUsed(env, "3SJ01205K"), 0);
@@ -417,11 +410,9 @@ TEST(Drive, ExtentsOfFreeAndMemberDrives) {
     auto ss = env.SubSystems().at(0);
     std::map<GUID, std::string, GuidLess> lunNames;
     for (auto& lun : CollectFrom<IVdsLun>([&](IEnumVdsObject** e) { return ss->QueryLuns(e); }, IID_IVdsLun)) {
-        VDS_LUN_PROP lp{};
+        Props<VDS_LUN_PROP> lp;
         ASSERT_EQ(lun->GetProperties(&lp), S_OK);
         lunNames[lp.id] = PropName(lp.pwszFriendlyName);
-        CoTaskMemFree(lp.pwszIdentification);
-        CoTaskMemFree(lp.pwszUnmaskingList);
     }
     constexpr uint64_t GiB = 1ull << 30;
     struct Case {
@@ -438,10 +429,8 @@ TEST(Drive, ExtentsOfFreeAndMemberDrives) {
         SCOPED_TRACE(c.serial);
         auto d = DriveBySerial(ss, c.serial);
         ASSERT_TRUE(d);
-        VDS_DRIVE_PROP p{};
+        Props<VDS_DRIVE_PROP> p;
         ASSERT_EQ(d->GetProperties(&p), S_OK);
-        CoTaskMemFree(p.pwszFriendlyName);
-        CoTaskMemFree(p.pwszIdentification);
         VDS_DRIVE_EXTENT* ext = nullptr;
         LONG n = 0;
         ASSERT_EQ(d->QueryExtents(&ext, &n), S_OK);
@@ -485,12 +474,10 @@ TEST(Drive, LeftoverDrivesTakeTheirStateFromWhyTheyWentDown) {
         ASSERT_EQ(env.Load(), S_OK);
         auto d = DriveBySerial(env.SubSystems().at(0), "3SJ01206K");
         ASSERT_TRUE(d);
-        VDS_DRIVE_PROP p{};
+        Props<VDS_DRIVE_PROP> p;
         ASSERT_EQ(d->GetProperties(&p), S_OK);
         EXPECT_EQ(p.status, c.status) << int(c.howUsed) << "/" << int(c.downReason);
         EXPECT_EQ(p.health, c.health) << int(c.howUsed) << "/" << int(c.downReason);
-        CoTaskMemFree(p.pwszFriendlyName);
-        CoTaskMemFree(p.pwszIdentification);
     }
 }
 
@@ -531,10 +518,9 @@ TEST(SubSystem, ControllerStatesOfferWhatTheyServe) {
         auto ctrls = CollectFrom<IVdsController>([&](IEnumVdsObject** e) { return ss->QueryControllers(e); },
                                                  IID_IVdsController);
         ASSERT_EQ(ctrls.size(), 2u);
-        VDS_CONTROLLER_PROP cp{};
+        Props<VDS_CONTROLLER_PROP> cp;
         ASSERT_EQ(ctrls[1]->GetProperties(&cp), S_OK);
         EXPECT_EQ(PropName(cp.pwszFriendlyName), "Controller B;IP=10.0.0.3");
-        CoTaskMemFree(cp.pwszIdentification);
         EXPECT_EQ(cp.status, VDS_CS_OFFLINE);
         EXPECT_EQ(cp.health, VDS_H_FAILED);
         CComPtr<IVdsControllerControllerPort> ccp;

@@ -85,23 +85,24 @@ TEST(Enumerator, NullArgumentsAndAppend) {
 }
 
 TEST(Enumerator, SkipAnswers) {
-    std::vector<int> ids;
-    ULONG fetched;
-    {
-        Fixture f(2);
-        EXPECT_EQ(f.e->Skip(2), S_OK);  // exactly the two left
-        EXPECT_EQ(f.Next(1, &ids, &fetched), S_FALSE);
-        EXPECT_EQ(f.e->Skip(0), S_OK);  // at the end, zero steps are fine
-    }
-    {
-        Fixture f(2);
-        EXPECT_EQ(f.e->Skip(3), S_FALSE);
-    }
-    {
-        Fixture f(3);
-        EXPECT_EQ(f.e->Skip(1), S_OK);
-        EXPECT_EQ(f.Next(1, &ids, &fetched), S_OK);
-        EXPECT_EQ(ids, std::vector<int>{1});
+    struct Case {
+        int size;
+        ULONG skip;
+        HRESULT hr, next;  // Skip's answer, then Next(1)'s
+        std::vector<int> ids;
+    } cases[] = {
+        {2, 2, S_OK, S_FALSE, {}},     // exactly the two left
+        {2, 3, S_FALSE, S_FALSE, {}},  // past the end
+        {3, 1, S_OK, S_OK, {1}},
+        {0, 0, S_OK, S_FALSE, {}},     // at the end, zero steps are fine
+    };
+    for (const Case& c : cases) {
+        Fixture f(c.size);
+        std::vector<int> ids;
+        ULONG fetched;
+        EXPECT_EQ(f.e->Skip(c.skip), c.hr) << c.size << "/" << c.skip;
+        EXPECT_EQ(f.Next(1, &ids, &fetched), c.next) << c.size << "/" << c.skip;
+        EXPECT_EQ(ids, c.ids);
     }
 }
 

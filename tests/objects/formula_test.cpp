@@ -13,18 +13,19 @@ TEST(DriveFormula, UsableBytesCountTheOverheadInStepsOfTenPerMille) {
         uint32_t perMille;
         uint64_t expect;
     } cases[] = {
-        // 1,172,123,568 blocks = 600,127,266,816 bytes.
-        {1172123568ull, 0, (600127266816ull & ~0xFFFFull) - 0x1000000},
-        {1172123568ull, 9, (600127266816ull & ~0xFFFFull) - 0x1000000},  // below one step: nothing held back
-        {1172123568ull, 10, ((600127266816ull * 990 / 1000) & ~0xFFFFull) - 0x1000000},
-        {1172123568ull, 999, ((600127266816ull * 10 / 1000) & ~0xFFFFull) - 0x1000000},
+        // 1,172,123,568 blocks = 600,127,266,816 bytes; the figures below were worked out by hand:
+        // the overhead taken off, cut down to 64 KiB, then the 16 MiB reserve taken off.
+        {1172123568ull, 0, 600110465024ull},
+        {1172123568ull, 9, 600110465024ull},  // below one step: nothing held back
+        {1172123568ull, 10, 594109202432ull},
+        {1172123568ull, 999, 5984485376ull},
         // 16 MiB and 4 KiB: aligned to 16 MiB, then nothing left.
         {(0x1000000ull + 4096) / 512, 0, 0},
         // Less than the 16 MiB reserve after the overhead: the unsigned subtraction wraps to a
         // size near 2^64. Kept as it comes out on purpose, not held at 0: this is the size hosts
         // have always been shown for such a drive, and no drive of the array is that small.
-        {(0x1000000ull + 4096) / 512, 10, ((0x1001000ull * 990 / 1000) & ~0xFFFFull) - 0x1000000ull},
-        {2048, 0, 0x100000ull - 0x1000000ull},
+        {(0x1000000ull + 4096) / 512, 10, 0xFFFFFFFFFFFD0000ull},
+        {2048, 0, 0xFFFFFFFFFF100000ull},  // 1 MiB less the reserve, wrapped the same way
     };
     for (const Case& c : cases)
         EXPECT_EQ(CDrive::UsableBytes(c.blocks, c.perMille), c.expect) << c.blocks << " / " << c.perMille;

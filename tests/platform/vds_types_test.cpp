@@ -72,28 +72,16 @@ TEST(VdsRecords, FieldOffsetsMatchTheHostLayout) {
         FIELD(VDS_PATH_INFO, initiatorAdapterId, 40),
         FIELD(VDS_PATH_INFO, pInitiatorPortalIpAddr, 56),
         FIELD(VDS_PATH_POLICY, ulWeight, 20),
-        FIELD(VDS_ASYNC_OUTPUT, cp, 8),
-        FIELD(VDS_ASYNC_OUTPUT, cl, 8),
-        FIELD(VDS_NOTIFICATION, Lun, 8),
+        // The union arms: each one's first pointer where the others' is.
+        FIELD(VDS_ASYNC_OUTPUT, cp.volumeId, 16),
+        FIELD(VDS_ASYNC_OUTPUT, ct.pTargetUnk, 8),
+        FIELD(VDS_ASYNC_OUTPUT, cpg.pPortalGroupUnk, 8),
+        FIELD(VDS_NOTIFICATION, Controller, 8),
         FIELD(VDS_LUN_NOTIFICATION, LunId, 4),
         FIELD(VDS_PARTITION_NOTIFICATION, ullOffset, 24),
         FIELD(VDS_DRIVE_LETTER_NOTIFICATION, volumeId, 8),
     };
     for (const auto& c : cases) EXPECT_EQ(c.actual, c.expected) << c.name;
-}
-
-TEST(VdsRecords, UnionArmsShareStorage) {
-    VDS_ASYNC_OUTPUT out{};
-    out.type = VDS_ASYNCOUT_CREATELUN;
-    auto* marker = reinterpret_cast<IUnknown*>(uintptr_t{0x1234});
-    out.cl.pLunUnk = marker;
-    EXPECT_EQ(out.ct.pTargetUnk, marker);
-    EXPECT_EQ(reinterpret_cast<const char*>(&out.cp.volumeId) - reinterpret_cast<const char*>(&out), 16);
-
-    VDS_NOTIFICATION n{};
-    n.objectType = VDS_NTT_LUN;
-    n.Lun.ulEvent = VDS_NF_LUN_ARRIVE;
-    EXPECT_EQ(n.Controller.ulEvent, static_cast<ULONG>(VDS_NF_LUN_ARRIVE));
 }
 
 // Values that are easy to get wrong from older copies of the headers.

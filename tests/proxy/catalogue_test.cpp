@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <iterator>
 #include <cstring>
@@ -468,6 +469,8 @@ const char* ScenarioName(Scenario s) {
     return "?";
 }
 
+void PrintTo(Scenario s, std::ostream* os) { *os << ScenarioName(s); }
+
 class EachCommand : public CatalogueTest, public ::testing::WithParamInterface<std::tuple<size_t, Scenario>> {};
 
 TEST_P(EachCommand, SendsItsRequestAndJudgesTheReply) {
@@ -778,7 +781,11 @@ INSTANTIATE_TEST_SUITE_P(Levels, CreateArrayLevels,
                                            RaidCase{1, 3, 131072, 10, 128},
                                            RaidCase{10, 2, 0, 10, 64},
                                            RaidCase{5, 68, 262144, 5, 256},    // the widest member table
-                                           RaidCase{0, 1, 1023, 0, 0}));       // below a KiB: shifted away
+                                           RaidCase{0, 1, 1023, 0, 0}),        // below a KiB: shifted away
+                         [](const ::testing::TestParamInfo<RaidCase>& i) {
+                             return "Raid" + std::to_string(i.param.raidLevel) + "Of" + std::to_string(i.param.drives) +
+                                    "Stripe" + std::to_string(i.param.stripeBytes);
+                         });
 
 TEST_F(FormsTest, CreateArrayFailsWhenTheArrayTookAnotherName) {
     ScriptPeer peer;
@@ -801,36 +808,6 @@ TEST_F(FormsTest, CreateArrayComparesAtMostThirtyOneCharacters) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(req.data() + 632)), std::string(31, 'n'));
 }
 
-struct MemberCase {
-    int serials;
-    int locations;
-};
-
-class CreateArrayRefused : public FormsTest, public ::testing::WithParamInterface<MemberCase> {};
-
-TEST_P(CreateArrayRefused, BeforeAnythingIsSent) {
-    ScriptPeer peer;
-    Serve(peer, 1, Echo(12));
-    EXPECT_EQ(Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(GetParam().locations),
-                                    Serials(GetParam().serials), "x", 0, 0),
-              -1);
-    EXPECT_TRUE(AllBytes(&out->array, sizeof out->array, kUnset));
-    ExpectNothingSentBefore(peer);
-}
-
-INSTANTIATE_TEST_SUITE_P(Members, CreateArrayRefused,
-                         ::testing::Values(MemberCase{0, 0}, MemberCase{69, 69}, MemberCase{3, 2}));
-
-TEST_F(FormsTest, ExpandArrayRefusesAnEmptyOrOverlongListBeforeSending) {
-    for (int n : {0, 69}) {
-        ScriptPeer peer;
-        Serve(peer, 1, Echo(12));
-        EXPECT_EQ(Kelvane::expand_array(kHandle, kSerialA.data(), Locations(n)), -1) << n;
-        ExpectNothingSentBefore(peer);
-        ResetSessionForTest();
-    }
-}
-
 TEST_F(FormsTest, ExpandArrayBorrowsTheFailureTextsOfGetVersion) {
     ScriptPeer peer;
     Serve(peer, 1, [](const Bytes&) { return ScriptPeer::Reply(99, Bytes(12, 0)); });
@@ -849,16 +826,6 @@ TEST_F(FormsTest, CreateSnapshotNamesAddArrayPartInItsFormatLine) {
     EXPECT_TRUE(Logged("ph->OpCode(=52), ADD_ARRAY_PART(=14) \n")) << tp.DebuggerText();
 }
 
-TEST_F(FormsTest, AWorldWideNameThatIsNotSixteenHexDigitsFailsWithoutAnExchange) {
-    for (const char* wwn : {"0123456789abcde", "0123456789abcdef0", "0123456789abcdeg", ""}) {
-        ScriptPeer peer;
-        Serve(peer, 1, Echo(12));
-        EXPECT_EQ(Kelvane::create_custom_view(kHandle, kSerialA.data(), 1, true, 16, wwn, false), -1) << wwn;
-        ExpectNothingSentBefore(peer);
-        ResetSessionForTest();
-    }
-}
-
 TEST_F(FormsTest, ViewByAddressIgnoresTheAddressForOtherHostKinds) {
     ScriptPeer peer;
     Serve(peer, 1, Echo(12));
@@ -868,6 +835,21 @@ TEST_F(FormsTest, ViewByAddressIgnoresTheAddressForOtherHostKinds) {
     EXPECT_TRUE(AllBytes(req.data() + 128, 16, 0));
     EXPECT_EQ(wire::LoadBe32(req.data() + 60), 0u);  // an address was given: not a removal of all
     EXPECT_TRUE(Logged("Kelvane::create_custom_view hanndle = 287454020, PartSn = ")) << tp.DebuggerText();
+}
+
+// A test name made of a case's words: "a hostile count" gives "AHostileCount".
+std::string Identifier(const char* words) {
+    std::string out;
+    bool upper = true;
+    for (const char* p = words; *p; ++p) {
+        if (!std::isalnum(static_cast<unsigned char>(*p))) {
+            upper = true;
+            continue;
+        }
+        out += upper ? char(std::toupper(static_cast<unsigned char>(*p))) : *p;
+        upper = false;
+    }
+    return out;
 }
 
 struct EventsCase {
@@ -906,7 +888,8 @@ INSTANTIATE_TEST_SUITE_P(
                       EventsCase{"more than the buffer", 1, 500, 150, 150, 100},
                       EventsCase{"a count the reply does not carry", 1, 50, 10, 1, 1},
                       EventsCase{"a hostile count", 1, 50, 0xFFFFFFFF, 3, 3},
-                      EventsCase{"the last before the first", 9, 5, 3, 3, 0}));
+                      EventsCase{"the last before the first", 9, 5, 3, 3, 0}),
+    [](const ::testing::TestParamInfo<EventsCase>& i) { return Identifier(i.param.what); });
 
 struct ListCase {
     const char* what;
@@ -945,12 +928,18 @@ TEST_P(ListBounds, CountsAreClampedToTheTableAndTheReply) {
     EXPECT_TRUE(AllBytes(first + count * entrySize, room - count * entrySize, kUnset)) << c.what;
 }
 
+std::string ListCaseName(const ::testing::TestParamInfo<std::tuple<int, ListCase>>& i) {
+    const char* lists[] = {"BackingStores", "MasterVolumes", "Snapshots"};
+    return std::string(lists[std::get<0>(i.param)]) + "_" + Identifier(std::get<1>(i.param).what);
+}
+
 INSTANTIATE_TEST_SUITE_P(Counts, ListBounds,
                          ::testing::Combine(::testing::Values(0, 1, 2),
                                             ::testing::Values(ListCase{"as sent", 3, 3, 3},
                                                               ListCase{"beyond the table", 5000, 5000, 5000},
                                                               ListCase{"beyond the reply", 9, 2, 2},
-                                                              ListCase{"hostile", 0x80000000, 4, 4})));
+                                                              ListCase{"hostile", 0x80000000, 4, 4})),
+                         ListCaseName);
 
 TEST_F(FormsTest, SnapshotListIsHandedOverWithTheArraysCode) {
     ScriptPeer peer;
@@ -966,31 +955,68 @@ TEST_F(FormsTest, SnapshotListIsHandedOverWithTheArraysCode) {
     EXPECT_EQ(out->volumes[1].id[0], 0x42);
 }
 
-struct AuthCase {
-    const char* what;
+// Arguments a command can't carry are refused before anything is sent: the peer's next request
+// is the get_version that follows.
+struct RefusedCase {
+    const char* name;
     std::function<int()> call;
+    const char* logLine;  // in the debug log, or null
+    std::function<bool()> outputUnset = nullptr;
 };
 
-class AuthRefused : public FormsTest, public ::testing::WithParamInterface<AuthCase> {};
+void PrintTo(const RefusedCase& c, std::ostream* os) { *os << c.name; }
 
-TEST_P(AuthRefused, ALengthBeyondItsFieldIsRefusedBeforeSending) {
+class RefusedBeforeSending : public FormsTest, public ::testing::WithParamInterface<RefusedCase> {};
+
+TEST_P(RefusedBeforeSending, FailsAndTheNextRequestIsTheFirstTheArraySees) {
+    const RefusedCase& c = GetParam();
     ScriptPeer peer;
     Serve(peer, 1, Echo(12));
-    EXPECT_EQ(GetParam().call(), -1) << GetParam().what;
-    EXPECT_TRUE(Logged("does not fit its")) << tp.DebuggerText();
+    EXPECT_EQ(c.call(), -1);
+    if (c.logLine) {
+        EXPECT_TRUE(Logged(c.logLine)) << tp.DebuggerText();
+    }
+    if (c.outputUnset) {
+        EXPECT_TRUE(c.outputUnset());
+    }
     ExpectNothingSentBefore(peer);
 }
 
 const uint8_t kLong[300] = {};
 
+int CreateArrayOf(int serials, int locations) {
+    return Kelvane::create_array(kHandle, 0, &out->array, 5, 0, Locations(locations), Serials(serials), "x", 0, 0);
+}
+int ViewForWwn(const char* wwn) { return Kelvane::create_custom_view(kHandle, kSerialA.data(), 1, true, 16, wwn, false); }
+bool ArrayUnset() { return AllBytes(&out->array, sizeof out->array, kUnset); }
+
 INSTANTIATE_TEST_SUITE_P(
-    Lengths, AuthRefused,
-    ::testing::Values(AuthCase{"secret of 18", [] { return Kelvane::set_target_secret(kHandle, kLong, 18); }},
-                      AuthCase{"name of 225", [] { return Kelvane::set_target_secret(kHandle, kLong, kLong, 225, 12); }},
-                      AuthCase{"third text of 225",
-                               [] { return Kelvane::remeber_initiator_secret(kHandle, kLong, kLong, kLong, 1, 1, 225); }},
-                      AuthCase{"lookup name of 300", [] { return Kelvane::get_authDB_record(kHandle, kLong, 300, out->auth); }},
-                      AuthCase{"no secret but a length", [] { return Kelvane::set_target_secret(kHandle, nullptr, 4); }}));
+    Arguments, RefusedBeforeSending,
+    ::testing::Values(
+        RefusedCase{"CreateArrayOfNoDrives", [] { return CreateArrayOf(0, 0); }, nullptr, ArrayUnset},
+        RefusedCase{"CreateArrayOf69Drives", [] { return CreateArrayOf(69, 69); }, nullptr, ArrayUnset},
+        RefusedCase{"CreateArrayOfMoreSerialsThanLocations", [] { return CreateArrayOf(3, 2); }, nullptr, ArrayUnset},
+        RefusedCase{"ExpandArrayByNoDrives", [] { return Kelvane::expand_array(kHandle, kSerialA.data(), Locations(0)); },
+                    nullptr},
+        RefusedCase{"ExpandArrayBy69Drives",
+                    [] { return Kelvane::expand_array(kHandle, kSerialA.data(), Locations(69)); }, nullptr},
+        // A world-wide name must be sixteen hexadecimal digits.
+        RefusedCase{"WwnOf15Digits", [] { return ViewForWwn("0123456789abcde"); }, nullptr},
+        RefusedCase{"WwnOf17Digits", [] { return ViewForWwn("0123456789abcdef0"); }, nullptr},
+        RefusedCase{"WwnNotHex", [] { return ViewForWwn("0123456789abcdeg"); }, nullptr},
+        RefusedCase{"WwnEmpty", [] { return ViewForWwn(""); }, nullptr},
+        // A length beyond its field.
+        RefusedCase{"SecretOf18", [] { return Kelvane::set_target_secret(kHandle, kLong, 18); }, "does not fit its"},
+        RefusedCase{"NameOf225", [] { return Kelvane::set_target_secret(kHandle, kLong, kLong, 225, 12); },
+                    "does not fit its"},
+        RefusedCase{"ThirdTextOf225",
+                    [] { return Kelvane::remeber_initiator_secret(kHandle, kLong, kLong, kLong, 1, 1, 225); },
+                    "does not fit its"},
+        RefusedCase{"LookupNameOf300", [] { return Kelvane::get_authDB_record(kHandle, kLong, 300, out->auth); },
+                    "does not fit its"},
+        RefusedCase{"NoSecretButALength", [] { return Kelvane::set_target_secret(kHandle, nullptr, 4); },
+                    "does not fit its"}),
+    [](const ::testing::TestParamInfo<RefusedCase>& i) { return std::string(i.param.name); });
 
 TEST_F(FormsTest, AuthFieldsOfTheirFullWidthAreCopiedExactly) {
     Bytes name(224, 'n'), secret(17, 's');

@@ -26,31 +26,13 @@
 #include "proxy/iasocket.h"
 #include "proxy/session.h"
 #include "support/debuglog.h"
+#include "wire_bytes.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The DES initial permutation IP (FIPS 46): the check value's table.
-constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
-                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
-                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
-                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
-
-void PutBe32(Bytes& b, uint32_t v) {
-    for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<uint8_t>(v >> s));
-}
-
-Bytes Header(uint32_t seq, uint32_t key, uint32_t type, uint32_t op, uint32_t len) {
-    Bytes b = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
-    PutBe32(b, seq);
-    PutBe32(b, kIp[seq % 64] + key + seq);
-    PutBe32(b, type);
-    PutBe32(b, op);
-    PutBe32(b, 0);
-    PutBe32(b, len);
-    return b;
-}
+using wirebytes::Header;
 
 // Real-time waits, bounded, for the channel's own thread.
 template <class Pred>

@@ -132,23 +132,35 @@ TEST_F(KelvaneConfTest, LongLinesAreReadInPieces) {
     EXPECT_EQ(cfg.port, 0);
 }
 
-TEST_F(KelvaneConfTest, AFileThatCannotBeReadIsOneThatCannotBeOpened) {
+// A file that cannot be read is one that cannot be opened: logged, the caller's values kept.
+TEST_F(KelvaneConfTest, AFileThatCannotBeOpenedOrReadIsLoggedAndLeftAlone) {
     tp_.settings().SetDword(TROV_DEBUG_KEY, "ToFile", 0);
     tp_.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
     DebugOpen(nullptr);
-    std::string path = dir_.File("kelvane.conf");
+    const std::string path = dir_.File("kelvane.conf");
     TempDir::Write(path, kGood);
-    tp_.FailFiles("kelvane.conf", EIO);
-    ProxyConfig cfg{};
-    cfg.port = 77;
-    errno = 0;
-    EXPECT_EQ(ReadProxyConfig(path.c_str(), &cfg), -1);
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(cfg.port, 77);
-    EXPECT_NE(tp_.DebuggerText().find("Cannot open file: " + path + "\n"), std::string::npos);
+    const struct {
+        std::string file;
+        int injected;  // errno the platform fails the open with; 0: a real failure
+    } cases[] = {{dir_.File("nowhere/kelvane.conf"), 0}, {path, EIO}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        tp_.FailFiles(c.injected ? "kelvane.conf" : "", c.injected);
+        ProxyConfig cfg{};
+        cfg.port = 77;
+        errno = 0;
+        EXPECT_EQ(ReadProxyConfig(c.file.c_str(), &cfg), -1);
+        if (c.injected) {
+            EXPECT_EQ(errno, c.injected);
+        }
+        EXPECT_EQ(cfg.port, 77);
+        EXPECT_NE(tp_.DebuggerText().find("Cannot open file: " + c.file + "\n"), std::string::npos);
+    }
     tp_.FailFiles("", 0);
+    ProxyConfig cfg{};
     EXPECT_EQ(ReadProxyConfig(path.c_str(), &cfg), 0);
     EXPECT_EQ(cfg.port, 9998);
+    EXPECT_NE(tp_.DebuggerText().find("Open " + path + " success.\n"), std::string::npos);
 }
 
 TEST_F(KelvaneConfTest, TextFieldsAreZeroFilledOnEachSet) {
@@ -168,24 +180,6 @@ TEST_F(KelvaneConfTest, UntouchedFieldsKeepTheCallersValues) {
     EXPECT_EQ(cfg.version, 9);
     EXPECT_STREQ(cfg.username, "keep");
     EXPECT_EQ(cfg.port, 42);
-}
-
-TEST_F(KelvaneConfTest, LogsOpenAndFailure) {
-    tp_.settings().SetDword(TROV_DEBUG_KEY, "ToFile", 0);
-    tp_.settings().SetDword(TROV_DEBUG_KEY, "ToDebugger", 1);
-    DebugOpen(nullptr);
-    std::string path = dir_.File("kelvane.conf");
-    TempDir::Write(path, kGood);
-    ProxyConfig cfg{};
-    EXPECT_EQ(ReadProxyConfig(path.c_str(), &cfg), 0);
-    std::string missing = dir_.File("nowhere/kelvane.conf");
-    ProxyConfig untouched{};
-    untouched.port = 77;
-    EXPECT_EQ(ReadProxyConfig(missing.c_str(), &untouched), -1);
-    EXPECT_EQ(untouched.port, 77);
-    std::string text = tp_.DebuggerText();
-    EXPECT_NE(text.find("Open " + path + " success.\n"), std::string::npos);
-    EXPECT_NE(text.find("Cannot open file: " + missing + "\n"), std::string::npos);
 }
 
 TEST(ProxyConfigCompleteTest, EachFieldIsMandatory) {

@@ -30,47 +30,20 @@
 #include "support/debuglog.h"
 #include "testlib/script_peer.h"
 #include "testlib/session_env.h"
+#include "wire_bytes.h"
 
 namespace {
 
 using testlib::ScriptPeer;
 using Bytes = ScriptPeer::Bytes;
 
-// The DES initial permutation IP (FIPS 46), written out here on its own so that a slip in the
-// production table shows.
-constexpr uint8_t kIp[64] = {58, 50, 42, 34, 26, 18, 10, 2, 60, 52, 44, 36, 28, 20, 12, 4,
-                             62, 54, 46, 38, 30, 22, 14, 6, 64, 56, 48, 40, 32, 24, 16, 8,
-                             57, 49, 41, 33, 25, 17, 9,  1, 59, 51, 43, 35, 27, 19, 11, 3,
-                             61, 53, 45, 37, 29, 21, 13, 5, 63, 55, 47, 39, 31, 23, 15, 7};
-
-uint32_t Expected(uint32_t seq, uint32_t key) { return kIp[seq % 64] + key + seq; }
-
-uint32_t Be32(const Bytes& b, size_t off) {
-    return uint32_t(b.at(off)) << 24 | uint32_t(b.at(off + 1)) << 16 | uint32_t(b.at(off + 2)) << 8 | b.at(off + 3);
-}
-
-void PutBe32(Bytes& b, uint32_t v) {
-    b.push_back(static_cast<uint8_t>(v >> 24));
-    b.push_back(static_cast<uint8_t>(v >> 16));
-    b.push_back(static_cast<uint8_t>(v >> 8));
-    b.push_back(static_cast<uint8_t>(v));
-}
+using wirebytes::Be32;
+using wirebytes::Header;
+using wirebytes::kIp;
 
 Bytes Words(std::initializer_list<uint32_t> words) {
     Bytes b;
-    for (uint32_t w : words) PutBe32(b, w);
-    return b;
-}
-
-// The header as the service expects it, built from the layout alone.
-Bytes Header(uint32_t seq, uint32_t key, uint32_t type, uint32_t op, uint32_t len) {
-    Bytes b = {'O', 'R', 'B', 'I', 'T', 'V', 'A', 'L', 'E', 0, 0, 0};
-    PutBe32(b, seq);
-    PutBe32(b, Expected(seq, key));
-    PutBe32(b, type);
-    PutBe32(b, op);
-    PutBe32(b, 0);
-    PutBe32(b, len);
+    for (uint32_t w : words) wirebytes::AppendBe32(b, w);
     return b;
 }
 
@@ -140,6 +113,22 @@ protected:
         g_session.Port = peer.port();
     }
 
+    // One connection of the peer: each request answered in turn, then `end` (nothing more, the
+    // client's close expected, or the peer's own close).
+    enum class End { None, ClientCloses, PeerCloses };
+    static void Connection(ScriptPeer& peer, std::initializer_list<Bytes> answers, End end = End::None) {
+        peer.Accept();
+        for (const Bytes& a : answers) peer.OnRequest(Answer(a));
+        if (end == End::ClientCloses) peer.ExpectClosed();
+        if (end == End::PeerCloses) peer.CloseConnection();
+    }
+    // One such connection, started, with the transport attached to it.
+    static void Serve(ScriptPeer& peer, std::initializer_list<Bytes> answers, End end = End::None) {
+        Connection(peer, answers, end);
+        peer.Start();
+        peer.AttachTransport();
+    }
+
     bool Logged(const std::string& line) const { return tp.DebuggerText().find(line) != std::string::npos; }
 
     // The one failure line the host was told, which must name `step` and `reason`.
@@ -164,10 +153,7 @@ protected:
 
 TEST_F(WireSession, HandshakeSendsTheVersionWordAndKeepsTheToken) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0xABCD0501, 0xDEADBEEF)));  // bits 16..31 are not read
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(0xABCD0501, 0xDEADBEEF)});  // bits 16..31 are not read
 
     EXPECT_EQ(Handshake(g_transport.PacketBuffer), 0);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
@@ -192,10 +178,7 @@ class HandshakeStatus : public WireSession, public ::testing::WithParamInterface
 TEST_P(HandshakeStatus, GivesTheResultAndMessageOfTheStatus) {
     const HandshakeCase& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(c.versionStatus, 0x0BADF00D)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(c.versionStatus, 0x0BADF00D)});
 
     testing::internal::CaptureStdout();
     int rc = Handshake(g_transport.PacketBuffer);
@@ -222,14 +205,16 @@ INSTANTIATE_TEST_SUITE_P(
                       HandshakeCase{0x0500, -1, "unknown status.\n", nullptr},
                       // A version other than 5 ends it, whatever the status says.
                       HandshakeCase{0x0401, 29, nullptr, nullptr}, HandshakeCase{0x0601, 29, nullptr, nullptr},
-                      HandshakeCase{0x0001, 29, nullptr, nullptr}));
+                      HandshakeCase{0x0001, 29, nullptr, nullptr}),
+    [](const ::testing::TestParamInfo<HandshakeCase>& i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "Version%uStatus%u", i.param.versionStatus >> 8, i.param.versionStatus & 0xFF);
+        return std::string(name);
+    });
 
 TEST_F(WireSession, ProxyLoginStopsAtAVersionMismatchWithItsMessage) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0601, 7)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {HandshakeAnswer(0x0601, 7)});
     EXPECT_EQ(ProxyLogin(), 29);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
     EXPECT_EQ(peer.requests().size(), 1u);  // no login follows
@@ -254,14 +239,7 @@ class HandshakeBadReply : public WireSession, public ::testing::WithParamInterfa
 TEST_P(HandshakeBadReply, FailsWithMinusOneAndClosesTheConnection) {
     const BadReply& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(c.reply));
-    if (c.closeAfter)
-        peer.CloseConnection();
-    else
-        peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {c.reply}, c.closeAfter ? End::PeerCloses : End::ClientCloses);
     Configure(peer, "admin", "pw");
 
     EXPECT_EQ(Handshake(g_transport.PacketBuffer), -1);
@@ -322,10 +300,7 @@ TEST_P(LoginPassword, RecordCarriesUserEncipheredPasswordLengthAndToken) {
     std::string password;
     for (size_t i = 0; i < len; ++i) password.push_back(static_cast<char>('a' + (i * 7) % 26));
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(LoginAnswer(1, 0x13572468)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {LoginAnswer(1, 0x13572468)});
     Configure(peer, "operator", password);
     g_session.HandshakeToken = 0xA1B2C3D4;
     g_transport.sequence = 5;
@@ -350,17 +325,15 @@ TEST_P(LoginPassword, RecordCarriesUserEncipheredPasswordLengthAndToken) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(g_session.Password), len), password);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, LoginPassword, ::testing::Values(0u, 1u, 8u, 9u, 40u, 44u));
+INSTANTIATE_TEST_SUITE_P(Lengths, LoginPassword, ::testing::Values(0u, 1u, 8u, 9u, 40u, 44u),
+                         [](const ::testing::TestParamInfo<size_t>& i) { return "Of" + std::to_string(i.param); });
 
 TEST_F(WireSession, LoginFieldOfFortyFourKeepsItsTailInClear) {
     // Checked apart from the reference computation: the shape alone.
     const std::string password = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNwxyz";
     ASSERT_EQ(password.size(), 44u);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(LoginAnswer(1, 1)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {LoginAnswer(1, 1)});
     Configure(peer, "u", password);
     EXPECT_EQ(Login(g_transport.PacketBuffer), 0);
     ASSERT_TRUE(peer.Finish()) << peer.failure();
@@ -384,11 +357,7 @@ class LoginBadReply : public WireSession, public ::testing::WithParamInterface<L
 TEST_P(LoginBadReply, FailsAndKeepsTheOldSessionKey) {
     const LoginCase& c = GetParam();
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(c.reply));
-    if (c.dropped) peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {c.reply}, c.dropped ? End::ClientCloses : End::None);
     Configure(peer, "admin", "secret");
     g_transport.SessionKey = 0x77;
 
@@ -444,11 +413,7 @@ TEST_F(WireSession, ListenPortAnnouncementCarriesTheLowBitsOfTheProcessId) {
     const uint16_t port = static_cast<uint16_t>(getpid() & 0xFFFF);
     ASSERT_EQ(ListenPort(), port);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(8, Words({0xFFFFFFFF}), 3)));  // a payload is read and ignored
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(8, Words({0xFFFFFFFF}), 3), PortAnswer()});  // a payload is read and ignored
     g_transport.sequence = 9;
     g_transport.SessionKey = 0x100;
 
@@ -467,9 +432,7 @@ TEST_F(WireSession, ListenPortRefusedByAnotherAnswerClosesTheConnection) {
     ListenerName();
     ScriptPeer peer;
     for (const Bytes& answer : {ScriptPeer::Reply(9, {}, 3), ScriptPeer::Reply(8, {}, 2)}) {
-        peer.Accept();
-        peer.OnRequest(Answer(answer));
-        peer.ExpectClosed();
+        Connection(peer, {answer}, End::ClientCloses);
     }
     peer.Start();
     Configure(peer, "admin", "pw");
@@ -491,10 +454,7 @@ TEST_F(WireSession, ListenPortRefusedByAnotherAnswerClosesTheConnection) {
 
 TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(14, {}, 3)));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(14, {}, 3)});
     g_transport.sequence = 41;
     g_transport.SessionKey = 0xCAFE;
 
@@ -520,18 +480,10 @@ TEST_F(WireSession, ProxyUnInitSaysGoodbyeClosesAndFreesTheBuffer) {
 TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
     const uint32_t k1 = 0x10000, k2 = 0xFFFFFF00;  // k2 makes the check value's sum wrap
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(1, k1)));
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 2)));  // a reconnect on a healthy line
-    peer.CloseConnection();
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 3)));
-    peer.OnRequest(Answer(LoginAnswer(1, k2)));
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    // The fourth answer is to a reconnect on a healthy line.
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, k1), PortAnswer(), HandshakeAnswer(0x0501, 2)},
+               End::PeerCloses);
+    Serve(peer, {HandshakeAnswer(0x0501, 3), LoginAnswer(1, k2), PortAnswer()});
     ListenerName();
     Configure(peer, "admin", "pw");
     const uint32_t s = 61;  // packets 61..68 cross 63 -> 64, where the table starts again
@@ -558,7 +510,7 @@ TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
     for (size_t i = 0; i < reqs.size(); ++i) {
         SCOPED_TRACE(i);
         EXPECT_EQ(Be32(reqs[i], 12), want[i].seq);
-        EXPECT_EQ(Be32(reqs[i], 16), Expected(want[i].seq, want[i].key));
+        EXPECT_EQ(Be32(reqs[i], 16), wirebytes::CheckValue(want[i].seq, want[i].key));
         EXPECT_EQ(Be32(reqs[i], 24), want[i].op);
     }
     // Packet 64 uses the first entry of the table again.
@@ -577,13 +529,8 @@ TEST_F(WireSession, SequenceRunsOnAcrossLoginReconnectAndWrapsTheTable) {
 
 TEST_F(WireSession, SecondLossWarnsNoMoreButReportsTheRestoreAgain) {
     ScriptPeer peer;
-    for (int round = 0; round < 2; ++round) {
-        peer.Accept();
-        peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-        peer.OnRequest(Answer(LoginAnswer(1, 2)));
-        peer.OnRequest(Answer(PortAnswer()));
-        peer.CloseConnection();
-    }
+    for (int round = 0; round < 2; ++round)
+        Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, 2), PortAnswer()}, End::PeerCloses);
     peer.Start();
     ListenerName();
     Configure(peer, "admin", "pw");
@@ -602,17 +549,11 @@ TEST_F(WireSession, SecondLossWarnsNoMoreButReportsTheRestoreAgain) {
 
 TEST_F(WireSession, ReconnectReportsEachFailingStep) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0401, 1)));  // version mismatch
-    peer.CloseConnection();                              // so that the next test of the line fails
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(5, 2)));  // refused login
-    peer.CloseConnection();
-    peer.Accept();
-    peer.OnRequest(Answer(HandshakeAnswer(0x0501, 1)));
-    peer.OnRequest(Answer(LoginAnswer(1, 2)));
-    peer.OnRequest(Answer(ScriptPeer::Reply(9, {}, 3)));  // refused port
+    // A version mismatch, a refused login, a refused port; each closed so that the next test of
+    // the line fails.
+    Connection(peer, {HandshakeAnswer(0x0401, 1)}, End::PeerCloses);
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(5, 2)}, End::PeerCloses);
+    Connection(peer, {HandshakeAnswer(0x0501, 1), LoginAnswer(1, 2), ScriptPeer::Reply(9, {}, 3)});
     peer.Start();
     ListenerName();
     Configure(peer, "admin", "pw");
@@ -691,16 +632,15 @@ TEST_P(HandshakeLimit, AnAnswerThatNeverComesEndsAtTheLimit) {
 INSTANTIATE_TEST_SUITE_P(Settings, HandshakeLimit,
                          ::testing::Values(LimitCase{0, 600000}, LimitCase{1, 1000}, LimitCase{45, 45000},
                                            LimitCase{600, 600000}, LimitCase{601, 600000},
-                                           LimitCase{0xFFFFFFFF, 600000}));
+                                           LimitCase{0xFFFFFFFF, 600000}),
+                         [](const ::testing::TestParamInfo<LimitCase>& i) {
+                             return "ReplyTimeout" + std::to_string(i.param.setting);
+                         });
 
 TEST_F(WireSession, AnAnswerWhosePayloadStopsShortEndsAtTheLimit) {
     SetReplyTimeout(30);
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(Truncated(LoginAnswer(1, 9), 40)));  // 4 of the 12 bytes it announces
-    peer.ExpectClosed();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {Truncated(LoginAnswer(1, 9), 40)}, End::ClientCloses);  // 4 of the 12 bytes it announces
     Configure(peer, "admin", "pw");
     g_transport.SessionKey = 0x77;
     tp.clock().SetAuto(false);
@@ -876,11 +816,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(WireSession, ExecCmndHealsTheErrorAndCountsAClosedPeerAsOne) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(ScriptPeer::Reply(3, {})));
-    peer.CloseConnection();
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {ScriptPeer::Reply(3, {})}, End::PeerCloses);
     uint8_t* b = g_transport.PacketBuffer;
     g_transport.LastSocketError = 104;
     MakeHeader(b, 1, 3);
@@ -947,10 +883,7 @@ TEST_F(WireSession, MakeHeaderNumbersEveryHeaderAndWrapsTheCounter) {
 
 TEST_F(WireSession, ScriptPeerFailsWhenTheClientLeavesBeforeItsRequest) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {PortAnswer()});
     CloseProxySocket(0);
     EXPECT_FALSE(peer.Finish());
     EXPECT_EQ(peer.failure(), "request header not read");
@@ -959,10 +892,7 @@ TEST_F(WireSession, ScriptPeerFailsWhenTheClientLeavesBeforeItsRequest) {
 
 TEST_F(WireSession, ScriptPeerRefusesAnOversizedRequest) {
     ScriptPeer peer;
-    peer.Accept();
-    peer.OnRequest(Answer(PortAnswer()));
-    peer.Start();
-    peer.AttachTransport();
+    Serve(peer, {PortAnswer()});
     uint8_t* b = g_transport.PacketBuffer;
     MakeHeader(b, 1, 0);
     wire::StoreBe32(b + wire::kDataLenOffset, 5u << 20);

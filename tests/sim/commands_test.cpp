@@ -31,6 +31,15 @@ const P* As(const std::vector<uint8_t>& r) {
     return r.size() >= sizeof(P) ? reinterpret_cast<const P*>(r.data()) : nullptr;
 }
 
+// A record out of a reply's field, converted for reading when it has a converter.
+template <class R>
+R Take(const uint8_t* field, void (*convert)(int, void*) = nullptr) {
+    R rec;
+    std::memcpy(static_cast<void*>(&rec), field, sizeof rec);
+    if (convert) convert(0, &rec);
+    return rec;
+}
+
 struct CommandsTest : ::testing::Test {
     Options opt;
     std::unique_ptr<Server> sim;
@@ -104,12 +113,8 @@ struct CommandsTest : ::testing::Test {
                 p.flagB = 1;
             },
             &r));
-        EventData e{};
-        if (const auto* a = As<req::GetEvent>(r)) {
-            std::memcpy(&e, a->event, sizeof e);
-            ConvertEventData(0, &e);
-        }
-        return e;
+        const auto* a = As<req::GetEvent>(r);
+        return a ? Take<EventData>(a->event, ConvertEventData) : EventData{};
     }
 };
 
@@ -221,10 +226,8 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
         },
         &r));
     ASSERT_EQ(ErrorOf(r), 0u);
-    ArrayData made;
     ASSERT_NE(As<req::CreateArray>(r), nullptr);
-    std::memcpy(&made, As<req::CreateArray>(r)->arrayData, sizeof made);
-    ConvertArrayData(0, &made);
+    const ArrayData made = Take<ArrayData>(As<req::CreateArray>(r)->arrayData, ConvertArrayData);
     EXPECT_EQ(RecordText(made.name), "VDS_VDISK_0");
     EXPECT_EQ(made.owner, 0);
     EXPECT_EQ(made.memberCount(), 3u);
@@ -236,10 +239,8 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
     EXPECT_EQ(ErrorOf(AddPart(kB, made.serialNumber, (1 << 20) - 512, "tiny")), 78u);
     r = AddPart(kB, made.serialNumber, 1ull << 30, "VDS_LUN_0");
     ASSERT_EQ(ErrorOf(r), 0u);
-    PartitionData part;
     ASSERT_NE(As<req::AddArrayPart>(r), nullptr);
-    std::memcpy(&part, As<req::AddArrayPart>(r)->partitionData, sizeof part);
-    ConvertPartitionData(0, &part);
+    const PartitionData part = Take<PartitionData>(As<req::AddArrayPart>(r)->partitionData, ConvertPartitionData);
     EXPECT_EQ(part.blockCount, 2097152u);
     EXPECT_EQ(part.startBlock, 0u);
     EXPECT_EQ(part.lunNumber, 0xFFFFFFFFu);
@@ -262,9 +263,7 @@ TEST_F(CommandsTest, CreateArrayAddPartitionAndTheirEvents) {
     uint32_t count = As<req::GetEvent>(r)->count;
     ASSERT_EQ(count, last);
     ASSERT_EQ(r.size(), rec::kPktEventData + count * rec::kEventDataSize);
-    EventData first;
-    std::memcpy(&first, r.data() + offsetof(req::GetEvent, event), sizeof first);
-    ConvertEventData(0, &first);
+    const EventData first = Take<EventData>(r.data() + offsetof(req::GetEvent, event), ConvertEventData);
     EXPECT_EQ(first.sequenceNumber, 1u);
     EXPECT_EQ(first.eventCode, uint32_t(kEvVdiskCreated));
 
@@ -315,8 +314,7 @@ TEST_F(CommandsTest, ViewsThroughCustomViewAndPartitionView) {
     PartitionView pv;
     auto read = [&] {
         ASSERT_NE(As<req::GetPartView>(r), nullptr);
-        std::memcpy(&pv, As<req::GetPartView>(r)->partitionView, sizeof pv);
-        ConvertPartitionView(0, &pv);
+        pv = Take<PartitionView>(As<req::GetPartView>(r)->partitionView, ConvertPartitionView);
     };
     read();
     EXPECT_EQ(pv.defaultLun, 0xFFFF);
@@ -348,10 +346,8 @@ TEST_F(CommandsTest, ViewsThroughCustomViewAndPartitionView) {
     EXPECT_EQ(Cd(Controller(kA)).partition(0, 1).lunNumber, 5u);
     // The new host names are known hosts now.
     ASSERT_TRUE(Send<req::GetKnownHosts>(cmd::kGetKnownHosts, [&](auto& p) { p.head.handle = kA; }, &r));
-    KnownHostList kh;
     ASSERT_NE(As<req::GetKnownHosts>(r), nullptr);
-    std::memcpy(&kh, As<req::GetKnownHosts>(r)->knownHosts, sizeof kh);
-    ConvertKnownHostList(0, &kh);
+    const KnownHostList kh = Take<KnownHostList>(As<req::GetKnownHosts>(r)->knownHosts, ConvertKnownHostList);
     ASSERT_EQ(kh.hostCount(), 3u);
     EXPECT_EQ(RecordText(kh.entries[2].hostName), "iqn.1991-05.com.microsoft:host03");
 }
@@ -434,10 +430,8 @@ TEST_F(CommandsTest, UnifiedRecordAdaptersRefreshAndSecrets) {
     EXPECT_EQ(u->chapEnabled(), 0);
 
     ASSERT_TRUE(Send<req::GetHbaInfoList>(cmd::kGetHbaInfo, [](auto&) {}, &r));
-    HbaInfoList hba;
     ASSERT_NE(As<req::GetHbaInfoList>(r), nullptr);
-    std::memcpy(&hba, As<req::GetHbaInfoList>(r)->hbaInfo, sizeof hba);
-    ConvertHbaInfoList(0, &hba);
+    const HbaInfoList hba = Take<HbaInfoList>(As<req::GetHbaInfoList>(r)->hbaInfo, ConvertHbaInfoList);
     ASSERT_EQ(hba.entryCount(), 1u);
     EXPECT_EQ(hba.entries[0].typeLetter, 'I');
     EXPECT_EQ(hba.entries[0].wwpn[0], 0x21);
@@ -488,8 +482,7 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     const auto* stores = As<req::GetBackingStoreList>(r);
     ASSERT_NE(stores, nullptr);
     ASSERT_EQ(stores->count, 1u);
-    BackingStoreEntry bs;
-    std::memcpy(&bs, stores->entries[0], sizeof bs);
+    const BackingStoreEntry bs = Take<BackingStoreEntry>(stores->entries[0]);
     EXPECT_EQ(std::memcmp(bs.vdiskSerial, vd.data(), 16), 0);
     uint8_t bsKey[32] = {};
     std::memcpy(bsKey, bs.id, 16);
@@ -501,8 +494,7 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     const auto* masters = As<req::GetMasterVolumeList>(r);
     ASSERT_NE(masters, nullptr);
     ASSERT_EQ(masters->count, 1u);
-    VolumeEntry mv;
-    std::memcpy(&mv, masters->entries[0], sizeof mv);
+    const VolumeEntry mv = Take<VolumeEntry>(masters->entries[0]);
     ASSERT_TRUE(Send<req::GetDmsTag>(cmd::kGetDmsTag, [&](auto& p) { p.head.handle = kA, p.controllerId = 1; }, &r));
     ASSERT_NE(As<req::GetDmsTag>(r), nullptr);
     uint64_t tag = As<req::GetDmsTag>(r)->tag;
@@ -522,8 +514,7 @@ TEST_F(CommandsTest, SnapshotVolumes) {
     EXPECT_EQ(snap(tag + 1, "stale"), uint32_t(kErrStaleTag));
     ASSERT_EQ(snap(tag, "VDS_SS_LUN_0"), 0u);
     ASSERT_NE(As<req::CreateSnapshot>(r), nullptr);
-    SnapshotResult result;
-    std::memcpy(&result, As<req::CreateSnapshot>(r)->result, sizeof result);
+    const SnapshotResult result = Take<SnapshotResult>(As<req::CreateSnapshot>(r)->result);
     EXPECT_EQ(wire::LoadBe32(&result.numElements), 1u);
     auto cd = Controller(kA);
     const PartitionData& made = Cd(cd).partition(0, 5);

@@ -88,11 +88,10 @@ TEST(ModelRules, UsableBlocksHoldsBackOverhead) {
     Model m;
     Subsystem s;
     Drive d;
-    d.blocks = 2097152;  // 1 GiB
-    EXPECT_EQ(m.UsableBlocks(s, d), (1073741824ull - 0x1000000) / 512);
-    s.overheadPerMille = 25;  // counts in steps of ten: 20 per mille
-    uint64_t bytes = (1073741824ull * 980 / 1000) & ~0xFFFFull;
-    EXPECT_EQ(m.UsableBlocks(s, d), (bytes - 0x1000000) / 512);
+    d.blocks = 2097152;  // 1 GiB: 16 MiB held back
+    EXPECT_EQ(m.UsableBlocks(s, d), 2064384u);
+    s.overheadPerMille = 25;  // counts in steps of ten: 20 per mille, then down to 64 KiB
+    EXPECT_EQ(m.UsableBlocks(s, d), 2022400u);
     d.blocks = 100;  // smaller than what is held back
     EXPECT_EQ(m.UsableBlocks(s, d), 0u);
 }
@@ -372,7 +371,7 @@ TEST_F(ModelTest, ControllerFailoverAndDriveLoss) {
 
 TEST_F(ModelTest, ExpansionAdvancesWithTheClock) {
     Vdisk* v = Make(a, kRaid5, {"SAS0", "SAS1", "SAS2"}, "grow");
-    Serial p = AddPart(a, v, 10, "vol");
+    AddPart(a, v, 10, "vol");
     uint64_t before = v->capacity;
     Drive* d3 = m.FindDrive(sub(), "SAS3");
     ASSERT_EQ(m.ExpandArray(a, v->serial, {{d3->channel, d3->scsiId}}), kOk);
@@ -392,7 +391,6 @@ TEST_F(ModelTest, ExpansionAdvancesWithTheClock) {
     EXPECT_EQ(Newest(a).code, kEvExpansionDone);
     // The new space joins the free segment at the end.
     EXPECT_EQ(Model::FreeOf(*v).segments, 1u);
-    (void)p;
     // A verify can be aborted.
     ASSERT_EQ(m.StartUtility(sub(), v->serial, kUtilVerify), kOk);
     EXPECT_EQ(m.AbortUtility(a, v->serial), kOk);
@@ -473,10 +471,6 @@ TEST(ModelScenario, MalformedDocumentsAreRefused) {
     }
 }
 
-}  // namespace
-
-namespace {
-
 TEST(ModelScenario, SeveralSubsystemsKeepApart) {
     json doc = json::parse(R"({"subsystems": [
         {"uniqueSN": "SUB-ONE", "drives": [{"serial": "d1", "sizeGiB": 10}, {"serial": "d2", "sizeGiB": 10}],
@@ -497,10 +491,6 @@ TEST(ModelScenario, SeveralSubsystemsKeepApart) {
     EXPECT_EQ(m.FindSubsystem("SUB-TWO"), &two);
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(ModelTest, NamesFromTheWireThatAreNotUtf8AreSaved) {
     Vdisk* v = Make(a, kRaid0, {"SAS0", "SAS1"}, "stripe");
     AddPart(a, v, 1, "bad\xff\xfe");
@@ -513,6 +503,10 @@ TEST_F(ModelTest, NamesFromTheWireThatAreNotUtf8AreSaved) {
     Model again;
     EXPECT_TRUE(again.LoadFile(path, &err)) << err;
     std::remove(path);
+    // The bytes that are no UTF-8 come back replaced, the rest of the name as it was.
+    ASSERT_EQ(again.subsystems()[0].vdisks.size(), 1u);
+    ASSERT_EQ(again.subsystems()[0].vdisks[0].parts.size(), 1u);
+    EXPECT_EQ(again.subsystems()[0].vdisks[0].parts[0].name, "bad\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -76,62 +78,63 @@ std::string Header() {
     return std::string(80, '#') + "\n# Debug file opened on Mar 07, 2026 09:05:04.\n";
 }
 
-TEST_F(DebugLogTest, DefaultsWithoutDebugKey) {
-    DebugConfig c;
-    std::memset(&c, 0x5A, sizeof c);
-    ReadDebugConfig(&c);
-    EXPECT_STREQ(c.FileName, "");
-    EXPECT_EQ(c.ToFile, 1u);
-    EXPECT_EQ(c.ToDebugger, 0u);
-    EXPECT_EQ(c.TimeStamp, 1u);
-    EXPECT_EQ(c.ForceFlush, 1u);
-    EXPECT_EQ(c.MaxFileLength, 0u);
-    EXPECT_EQ(c.DebugLevel, 1u);
-}
-
-TEST_F(DebugLogTest, ReadsValuesAndNormalisesFlags) {
-    settings().SetString(TROV_DEBUG_KEY, "FileName", "/var/log/vds.debug");
-    SetDword("ToFile", 0);
-    SetDword("ToDebugger", 7);
-    SetDword("TimeStamp", 0);
-    SetDword("ForceFlush", 0x80000000u);
-    SetDword("MaxFileLength", 123456);
-    SetDword("DebugLevel", 5);
-    DebugConfig c{};
-    ReadDebugConfig(&c);
-    EXPECT_STREQ(c.FileName, "/var/log/vds.debug");
-    EXPECT_EQ(c.ToFile, 0u);
-    EXPECT_EQ(c.ToDebugger, 1u);
-    EXPECT_EQ(c.TimeStamp, 0u);
-    EXPECT_EQ(c.ForceFlush, 1u);
-    EXPECT_EQ(c.MaxFileLength, 123456u);
-    EXPECT_EQ(c.DebugLevel, 5u);
-}
-
-TEST_F(DebugLogTest, WrongTypesAndOverlongNamesKeepDefaults) {
-    settings().SetDword(TROV_DEBUG_KEY, "FileName", 1);
-    settings().SetString(TROV_DEBUG_KEY, "ToFile", "0");
-    settings().SetOther(TROV_DEBUG_KEY, "TimeStamp");
-    DebugConfig c{};
-    ReadDebugConfig(&c);
-    EXPECT_STREQ(c.FileName, "");
-    EXPECT_EQ(c.ToFile, 1u);
-    EXPECT_EQ(c.TimeStamp, 1u);
-
-    // 511 characters and the terminator fill the 1024-byte read; one more fails the read.
-    settings().SetString(TROV_DEBUG_KEY, "FileName", std::string(512, 'a'));
-    ReadDebugConfig(&c);
-    EXPECT_STREQ(c.FileName, "");
-    settings().SetString(TROV_DEBUG_KEY, "FileName", std::string(511, 'b'));
-    ReadDebugConfig(&c);
-    EXPECT_EQ(std::string(c.FileName), std::string(255, 'b'));
-}
-
-TEST_F(DebugLogTest, FileNameIsNarrowedByLowByte) {
-    settings().SetString(TROV_DEBUG_KEY, "FileName", "/tmp/\xC3\xA9\xC5\x81.log");  // U+00E9, U+0141
-    DebugConfig c{};
-    ReadDebugConfig(&c);
-    EXPECT_STREQ(c.FileName, "/tmp/\xE9\x41.log");
+TEST_F(DebugLogTest, ReadsTheSettingsAndKeepsDefaultsForMissingOrWrongValues) {
+    struct Want {
+        std::string fileName;
+        uint32_t toFile, toDebugger, timeStamp, forceFlush, maxFileLength, debugLevel;
+    };
+    const Want defaults{"", 1, 0, 1, 1, 0, 1};
+    struct Case {
+        const char* name;
+        std::function<void()> set;
+        Want want;
+    } cases[] = {
+        {"no debug key", [] {}, defaults},
+        {"every value, the flags normalised",
+         [&] {
+             settings().SetString(TROV_DEBUG_KEY, "FileName", "/var/log/vds.debug");
+             SetDword("ToFile", 0);
+             SetDword("ToDebugger", 7);
+             SetDword("TimeStamp", 0);
+             SetDword("ForceFlush", 0x80000000u);
+             SetDword("MaxFileLength", 123456);
+             SetDword("DebugLevel", 5);
+         },
+         {"/var/log/vds.debug", 0, 1, 0, 1, 123456, 5}},
+        {"values of the wrong type",
+         [&] {
+             settings().SetDword(TROV_DEBUG_KEY, "FileName", 1);
+             settings().SetString(TROV_DEBUG_KEY, "ToFile", "0");
+             settings().SetOther(TROV_DEBUG_KEY, "TimeStamp");
+         },
+         defaults},
+        // 511 characters and the terminator fill the 1024-byte read; one more fails the read.
+        {"a file name too long to read",
+         [&] { settings().SetString(TROV_DEBUG_KEY, "FileName", std::string(512, 'a')); }, defaults},
+        {"a file name that fills the read",
+         [&] { settings().SetString(TROV_DEBUG_KEY, "FileName", std::string(511, 'b')); },
+         {std::string(255, 'b'), 1, 0, 1, 1, 0, 1}},
+        {"a file name narrowed by the low byte of each character",  // U+00E9, U+0141
+         [&] { settings().SetString(TROV_DEBUG_KEY, "FileName", "/tmp/\xC3\xA9\xC5\x81.log"); },
+         {"/tmp/\xE9\x41.log", 1, 0, 1, 1, 0, 1}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const char* name :
+             {"FileName", "ToFile", "ToDebugger", "TimeStamp", "ForceFlush", "MaxFileLength", "DebugLevel"})
+            settings().RemoveValue(TROV_DEBUG_KEY, name);
+        c.set();
+        DebugConfig got;
+        std::memset(&got, 0x5A, sizeof got);
+        ReadDebugConfig(&got);
+        EXPECT_EQ(std::string(got.FileName), c.want.fileName);
+        EXPECT_EQ(got.ToFile, c.want.toFile);
+        EXPECT_EQ(got.ToDebugger, c.want.toDebugger);
+        EXPECT_EQ(got.TimeStamp, c.want.timeStamp);
+        EXPECT_EQ(got.ForceFlush, c.want.forceFlush);
+        EXPECT_EQ(got.MaxFileLength, c.want.maxFileLength);
+        EXPECT_EQ(got.DebugLevel, c.want.debugLevel);
+    }
 }
 
 TEST_F(DebugLogTest, NothingGoesAnywhereUntilTheHundredthCallReadsTheSettings) {

@@ -62,6 +62,7 @@ TEST_F(LangTest, ServicePathFromParameters) {
         {"svc.exe", "/"},
         {"", "/"},
         {"C:\\", "C:\\"},
+        {"/srv/\xC5\x81/svc", "/srv/A/"},  // U+0141 keeps its low byte 0x41
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.path ? c.path : "(missing)");
@@ -83,28 +84,27 @@ TEST_F(LangTest, ServicePathOfWrongTypeOrTooLongCountsAsMissing) {
     EXPECT_EQ(ServicePath(64), "/");
 }
 
-TEST_F(LangTest, ServicePathNarrowsByLowByte) {
-    SetPath("/srv/\xC5\x81/svc");  // U+0141 keeps its low byte 0x41
-    EXPECT_EQ(ServicePath(), "/srv/A/");
-}
-
 TEST_F(LangTest, InitLogsLocaleAndCatalogueFolder) {
-    SetPath("/opt/trov/bin/trovproxy");
-    LangInit();
-    std::string log = tp_.DebuggerText();
-    const char* locale = std::setlocale(LC_ALL, nullptr);
-    ASSERT_NE(locale, nullptr);
-    EXPECT_NE(log.find(std::string("LangInit: Current Locale is: ") + locale + "\n"), std::string::npos);
-    EXPECT_NE(log.find("LangInit: bindtextdomain is: /opt/trov/bin/locale\n"), std::string::npos);
-    EXPECT_NE(log.find("LangInit: textdomain is: vdsprovider\n"), std::string::npos);
-    // The order of the steps.
-    EXPECT_LT(log.find("GetServicePath()"), log.find("Current Locale"));
-    EXPECT_LT(log.find("Current Locale"), log.find("bindtextdomain"));
-}
-
-TEST_F(LangTest, MissingPathGivesLocaleInTheRoot) {
-    LangInit();
-    EXPECT_NE(tp_.DebuggerText().find("LangInit: bindtextdomain is: /locale\n"), std::string::npos);
+    const struct {
+        const char* path;  // nullptr: value missing
+        const char* folder;
+    } cases[] = {{"/opt/trov/bin/trovproxy", "/opt/trov/bin/locale"}, {nullptr, "/locale"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.folder);
+        tp_.settings().RemoveValue(TROV_PARAMETERS_KEY, "PATH");
+        if (c.path) SetPath(c.path);
+        tp_.ClearRecords();
+        LangInit();
+        std::string log = tp_.DebuggerText();
+        const char* locale = std::setlocale(LC_ALL, nullptr);
+        ASSERT_NE(locale, nullptr);
+        EXPECT_NE(log.find(std::string("LangInit: Current Locale is: ") + locale + "\n"), std::string::npos);
+        EXPECT_NE(log.find(std::string("LangInit: bindtextdomain is: ") + c.folder + "\n"), std::string::npos);
+        EXPECT_NE(log.find("LangInit: textdomain is: vdsprovider\n"), std::string::npos);
+        // The order of the steps.
+        EXPECT_LT(log.find("GetServicePath()"), log.find("Current Locale"));
+        EXPECT_LT(log.find("Current Locale"), log.find("bindtextdomain"));
+    }
 }
 
 TEST_F(LangTest, WithoutCatalogueTheEnglishTextComesBack) {

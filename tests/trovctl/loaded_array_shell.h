@@ -36,6 +36,7 @@ struct VdiskView {
     std::vector<std::string> spares;
     std::vector<std::pair<std::string, uint64_t>> parts;  // name, blocks
     uint64_t freeBlocks = 0;
+    uint8_t owner = 1;  // 1 = controller A, 0 = B
 };
 
 class LoadedArrayShell : public ::testing::Test {
@@ -72,6 +73,7 @@ public:
                 x.spares = v.spares;
                 for (const trovsim::Partition& p : v.parts) x.parts.push_back({p.name, p.blocks});
                 x.freeBlocks = trovsim::Model::FreeOf(v).total;
+                x.owner = v.owner;
                 all.push_back(std::move(x));
             }
             return all;
@@ -84,6 +86,15 @@ public:
                 if (p.first == partition) return v;
         ADD_FAILURE() << "no partition " << partition << " on the array";
         return {};
+    }
+    // A partition of the model as it stands (views, cache, type); an empty one when none has the name.
+    trovsim::Partition Part(const std::string& name) {
+        return env.sim->WithModel([&](trovsim::Model& m) {
+            for (const trovsim::Vdisk& v : m.subsystems()[0].vdisks)
+                for (const trovsim::Partition& p : v.parts)
+                    if (p.name == name) return p;
+            return trovsim::Partition{};
+        });
     }
     // Every partition of the array with its size, to see that a refusal changed nothing.
     std::multiset<std::pair<std::string, uint64_t>> Layout() {

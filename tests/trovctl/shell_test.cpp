@@ -1,6 +1,7 @@
 // The trovctl command language against a provider loaded the way a host loads it, on the fake
 // platform, with the emulator's demo array behind it: listings and details with the published
 // field names, targets and the selection, every action command, scripts, and bad command lines.
+#include <cctype>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -189,6 +190,8 @@ struct BadLine {
     const char* message;
 };
 
+void PrintTo(const BadLine& b, std::ostream* os) { *os << '"' << b.line << '"'; }
+
 class BadLines : public LoadedShell, public ::testing::WithParamInterface<BadLine> {};
 
 TEST_P(BadLines, AreRefusedWithAClearMessageAndStatus) {
@@ -253,7 +256,19 @@ INSTANTIATE_TEST_SUITE_P(
                       BadLine{"list drives --json", 2, "\"--json\" is an option of trovctl"},
                       BadLine{"detail nosuchname", 2, "\"nosuchname\" (not a number, id, name or identification"},
                       BadLine{"initiators portal 0", 2, "takes a target, not a portal"},
-                      BadLine{"extents controller 0", 2, "takes a drive or lun or plex or pool, not a controller"}));
+                      BadLine{"extents controller 0", 2, "takes a drive or lun or plex or pool, not a controller"}),
+    // The line itself names the case ("detail drive 99" -> "7_detail_drive_99").
+    [](const ::testing::TestParamInfo<BadLine>& info) {
+        std::string name = std::to_string(info.index);
+        bool gap = true;
+        for (const char* p = info.param.line; *p; ++p) {
+            bool word = std::isalnum(static_cast<unsigned char>(*p));
+            if (word && gap) name += '_';
+            if (word) name += *p;
+            gap = !word;
+        }
+        return name;
+    });
 
 TEST_F(LoadedShell, LunNamesExtentsPoolLunsAndTheTargetCommands) {
     std::string db = Json("detail lun 0")["id"], logs = Json("detail lun 1")["id"];

@@ -2,8 +2,10 @@
 // targets that serve a LUN, hints and the snapshot role.
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <iostream>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -72,6 +74,9 @@ int WaitWithProgress(Shell& sh, IVdsAsync* async, const std::string& call, const
                 async->Cancel();
             }
         }
+        // The last poll may have seen the restripe half done: the bar ends on what came of it.
+        if (!interrupted && SUCCEEDED(waitHr) && SUCCEEDED(result))
+            bar.Update(100, Elapsed(std::chrono::steady_clock::now() - start) + "  done");
     }
     waiter.join();
     if (interrupted) return kInterrupted;
@@ -142,6 +147,34 @@ int IdsOf(Shell& sh, const std::vector<std::string>& words, Kind kind, std::vect
         labels->push_back(ShortLabel(o));
     }
     return kOk;
+}
+
+// The provider answers a LUN's delete once its tree no longer holds the LUN, and waits up to 90
+// seconds for a rebuild to take it out. A management service rebuilds on the array's
+// notification through its other callers; this host has none, and a one-shot run no monitor, so
+// it rebuilds the tree itself, once a second, until the delete returns.
+HRESULT DeleteWhileRefreshing(Shell& sh, IVdsLun* lun) {
+    CComPtr<IVdsHwProvider> hw = As<IVdsHwProvider>(sh.provider(), IID_IVdsHwProvider);
+    if (!hw) return lun->Delete();
+    std::mutex mu;
+    std::condition_variable cv;
+    bool over = false;
+    std::thread rebuilder([&] {
+        std::unique_lock<std::mutex> g(mu);
+        while (!cv.wait_for(g, sh.deleteRebuildPeriod(), [&] { return over; })) {
+            g.unlock();
+            hw->Refresh();  // waits for the provider's lock while the delete holds it
+            g.lock();
+        }
+    });
+    HRESULT hr = lun->Delete();
+    {
+        std::lock_guard<std::mutex> g(mu);
+        over = true;
+    }
+    cv.notify_all();
+    rebuilder.join();
+    return hr;
 }
 
 }  // namespace
@@ -231,7 +264,7 @@ int CmdDeleteLun(Shell& sh, const Call& c) {
         sh.render().Note("not deleted");
         return kFailed;
     }
-    hr = lun->Delete();
+    hr = DeleteWhileRefreshing(sh, lun);
     if (FAILED(hr)) return sh.Failed("Delete", hr);
     if (sh.selection() && sh.selection()->id == o.id) sh.Select(Object{Kind::Subsystem, {}, {}});
     sh.Done("delete lun", hr);

@@ -11,6 +11,7 @@
 // until a load, refresh or reenumeration completes without one.
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <iosfwd>
 #include <mutex>
@@ -119,6 +120,9 @@ public:
     bool AskSecret(const std::string& prompt, std::string* secret);
     // Whether a question (delete lun) is answered yes without asking (--yes).
     void SetAssumeYes(bool yes) { assumeYes_ = yes; }
+    // How often the shell rebuilds the tree while a LUN's delete waits for it (real time).
+    void SetDeleteRebuildPeriod(std::chrono::milliseconds period) { deleteRebuildPeriod_ = period; }
+    std::chrono::milliseconds deleteRebuildPeriod() const { return deleteRebuildPeriod_; }
     // Asks `question` on the terminal and reads the answer; true for y or yes. Asks nothing, and
     // answers true, with --yes, in a script, or where standard input is no terminal: a script
     // or a program that runs trovctl has said what it wants. False when the reading was cut short.
@@ -145,6 +149,7 @@ private:
     bool quit_ = false;
     bool mayAsk_ = false;
     bool assumeYes_ = false;
+    std::chrono::milliseconds deleteRebuildPeriod_{1000};
     bool progress_ = false;
     bool inScript_ = false;  // running the lines of a script: nothing is asked, no bar is drawn
     bool arrayReached_ = true;
