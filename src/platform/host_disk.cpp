@@ -38,11 +38,11 @@ char* CopyText(const std::string& s) {
 
 }  // namespace
 
-bool ReadHostDiskIdentity(const std::string& spec, HostDiskIdentity* out, std::string* why) {
+bool ReadHostDiskIdentity(const std::string& device, HostDiskIdentity* out, std::string* why) {
     *out = HostDiskIdentity{};
     std::string root = Plat()->HostRoot();
-    if (!FindHostScsiDevice(root, spec, &out->unit)) {
-        *why = "no SCSI disk " + spec + " on this host";
+    if (!FindHostScsiDevice(root, device, &out->unit)) {
+        *why = "no SCSI disk " + device + " on this host";
         return false;
     }
     out->devicePath = HostDeviceNode(root, out->unit);

@@ -25,7 +25,7 @@ struct HostDiskIdentity {
 };
 
 // False with *why when there is no such disk or its node can't be opened.
-bool ReadHostDiskIdentity(const std::string& spec, HostDiskIdentity* out, std::string* why);
+bool ReadHostDiskIdentity(const std::string& device, HostDiskIdentity* out, std::string* why);
 
 // Fills *info from the identity; every string and array comes from CoTaskMemAlloc. On a failed
 // allocation E_OUTOFMEMORY with nothing left allocated.

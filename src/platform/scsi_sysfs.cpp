@@ -116,17 +116,17 @@ bool ListHostScsiHosts(const std::string& root, std::vector<uint32_t>* out, int*
     return true;
 }
 
-bool FindHostScsiDevice(const std::string& root, const std::string& spec, HostScsiDevice* out) {
+bool FindHostScsiDevice(const std::string& root, const std::string& device, HostScsiDevice* out) {
     std::vector<HostScsiDevice> all;
     int err = 0;
     if (!ListHostScsiDevices(root, &all, &err)) return false;
     uint32_t h, c, t, l;
-    if (ParseScsiAddress(spec, &h, &c, &t, &l)) {
+    if (ParseScsiAddress(device, &h, &c, &t, &l)) {
         for (const HostScsiDevice& d : all)
             if (d.host == h && d.channel == c && d.target == t && d.lun == l) return *out = d, true;
         return false;
     }
-    std::string name = Basename(spec);
+    std::string name = Basename(device);
     if (!IsSafeSysfsName(name)) return false;
     for (const HostScsiDevice& d : all)
         if (d.blockName == name || d.sgName == name) return *out = d, true;

@@ -40,7 +40,7 @@ bool ListHostScsiDevices(const std::string& root, std::vector<HostScsiDevice>* o
 // The SCSI host numbers of sys/class/scsi_host (hostN), ascending.
 bool ListHostScsiHosts(const std::string& root, std::vector<uint32_t>* out, int* err);
 // A unit by "H:C:T:L", by node name ("sdb", "sg2") or by node path ("/dev/sdb", <root>/dev/sdb).
-bool FindHostScsiDevice(const std::string& root, const std::string& spec, HostScsiDevice* out);
+bool FindHostScsiDevice(const std::string& root, const std::string& device, HostScsiDevice* out);
 // The node a pass-through goes to: the block node when there is one, else the generic node;
 // "" when the unit has neither.
 std::string HostDeviceNode(const std::string& root, const HostScsiDevice& d);
