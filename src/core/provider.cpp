@@ -179,8 +179,41 @@ void CProvider::ReadProviderSettings() {
 }
 
 void CProvider::initWmi() {
-    // The host's multipath and adapter facts are gathered by the host-discovery layer; until it
-    // exists the vectors stay empty, which every reader already treats as "no such host facts".
+    VdsWmiInit wmi;
+    DebugTrace("CProvider::initWmi()\n");
+    // Refilled whole: a step that fails leaves the ones after it empty.
+    m_host = HostFacts{};
+    HostFacts& h = m_host;
+    if (HostIsWin2008()) {
+        if (VdsWmi::WmiGetMpioDescriptor(h.mpioDescriptorVec) != 0) {
+            DebugTrace("OOP!!! CProvider::initWmi() WmiGetMpioDescriptor return error, line %d\n", __LINE__);
+            return;
+        }
+        if (VdsWmi::WmiGetMpioDiskInfo(h.mpioDiskInfoVec) != 0) {
+            DebugTrace("OOP!!! CProvider::initWmi() WmiGetMpioDiskInfo return error, line %d\n", __LINE__);
+            return;
+        }
+        if (VdsWmi::WmiGetMpioDsmPathV2(h.mpioDsmPathV2Vec) != 0) {
+            DebugTrace("OOP!!! CProvider::initWmi() WmiGetMpioDsmPathV2 return error, line %d\n", __LINE__);
+            return;
+        }
+    } else if (VdsWmi::WmiGetDevicePerf(h.DevPerfVec) != 0) {
+        DebugTrace("OOP!! CProvider::initWmi WmiGetDevicePerf(DevPerfVec) error\n");
+        return;
+    }
+    if (VdsWmi::WmiGetDSMInfo(h.DsmVec) != 0) {
+        DebugTrace("OOP!! CProvider::initWmi WmiGetDSMInfo(DsmVec) error\n");
+        return;
+    }
+    if (GetHbaPortProp(h.HBA_vec) != 0) {
+        DebugTrace("OOP!! CProvider::initWmi GetHbaPortProp(HBA_vec) error\n");
+        return;
+    }
+    if (HostIsWin2008()) GetHbaPortPropsByProxy(this, h.HBA_vec);
+    if (QueryLBPolicy(h.DsmLoadPolicyVec) != 0) {
+        DebugTrace("OOP!! CProvider::initWmi QueryLBPolicy(DsmLoadPolicyVec) error\n");
+        return;
+    }
     DebugTrace("CProvider::initWmi() out\n");
 }
 
@@ -437,8 +470,6 @@ void CProvider::EnterPool(const VDS_OBJECT_ID& id, CPool* pool) {
     m_mapPools.Enter(id, VDS_OT_STORAGE_POOL, static_cast<IVdsStoragePool*>(pool));
 }
 
-HRESULT CProvider::QueryIfCreatedLun(LPWSTR, VDS_LUN_INFORMATION*, VDS_OBJECT_ID*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM
 HRESULT CProvider::QueryStoragePools(DWORD, ULONGLONG, VDS_POOL_ATTRIBUTES*, IEnumVdsObject** ppEnum) try {
     if (!PoolsEnabled()) return VDS_E_NOT_SUPPORTED;
     CLockGuard lock("CProvider::QueryStoragePools", hNotificationMutex);

@@ -13,6 +13,7 @@
 #include "core/globals.h"
 #include "core/registry.h"
 #include "core/vds_base.h"
+#include "host/host_facts.h"
 #include "platform/provider_ids.h"
 #include "platform/com.h"
 #include "platform/vds.h"
@@ -97,6 +98,11 @@ public:
     // Takes the whole tree apart (at unload): subsystems disposed, every reference let go.
     void ReleaseTree();
 
+    // What the last load learnt from the host (initWmi); readers hold the notification mutex.
+    HostFacts& Host() { return m_host; }
+    // Gathers the host's facts again (a load does it too).
+    void initWmi();
+
 private:
     // OnLoad's work; a failed allocation travels up to the interface method.
     HRESULT Load(LPWSTR pwszMachineName, IUnknown* pCallbackObject);
@@ -105,7 +111,6 @@ private:
     void ReadProviderSettings();
     // The served test of a subsystem entry (`isFC`, though what it asks for is an iSCSI port).
     bool IsServedSubsystem(const SubsystemEntry& entry);
-    void initWmi();
 
     // The object map and the identity map.
     ObjectRegistry m_registry;
@@ -114,6 +119,7 @@ private:
     CComPtr<IVdsAdviseSink> m_pSink;
     bool m_bNeedRefresh = false;
     std::vector<SubsystemEntry> m_subsystems;
+    HostFacts m_host;
 };
 
 // Makes an enumerator over the objects of a map, ordered by their kind's sort key.

@@ -481,7 +481,3 @@ TROV_CATCH_OOM
 HRESULT CLun::SetStatus(VDS_LUN_STATUS) try { return NotSupported("CLun::SetStatus"); }
 TROV_CATCH_OOM
 
-// Identification is later work of this provider: until then it answers that it is not
-// implemented, never a false success.
-HRESULT CLun::GetIdentificationData(VDS_LUN_INFORMATION*) try { return E_NOTIMPL; }
-TROV_CATCH_OOM

@@ -111,6 +111,16 @@ public:
     // Whether a change may be asked of the LUN in its present state.
     bool CanOperate() const;
 
+    // Host paths (defined in host/lun_paths.cpp): from host-side facts to the id of the
+    // controller port a path reaches; the zero GUID when none does.
+    VDS_OBJECT_ID GetPathInfo(uint32_t portNumber, uint32_t targetId);
+    VDS_OBJECT_ID GetCtrlPortIdByPortWWN(CSubSystem* subsystem, const char* identification);
+    VDS_OBJECT_ID GetCtrlPortIdByTargetPortIdentifier(uint32_t id, bool isULP);
+    VDS_OBJECT_ID GetCtrlPortIdByTargetPortIdentifier(const uint8_t wwn[8]);
+    void requestWmiUpdate();
+    void refreshWmiIfRequested();
+    uint32_t WmiUpdateCookie() const { return m_wmiUpdateCookie; }
+
     // --- Creation (lun/array_creation.cpp); the caller holds the notification mutex ---
     // The RAID level CSubSystem::CreateLun settled, read by the creation below.
     void SetRequestedRaidLevel(uint8_t raid) { m_requestedRaidLevel = raid; }
@@ -229,6 +239,7 @@ private:
     uint8_t m_numDrivesPerLowLevelArray = 0;
     uint8_t m_utilityRunning = 0;
     uint8_t m_specialType = 0;
+    uint32_t m_wmiUpdateCookie = 0;
     uint8_t m_requestedRaidLevel = 0;
     // Atomic: SetFriendlyName tests it before it takes the notification mutex, while a refresh
     // under that mutex may be building the LUN again.

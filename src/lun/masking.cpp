@@ -328,7 +328,7 @@ HRESULT CLun::SetMaskSteps(const std::string& newList, bool* sent) {
         if (!oldList.empty() && oldList != "*" && bAllOldKept && !result.empty()) result = oldList + ";" + result;
         StoreUnmaskingList(result);
     }
-    DebugTrace("requesting future wmi update\n");
+    requestWmiUpdate();
     DebugTrace("CLun::SetMask() out\n");
     return S_OK;
 }

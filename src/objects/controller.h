@@ -71,6 +71,17 @@ public:
     const char* ProductId() const { return m_productId; }
     const char* FirmwareRevision() const { return m_firmwareRevision; }
     const uint8_t* IpAddress() const { return m_ipAddress; }
+    const uint8_t* MacAddress() const { return m_macAddress; }
+    // The record's UniqueSN, 32 bytes, not terminated.
+    const char* UniqueSerial() const { return m_UniqueSn; }
+    uint32_t NumHostPorts() const { return m_numPorts; }
+    // Calls f(T*) for each port (T is CControllerPort), in id order; the caller holds the
+    // notification mutex.
+    template <class T, class F>
+    void ForEachPort(F&& f) const {
+        for (const auto& [id, e] : m_ports)
+            if (T* o = e.template As<T>()) f(o);
+    }
 
 private:
     HRESULT CacheCommand(const char* method, bool flush);

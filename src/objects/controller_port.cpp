@@ -97,6 +97,8 @@ HRESULT CControllerPort::Initialize(const VDS_OBJECT_ID* id, CProvider* provider
     m_prop.status = status;
     m_Owner = record->controller.controllerId;
     m_channel = channel;
+    if (port.isFibre()) std::memcpy(m_portWwn, port.interface.fc.portWwn, sizeof m_portWwn);
+    else std::memset(m_portWwn, 0, sizeof m_portWwn);
     provider->RememberObject(*id, name, this, static_cast<IVdsControllerPort*>(this));
     DebugTrace("CControllerPort::Initialize() id %s name %S status %d owner %d\n", LogGuid(*id).c_str(),
                m_prop.pwszFriendlyName, static_cast<int>(m_prop.status), static_cast<int>(m_Owner));

@@ -41,6 +41,9 @@ public:
     uint32_t PortNumber() const { return m_channel; }
     const VDS_OBJECT_ID& Id() const { return m_prop.id; }
     const WCHAR* FriendlyName() const { return m_prop.pwszFriendlyName; }
+    const WCHAR* Identification() const { return m_prop.pwszIdentification; }
+    // The port's world-wide name (zero for a port without one).
+    const uint8_t* PortWwn() const { return m_portWwn; }
 
     // The port's address as its name: 16 hexadecimal digits of a world-wide name or SAS address,
     // dotted IPv4, or IPv6 bytes joined by colons. `known` is false for a bus type without an
@@ -55,4 +58,5 @@ private:
     uint8_t m_Owner = 0;
     uint32_t m_channel = 0;
     uint32_t m_initialised = 0;
+    uint8_t m_portWwn[8]{};
 };

@@ -3,7 +3,8 @@
 // Everything the logic needs of its host goes through Platform: the settings store, the
 // directories where the proxy configuration is looked for, files, the local heartbeat channel,
 // event reports, the debugger sink, the clock with its sleeps, events and socket waits, threads,
-// named recursive mutexes, GUIDs, task-memory blocks and the host's version.
+// named recursive mutexes, GUIDs, task-memory blocks, the host's version, and the host's devices
+// (sysfs and /dev under HostRoot(), SCSI pass-through, the multipath daemon).
 // Platform::Default() is the Linux implementation; tests derive from PlatformWrapper to replace
 // one facility and install it with Platform::Set().
 //
@@ -102,6 +103,37 @@ public:
     virtual bool Truncate() = 0;
 };
 
+// One SCSI command as SG_IO carries it: the CDB, the direction and buffer of its data, a time
+// limit and a sense buffer; the call fills in the status, the residual and the sense length.
+enum class ScsiDirection : uint8_t { None, FromDevice, ToDevice };
+struct ScsiRequest {
+    uint8_t cdb[16] = {};
+    uint8_t cdbLength = 0;  // 6, 10, 12 or 16
+    ScsiDirection direction = ScsiDirection::None;
+    void* data = nullptr;
+    uint32_t dataLength = 0;
+    uint32_t timeoutMs = 60000;
+    uint8_t* sense = nullptr;
+    uint8_t senseCapacity = 0;
+    // Filled by ScsiPassThrough.
+    uint8_t status = 0;        // the SCSI status byte (2: CHECK CONDITION)
+    uint32_t residual = 0;     // dataLength minus the bytes moved
+    uint8_t senseLength = 0;   // sense bytes written, at most senseCapacity
+    uint16_t hostStatus = 0;   // transport and driver results (0: none)
+    uint16_t driverStatus = 0;
+};
+
+// A device opened through the Platform (a SCSI disk, tape or generic node).
+class PlatformDevice {
+public:
+    virtual ~PlatformDevice() = default;
+    // Runs one command. False with *err (an errno value) when the command could not be carried
+    // at all; a command that ran and failed returns true with its status and sense.
+    virtual bool ScsiPassThrough(ScsiRequest* request, int* err) = 0;
+    // The descriptor of the opened node, for probes that read the device (libblkid).
+    virtual int Descriptor() = 0;
+};
+
 class Platform {
 public:
     virtual ~Platform() = default;
@@ -176,6 +208,23 @@ public:
     virtual uint32_t EffectiveUserId() = 0;
     // The user id of the account `name`; false when there is no such account.
     virtual bool LookupUserId(const std::string& name, uint32_t* uid) = 0;
+
+    // --- The host's devices ---
+    // The folder that stands for "/" when the provider looks at its host: "" for the running
+    // system; else a recorded host laid out like / (sys/, dev/, etc/iscsi/initiatorname.iscsi,
+    // multipathd/; see platform/recorded_host.h). The Linux platform takes it from the
+    // environment variable TROVHWIPRV_HOST_ROOT.
+    virtual std::string HostRoot() = 0;
+    // The names in a folder (without "." and ".."), sorted. False with *err on failure.
+    virtual bool ListDirectory(const std::string& path, std::vector<std::string>* names, int* err) = 0;
+    // Opens a device node for SCSI pass-through (SG_IO). Null with *err when it can't be opened.
+    virtual std::unique_ptr<PlatformDevice> OpenDevice(const std::string& path, int* err) = 0;
+    // One command to the multipath daemon ("show maps json", "fail path sdb", ...) and its whole
+    // reply. False with *err: ECONNREFUSED when no daemon answers, ETIMEDOUT when it stays
+    // silent, EMSGSIZE when the reply is larger than any reply it gives.
+    virtual bool MultipathCommand(const std::string& command, std::string* reply, int* err) = 0;
+    // Replaces a file's content as one step (written beside it, then renamed over it).
+    virtual bool WriteTextFile(const std::string& path, const std::string& content, int* err) = 0;
 };
 
 // Forwards every call to a target; tests derive from it and override what they replace.
@@ -226,6 +275,19 @@ public:
     uint32_t ThreadId() override { return target_->ThreadId(); }
     uint32_t EffectiveUserId() override { return target_->EffectiveUserId(); }
     bool LookupUserId(const std::string& n, uint32_t* uid) override { return target_->LookupUserId(n, uid); }
+    std::string HostRoot() override { return target_->HostRoot(); }
+    bool ListDirectory(const std::string& p, std::vector<std::string>* n, int* e) override {
+        return target_->ListDirectory(p, n, e);
+    }
+    std::unique_ptr<PlatformDevice> OpenDevice(const std::string& p, int* e) override {
+        return target_->OpenDevice(p, e);
+    }
+    bool MultipathCommand(const std::string& c, std::string* r, int* e) override {
+        return target_->MultipathCommand(c, r, e);
+    }
+    bool WriteTextFile(const std::string& p, const std::string& c, int* e) override {
+        return target_->WriteTextFile(p, c, e);
+    }
 
 private:
     Platform* target_;

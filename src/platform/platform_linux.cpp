@@ -1,6 +1,9 @@
 // The Linux implementation of the Platform.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <scsi/sg.h>
+#include <sys/ioctl.h>
 #include <poll.h>
 #include <pwd.h>
 #include <pthread.h>
@@ -28,6 +31,7 @@
 
 #include "platform/named_mutex.h"
 #include "platform/platform.h"
+#include "platform/recorded_host.h"
 #include "platform/settings.h"
 
 namespace {
@@ -207,6 +211,54 @@ private:
     int fd_;
 };
 
+// A device node of the running system: every command goes through SG_IO, field for field.
+class SgDevice : public PlatformDevice {
+public:
+    explicit SgDevice(int fd) : fd_(fd) {}
+    ~SgDevice() override { ::close(fd_); }
+    int Descriptor() override { return fd_; }
+    bool ScsiPassThrough(ScsiRequest* r, int* err) override {
+        if (r->cdbLength == 0 || r->cdbLength > sizeof r->cdb) {
+            *err = EINVAL;
+            return false;
+        }
+        sg_io_hdr_t h{};
+        h.interface_id = 'S';
+        h.cmd_len = r->cdbLength;
+        h.cmdp = r->cdb;
+        h.dxfer_direction = r->direction == ScsiDirection::FromDevice ? SG_DXFER_FROM_DEV
+                            : r->direction == ScsiDirection::ToDevice ? SG_DXFER_TO_DEV
+                                                                      : SG_DXFER_NONE;
+        h.dxfer_len = r->data ? r->dataLength : 0;
+        h.dxferp = r->data;
+        h.mx_sb_len = r->sense ? r->senseCapacity : 0;
+        h.sbp = r->sense;
+        h.timeout = r->timeoutMs;
+        int rc;
+        do { rc = ::ioctl(fd_, SG_IO, &h); } while (rc < 0 && errno == EINTR);
+        if (rc < 0) {
+            *err = errno;
+            return false;
+        }
+        r->status = h.status;
+        r->residual = h.resid < 0 ? 0 : std::min<uint32_t>(static_cast<uint32_t>(h.resid), r->dataLength);
+        r->senseLength = std::min<uint8_t>(h.sb_len_wr, r->senseCapacity);
+        r->hostStatus = h.host_status;
+        r->driverStatus = h.driver_status;
+        *err = 0;
+        return true;
+    }
+
+private:
+    int fd_;
+};
+
+// The multipath daemon's control socket, in the abstract namespace.
+constexpr char kMultipathdSocket[] = "/org/kernel/linux/storage/multipathd";
+// How long the daemon may take to answer, and the largest reply taken from it.
+constexpr uint32_t kMultipathdTimeoutMs = 4000;
+constexpr uint64_t kMaxMultipathdReply = 16u << 20;
+
 class LinuxPlatform : public Platform {
 public:
     bool KeyExists(const std::string& k) override {
@@ -371,7 +423,126 @@ public:
         return true;
     }
 
+    std::string HostRoot() override {
+        const char* env = std::getenv("TROVHWIPRV_HOST_ROOT");
+        std::string root = env ? env : "";
+        while (!root.empty() && root.back() == '/') root.pop_back();
+        return root;
+    }
+    bool ListDirectory(const std::string& path, std::vector<std::string>* names, int* err) override {
+        names->clear();
+        DIR* d = ::opendir(path.c_str());
+        if (!d) {
+            *err = errno;
+            return false;
+        }
+        while (dirent* e = ::readdir(d)) {
+            std::string n = e->d_name;
+            if (n != "." && n != "..") names->push_back(std::move(n));
+        }
+        ::closedir(d);
+        std::sort(names->begin(), names->end());
+        *err = 0;
+        return true;
+    }
+    std::unique_ptr<PlatformDevice> OpenDevice(const std::string& path, int* err) override {
+        std::string root = HostRoot();
+        if (!root.empty()) return OpenRecordedDevice(root, path, err);
+        int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
+            *err = errno;
+            return nullptr;
+        }
+        *err = 0;
+        return std::make_unique<SgDevice>(fd);
+    }
+    bool MultipathCommand(const std::string& command, std::string* reply, int* err) override {
+        std::string root = HostRoot();
+        if (!root.empty()) return RecordedMultipathCommand(root, command, reply, err);
+        return DaemonCommand(command, reply, err);
+    }
+    bool WriteTextFile(const std::string& path, const std::string& content, int* err) override {
+        std::string tmp = path + ".tmp." + std::to_string(getpid());
+        int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            *err = errno;
+            return false;
+        }
+        LinuxFile f(fd);
+        if (!f.Write(content.data(), content.size()) || ::fsync(fd) != 0 || ::rename(tmp.c_str(), path.c_str()) != 0) {
+            *err = errno ? errno : EIO;
+            ::unlink(tmp.c_str());
+            return false;
+        }
+        *err = 0;
+        return true;
+    }
+
 private:
+    // Reads exactly n bytes, each wait bounded by the daemon's time limit.
+    bool ReadFull(int fd, void* buf, size_t n, int* err) {
+        char* p = static_cast<char*>(buf);
+        while (n > 0) {
+            int ready = WaitReadable(fd, kMultipathdTimeoutMs);
+            if (ready <= 0) {
+                *err = ready == 0 ? ETIMEDOUT : errno;
+                return false;
+            }
+            ssize_t got = ::recv(fd, p, n, 0);
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) {
+                *err = got == 0 ? ECONNRESET : errno;
+                return false;
+            }
+            p += got;
+            n -= static_cast<size_t>(got);
+        }
+        return true;
+    }
+
+    // The daemon's framing: the length of what follows as a native size_t, then the text with
+    // its terminator; the reply comes back the same way.
+    bool DaemonCommand(const std::string& command, std::string* reply, int* err) {
+        reply->clear();
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            *err = errno;
+            return false;
+        }
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path + 1, kMultipathdSocket, sizeof kMultipathdSocket - 1);
+        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sizeof kMultipathdSocket);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), len) < 0) {
+            ::close(fd);
+            *err = ECONNREFUSED;
+            return false;
+        }
+        std::string out(sizeof(size_t), '\0');
+        size_t cmdLen = command.size() + 1;
+        std::memcpy(out.data(), &cmdLen, sizeof cmdLen);
+        out.append(command);
+        out.push_back('\0');
+        bool ok = ::send(fd, out.data(), out.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(out.size());
+        if (!ok) *err = errno ? errno : EPIPE;
+        size_t replyLen = 0;
+        ok = ok && ReadFull(fd, &replyLen, sizeof replyLen, err);
+        if (ok && replyLen > kMaxMultipathdReply) {
+            *err = EMSGSIZE;
+            ok = false;
+        }
+        if (ok) {
+            reply->resize(replyLen);
+            ok = ReadFull(fd, reply->data(), replyLen, err);
+            while (ok && !reply->empty() && reply->back() == '\0') reply->pop_back();
+        }
+        ::close(fd);
+        if (ok) *err = 0;
+        else reply->clear();
+        return ok;
+    }
+
     static uint64_t NowMs() {
         timespec ts;
         clock_gettime(CLOCK_MONOTONIC, &ts);

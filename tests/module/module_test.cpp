@@ -304,7 +304,8 @@ TEST(ModuleExports, OnlyTheEntryPointsAndTheEnumerator) {
     ASSERT_FALSE(symbols.empty()) << "nm found no symbols in " << TROV_MODULE_PATH;
     const std::set<std::string> entryPoints = {
         "DllMain", "DllCanUnloadNow", "DllGetClassObject", "DllRegisterServer", "DllUnregisterServer",
-        "TrovSetHostSink", "TrovSetHostServices", "operator<(GUID const&, GUID const&)"};
+        "TrovSetHostSink", "TrovSetHostServices", "TrovHostHbaPorts", "TrovHostLunPaths", "TrovHostSetLunPolicy",
+        "TrovHostSetPathStatus", "operator<(GUID const&, GUID const&)"};
     for (const std::string& e : entryPoints) EXPECT_EQ(symbols.count(e), 1u) << e << " is not exported";
     std::set<std::string> enumeratorMembers;
     for (const std::string& s : symbols) {

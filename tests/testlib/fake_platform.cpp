@@ -7,6 +7,8 @@
 #include <atomic>
 #include <chrono>
 
+#include "platform/recorded_host.h"
+
 uint64_t FakeClock::NowMs() const {
     std::lock_guard<std::mutex> g(mu_);
     return now_;
@@ -308,4 +310,64 @@ void TestPlatform::HostVersion(uint32_t* ma, uint32_t* mi) {
     std::lock_guard<std::mutex> g(mu_);
     *ma = major_;
     *mi = minor_;
+}
+
+void TestPlatform::SetHostRoot(const std::string& root) {
+    std::lock_guard<std::mutex> g(mu_);
+    hostRoot_ = root;
+    while (!hostRoot_.empty() && hostRoot_.back() == '/') hostRoot_.pop_back();
+}
+void TestPlatform::SetDeviceOpener(DeviceOpener opener) {
+    std::lock_guard<std::mutex> g(mu_);
+    deviceOpener_ = std::move(opener);
+}
+void TestPlatform::SetMultipathResponder(MultipathResponder responder) {
+    std::lock_guard<std::mutex> g(mu_);
+    multipathResponder_ = std::move(responder);
+}
+std::vector<std::string> TestPlatform::MultipathCommands() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return multipathCommands_;
+}
+std::string TestPlatform::HostRoot() {
+    std::lock_guard<std::mutex> g(mu_);
+    return hostRoot_;
+}
+bool TestPlatform::ListDirectory(const std::string& path, std::vector<std::string>* names, int* err) {
+    if (int e = FileFailure(path)) {
+        names->clear();
+        *err = e;
+        return false;
+    }
+    return PlatformWrapper::ListDirectory(path, names, err);
+}
+std::unique_ptr<PlatformDevice> TestPlatform::OpenDevice(const std::string& path, int* err) {
+    if (int e = FileFailure(path)) {
+        *err = e;
+        return nullptr;
+    }
+    DeviceOpener opener;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        opener = deviceOpener_;
+    }
+    if (opener) return opener(path, err);
+    return OpenRecordedDevice(HostRoot(), path, err);
+}
+bool TestPlatform::MultipathCommand(const std::string& command, std::string* reply, int* err) {
+    MultipathResponder responder;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        multipathCommands_.push_back(command);
+        responder = multipathResponder_;
+    }
+    if (responder) return responder(command, reply, err);
+    return RecordedMultipathCommand(HostRoot(), command, reply, err);
+}
+bool TestPlatform::WriteTextFile(const std::string& path, const std::string& content, int* err) {
+    if (int e = FileFailure(path)) {
+        *err = e;
+        return false;
+    }
+    return PlatformWrapper::WriteTextFile(path, content, err);
 }

@@ -1,7 +1,10 @@
 // Test doubles of the Platform: a fake clock in which no time passes for real, settings held in
 // memory, recorded event reports and debugger output, a settable host version, an allocator
-// that can be told to fail, and file operations that can be told to fail. Everything not
-// replaced goes to the wrapped platform.
+// that can be told to fail, and file operations that can be told to fail. The host's devices
+// are those of a recorded host (platform/recorded_host.h) at a settable root, by default a
+// folder that doesn't exist (a host with no devices and no multipath daemon), never those of the
+// machine running the test; a test may script device nodes and the daemon's replies instead.
+// Everything not replaced goes to the wrapped platform.
 #pragma once
 
 #include <chrono>
@@ -155,6 +158,24 @@ public:
     // The errno that file operations on `path` fail with now; 0 when they don't.
     int FileFailure(const std::string& path) const;
 
+    // --- The host's devices ---
+    using DeviceOpener = std::function<std::unique_ptr<PlatformDevice>(const std::string& path, int* err)>;
+    using MultipathResponder = std::function<bool(const std::string& command, std::string* reply, int* err)>;
+    // The recorded host that stands for "/" (no trailing slash).
+    void SetHostRoot(const std::string& root);
+    // Opens device nodes instead of the recorded host (null: the recorded host again).
+    void SetDeviceOpener(DeviceOpener opener);
+    // Answers multipath daemon commands instead of the recorded host (null: the recorded host).
+    void SetMultipathResponder(MultipathResponder responder);
+    // Every command the daemon was sent, in order.
+    std::vector<std::string> MultipathCommands() const;
+
+    std::string HostRoot() override;
+    bool ListDirectory(const std::string& path, std::vector<std::string>* names, int* err) override;
+    std::unique_ptr<PlatformDevice> OpenDevice(const std::string& path, int* err) override;
+    bool MultipathCommand(const std::string& command, std::string* reply, int* err) override;
+    bool WriteTextFile(const std::string& path, const std::string& content, int* err) override;
+
 private:
     int WaitFor(int fd, short events, uint32_t ms);
 
@@ -175,4 +196,8 @@ private:
     std::function<void(uint32_t)> sleepHook_;
     std::vector<Event> events_;
     std::string debugger_;
+    std::string hostRoot_ = "/nonexistent/host";
+    DeviceOpener deviceOpener_;
+    MultipathResponder multipathResponder_;
+    std::vector<std::string> multipathCommands_;
 };

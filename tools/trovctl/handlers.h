@@ -4,6 +4,7 @@
 #pragma once
 
 #include "commands.h"
+#include "platform/host_library.h"
 #include "render.h"
 
 namespace trovctl {
@@ -73,6 +74,23 @@ int CmdTargetSecret(Shell& sh, const Call& c);
 int CmdInitiatorSecret(Shell& sh, const Call& c);
 int CmdInitiators(Shell& sh, const Call& c);
 int CmdCreatePortalGroup(Shell& sh, const Call& c);
+
+// cmd_host.cpp: the host side of LUNs. The host library is found in the provider's module; a
+// host with the provider's code linked in names the entry points itself.
+struct HostLibrary {
+    TrovHostHbaPortsFn hbaPorts = nullptr;
+    TrovHostLunPathsFn lunPaths = nullptr;
+    TrovHostSetLunPolicyFn setLunPolicy = nullptr;
+    TrovHostSetPathStatusFn setPathStatus = nullptr;
+};
+void UseHostLibrary(const HostLibrary& lib);
+int CmdIdentify(Shell& sh, const Call& c);
+int CmdHostDisk(Shell& sh, const Call& c);
+int CmdHbas(Shell& sh, const Call& c);
+int CmdPaths(Shell& sh, const Call& c);
+int CmdPathStatus(Shell& sh, const Call& c);
+int CmdPolicy(Shell& sh, const Call& c);
+int CmdPolicySet(Shell& sh, const Call& c);
 
 // cmd_registration.cpp: provider modules and the host registry.
 int CmdRegister(Shell& sh, const Call& c);

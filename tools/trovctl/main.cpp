@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 #include <termios.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -155,6 +156,10 @@ int Run(int argc, char** argv) {
     app.set_version_flag("-V,--version", std::string("trovctl ") + trovctl::kTrovctlVersion);
     app.add_flag("--sim-log", opt.simLog, "show the built-in array's log lines on standard error");
     app.add_option("-f,--file", opt.script, "run the commands of FILE, one per line; stop at the first failure");
+    std::string hostRoot;
+    app.add_option("--host-root", hostRoot, "a recorded host (a folder laid out like / with sys, dev, etc and "
+                                            "multipathd replies) for every host source")
+        ->type_name("DIR");
     app.add_option("command", opt.words, "a command and its words (see below); \"shell\" for the interactive shell");
     app.positionals_at_end(true);
     app.footer(std::string("\n") + trovctl::HelpText() + kFooter);
@@ -188,6 +193,11 @@ int Run(int argc, char** argv) {
         if (f.path.empty()) continue;
         std::string why = trovctl::UnreadableFile(f.path);
         if (!why.empty()) return usage(std::string(f.option) + " " + f.path + ": " + why);
+    }
+    if (!hostRoot.empty()) {
+        struct stat st {};
+        if (stat(hostRoot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return usage("--host-root " + hostRoot + ": not a folder");
+        setenv("TROVHWIPRV_HOST_ROOT", hostRoot.c_str(), 1);
     }
     if (!opt.terse.empty() && opt.json) return usage("--terse and --json do not go together");
     if (opt.header && opt.noHeader) return usage("--header and --no-header do not go together");

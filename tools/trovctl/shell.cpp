@@ -1,5 +1,7 @@
 #include "shell.h"
 
+#include <algorithm>
+
 #include <unistd.h>
 
 #include <cctype>
@@ -124,8 +126,12 @@ int Shell::Execute(const std::vector<std::string>& words) {
     const Command* cmd = FindCommand(words, &call, &error);
     if (!cmd) return Usage(error);
     // A secret may begin with dashes: only other commands' words are taken for options.
+    // A word the command names itself (policy set's --dry-run) is its own.
+    auto own = [cmd](const std::string& w) {
+        return std::any_of(cmd->words.begin(), cmd->words.end(), [&](const char* x) { return w == x; });
+    };
     for (const std::string& w : call.args)
-        if (!(cmd->flags & kSecret) && IsOption(w) && !((cmd->flags & kAsks) && (w == "--yes" || w == "-y")))
+        if (!(cmd->flags & kSecret) && IsOption(w) && !own(w) && !((cmd->flags & kAsks) && (w == "--yes" || w == "-y")))
             return Usage("\"" + w + "\" is an option of trovctl, not a word of " + call.fixed[0] +
                          ": options go before the command (trovctl " + w + " " + call.fixed[0] + " ...)");
     BeginCommand();
