@@ -177,7 +177,9 @@ TEST_F(RecordedHost, HostDiskToLunByEitherPathAndNotForOtherDisks) {
     for (const Case& c : cases) {
         VDS_OBJECT_ID id{};
         EXPECT_EQ(WhichLun(c.disk, &id), c.hr) << c.disk;
-        if (c.lun) EXPECT_TRUE(id == c.lun->Id()) << c.disk;
+        if (c.lun) {
+            EXPECT_TRUE(id == c.lun->Id()) << c.disk;
+        }
     }
 }
 
@@ -306,7 +308,8 @@ TEST_F(RecordedHost, LibraryEntryPointsAnswerWithinTheCallersBuffers) {
     EXPECT_EQ(list.paths[1].status, VDS_MPS_STANDBY);
     EXPECT_EQ(TrovHostLunPaths(&LunNamed("scratch01")->Id(), &list), S_FALSE);
     EXPECT_EQ(list.count, 0u);
-    const VDS_OBJECT_ID nothing{0x1234};
+    VDS_OBJECT_ID nothing{};
+    nothing.Data1 = 0x1234;
     EXPECT_EQ(TrovHostLunPaths(&nothing, &list), VDS_E_OBJECT_NOT_FOUND);
     EXPECT_EQ(TrovHostLunPaths(&db->Id(), nullptr), E_POINTER);
 

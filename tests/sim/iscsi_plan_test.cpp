@@ -269,7 +269,9 @@ TEST(TgtParamValue, NothingCanEndAPairOrStartAnother) {
 // ---------------------------------------------------------------------------------------------
 
 std::vector<uint8_t> DataIn(uint32_t itt, const std::vector<uint8_t>& data, uint8_t flags = 0x81) {
-    std::vector<uint8_t> pdu(48, 0);
+    std::vector<uint8_t> pdu;
+    pdu.reserve(48 + data.size() + 3);
+    pdu.resize(48, 0);
     pdu[0] = 0x25;
     pdu[1] = flags;
     pdu[5] = uint8_t(data.size() >> 16);
