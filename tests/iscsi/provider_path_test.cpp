@@ -259,7 +259,8 @@ TEST_F(ProviderPath, ALunMadeMaskedExtendedAndDeletedByTheProviderIsWhatTheIniti
     ASSERT_TRUE(grown.is_object()) << grown;
     EXPECT_EQ(grown.value("ullSize", uint64_t(0)), 2ull << 30) << grown;
     EXPECT_TRUE(Eventually([&] {
-        const SeenLun* l = LookAtB(kFirst).WithSerial(ident);
+        Seen seen = LookAtB(kFirst);
+        const SeenLun* l = seen.WithSerial(ident);
         return l && l->bytes == (2ull << 30);
     })) << sim_->err;
 
