@@ -414,7 +414,11 @@ std::string HintMaskText(uint64_t mask) {
     return out;
 }
 
-nlohmann::ordered_json HintsJson(const VDS_HINTS2& h) {
+namespace {
+
+// The fields both hint records share, in their order.
+template <class Hints>
+nlohmann::ordered_json CommonHintsJson(const Hints& h) {
     return {{"ullHintMask", h.ullHintMask},
             {"ullHintMaskText", HintMaskText(h.ullHintMask)},
             {"ullExpectedMaximumSize", h.ullExpectedMaximumSize},
@@ -432,38 +436,29 @@ nlohmann::ordered_json HintsJson(const VDS_HINTS2& h) {
             {"bReadBackVerifyEnabled", h.bReadBackVerifyEnabled != 0},
             {"bWriteThroughCachingEnabled", h.bWriteThroughCachingEnabled != 0},
             {"bHardwareChecksumEnabled", h.bHardwareChecksumEnabled != 0},
-            {"bIsYankable", h.bIsYankable != 0},
-            {"bAllocateHotSpare", h.bAllocateHotSpare != 0},
-            {"bUseMirroredCache", h.bUseMirroredCache != 0},
-            {"bReadCachingEnabled", h.bReadCachingEnabled != 0},
-            {"bWriteCachingEnabled", h.bWriteCachingEnabled != 0},
-            {"bMediaScanEnabled", h.bMediaScanEnabled != 0},
-            {"bConsistencyCheckEnabled", h.bConsistencyCheckEnabled != 0},
-            {"BusType", h.BusType},
-            {"BusTypeText", EnumText(Kind::Drive, "busType", h.BusType)},
-            {"sRebuildPriority", h.sRebuildPriority}};
+            {"bIsYankable", h.bIsYankable != 0}};
+}
+
+}  // namespace
+
+nlohmann::ordered_json HintsJson(const VDS_HINTS2& h) {
+    nlohmann::ordered_json j = CommonHintsJson(h);
+    j["bAllocateHotSpare"] = h.bAllocateHotSpare != 0;
+    j["bUseMirroredCache"] = h.bUseMirroredCache != 0;
+    j["bReadCachingEnabled"] = h.bReadCachingEnabled != 0;
+    j["bWriteCachingEnabled"] = h.bWriteCachingEnabled != 0;
+    j["bMediaScanEnabled"] = h.bMediaScanEnabled != 0;
+    j["bConsistencyCheckEnabled"] = h.bConsistencyCheckEnabled != 0;
+    j["BusType"] = h.BusType;
+    j["BusTypeText"] = EnumText(Kind::Drive, "busType", h.BusType);
+    j["sRebuildPriority"] = h.sRebuildPriority;
+    return j;
 }
 
 nlohmann::ordered_json HintsJson(const VDS_HINTS& h) {
-    return {{"ullHintMask", h.ullHintMask},
-            {"ullHintMaskText", HintMaskText(h.ullHintMask)},
-            {"ullExpectedMaximumSize", h.ullExpectedMaximumSize},
-            {"ulOptimalReadSize", h.ulOptimalReadSize},
-            {"ulOptimalReadAlignment", h.ulOptimalReadAlignment},
-            {"ulOptimalWriteSize", h.ulOptimalWriteSize},
-            {"ulOptimalWriteAlignment", h.ulOptimalWriteAlignment},
-            {"ulMaximumDriveCount", h.ulMaximumDriveCount},
-            {"ulStripeSize", h.ulStripeSize},
-            {"bFastCrashRecoveryRequired", h.bFastCrashRecoveryRequired != 0},
-            {"bMostlyReads", h.bMostlyReads != 0},
-            {"bOptimizeForSequentialReads", h.bOptimizeForSequentialReads != 0},
-            {"bOptimizeForSequentialWrites", h.bOptimizeForSequentialWrites != 0},
-            {"bRemapEnabled", h.bRemapEnabled != 0},
-            {"bReadBackVerifyEnabled", h.bReadBackVerifyEnabled != 0},
-            {"bWriteThroughCachingEnabled", h.bWriteThroughCachingEnabled != 0},
-            {"bHardwareChecksumEnabled", h.bHardwareChecksumEnabled != 0},
-            {"bIsYankable", h.bIsYankable != 0},
-            {"sRebuildPriority", h.sRebuildPriority}};
+    nlohmann::ordered_json j = CommonHintsJson(h);
+    j["sRebuildPriority"] = h.sRebuildPriority;
+    return j;
 }
 
 }  // namespace trovctl
