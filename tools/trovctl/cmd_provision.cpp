@@ -51,23 +51,29 @@ int WaitFor(Shell& sh, IVdsAsync* async, const std::string& call, VDS_ASYNC_OUTP
     return kOk;
 }
 
-int CmdCreateLun(Shell& sh, const Call& c) {
+// The words of a request for a new LUN: its type, then the `keys` the command takes. pool= and
+// drives= exclude each other, and a pool leaves no room for a subsystem; the drives named are
+// resolved into *drives. `otherTypes` closes the list of what the first word may be.
+static int NewLunWords(Shell& sh, const Call& c, unsigned keys, const std::string& otherTypes, VDS_LUN_TYPE* type,
+                       Request* r, std::vector<GUID>* drives) {
     if (c.args.empty()) return sh.UsageOf(*c.cmd);
-    VDS_LUN_TYPE type;
-    if (!ParseLunType(c.args[0], &type))
-        return sh.Usage("\"" + c.args[0] + "\" is no LUN type (" + LunTypeNames() + ", or a number)");
-    Request r;
+    if (!ParseLunType(c.args[0], type))
+        return sh.Usage("\"" + c.args[0] + "\" is no LUN type (" + LunTypeNames() + ", or a number" + otherTypes + ")");
     std::string why;
-    if (!ParseRequest({c.args.begin() + 1, c.args.end()},
-                      kKeySize | kKeyDrives | kKeyStripe | kKeyUnmask | kKeyPool | kKeyHints, &r, &why))
-        return sh.Usage(why);
-    if (!r.pool.empty() && !r.drives.empty())
+    if (!ParseRequest({c.args.begin() + 1, c.args.end()}, keys, r, &why)) return sh.Usage(why);
+    if (!r->pool.empty() && !r->drives.empty())
         return sh.Usage("pool= and drives= do not go together: a pool brings its own drives");
-    if (!r.pool.empty() && !r.target.empty())
+    if (!r->pool.empty() && !r->target.empty())
         return sh.Usage("with pool= the pool says where the LUN goes: no subsystem after it");
+    return ResolveDrives(sh, r->drives, drives);
+}
 
+int CmdCreateLun(Shell& sh, const Call& c) {
+    VDS_LUN_TYPE type;
+    Request r;
     std::vector<GUID> drives;
-    int rc = ResolveDrives(sh, r.drives, &drives);
+    int rc = NewLunWords(sh, c, kKeySize | kKeyDrives | kKeyStripe | kKeyUnmask | kKeyPool | kKeyHints, "",
+                         &type, &r, &drives);
     if (rc != kOk) return rc;
     // The LUNs before: numbered first, so that the new one takes the next number as "list luns"
     // would give it, and known, so that a LUN made by a request that then failed (its masking)
@@ -156,20 +162,10 @@ void SizeAnswer(Shell& sh, const std::string& command, const char* field, uint64
 }  // namespace
 
 int CmdMaxSize(Shell& sh, const Call& c) {
-    if (c.args.empty()) return sh.UsageOf(*c.cmd);
     VDS_LUN_TYPE type;
-    if (!ParseLunType(c.args[0], &type))
-        return sh.Usage("\"" + c.args[0] + "\" is no LUN type (" + LunTypeNames() + ", or a number; or extend)");
     Request r;
-    std::string why;
-    if (!ParseRequest({c.args.begin() + 1, c.args.end()}, kKeyDrives | kKeyPool | kKeyHints, &r, &why))
-        return sh.Usage(why);
-    if (!r.pool.empty() && !r.drives.empty())
-        return sh.Usage("pool= and drives= do not go together: a pool brings its own drives");
-    if (!r.pool.empty() && !r.target.empty())
-        return sh.Usage("with pool= the pool says where the LUN goes: no subsystem after it");
     std::vector<GUID> drives;
-    int rc = ResolveDrives(sh, r.drives, &drives);
+    int rc = NewLunWords(sh, c, kKeyDrives | kKeyPool | kKeyHints, "; or extend", &type, &r, &drives);
     if (rc != kOk) return rc;
     ULONGLONG size = 0;
     HRESULT hr;
