@@ -1,4 +1,5 @@
 #include "host_registry.h"
+#include "host_object.h"
 #include "provider_host.h"
 
 #include <dlfcn.h>
@@ -479,26 +480,11 @@ bool ResolveModule(const std::string& option, std::string* module, GUID* classId
 
 namespace {
 
-class VdsAdmin final : public IVdsAdmin {
+class VdsAdmin final : public trovctl::HostObject<IVdsAdmin> {
 public:
-    VdsAdmin(std::string path, std::string* lastError) : path_(std::move(path)), lastError_(lastError) {}
+    VdsAdmin(std::string path, std::string* lastError)
+        : HostObject(IID_IVdsAdmin), path_(std::move(path)), lastError_(lastError) {}
 
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IVdsAdmin) {
-            *ppv = static_cast<IVdsAdmin*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG AddRef() override { return static_cast<ULONG>(++ref_); }
-    ULONG Release() override {
-        long n = --ref_;
-        if (n == 0) delete this;
-        return static_cast<ULONG>(n);
-    }
 
     HRESULT RegisterProvider(VDS_OBJECT_ID providerId, CLSID providerClsid, LPWSTR pwszName, VDS_PROVIDER_TYPE type,
                              LPWSTR pwszMachineName, LPWSTR pwszVersion, GUID guidVersionId) override {
@@ -537,14 +523,13 @@ public:
     }
 
 private:
-    ~VdsAdmin() = default;
+    ~VdsAdmin() override = default;
     HRESULT Failed(HRESULT hr, const std::string& message) {
         if (lastError_) *lastError_ = message;
         return hr;
     }
     std::string path_;
     std::string* lastError_;
-    std::atomic<long> ref_{1};
 };
 
 struct RegistrationContext {

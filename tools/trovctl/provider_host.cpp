@@ -1,4 +1,5 @@
 #include "provider_host.h"
+#include "host_object.h"
 
 #include <dlfcn.h>
 #include <limits.h>
@@ -10,25 +11,9 @@
 
 #include "platform/provider_ids.h"
 
-class ProviderHost::Sink final : public IVdsAdviseSink {
+class ProviderHost::Sink final : public trovctl::HostObject<IVdsAdviseSink> {
 public:
-    explicit Sink(NotifyFn fn) : fn_(std::move(fn)) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override {
-        if (!ppv) return E_POINTER;
-        if (riid == IID_IUnknown || riid == IID_IVdsAdviseSink) {
-            *ppv = static_cast<IVdsAdviseSink*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG AddRef() override { return static_cast<ULONG>(++ref_); }
-    ULONG Release() override {
-        long n = --ref_;
-        if (n == 0) delete this;
-        return static_cast<ULONG>(n);
-    }
+    explicit Sink(NotifyFn fn) : HostObject(IID_IVdsAdviseSink), fn_(std::move(fn)) {}
     HRESULT OnNotify(LONG lNumberOfNotifications, VDS_NOTIFICATION* pNotificationArray) override {
         if (!pNotificationArray) return E_POINTER;
         for (LONG i = 0; i < lNumberOfNotifications; ++i)
@@ -37,9 +22,8 @@ public:
     }
 
 private:
-    ~Sink() = default;
+    ~Sink() override = default;
     NotifyFn fn_;
-    std::atomic<long> ref_{1};
 };
 
 ProviderHost::ProviderHost() = default;
