@@ -205,6 +205,26 @@ void Shell::PrintKept() {
     for (const VDS_NOTIFICATION& n : kept) PrintNotification(n);
 }
 
+// Reads what is typed up to Enter into *line (at most about `limit` characters). True when the
+// line ended with Enter; false on Ctrl-C, the end of input or the limit.
+static bool ReadTerminalLine(std::string* line, size_t limit) {
+    bool done = false;
+    while (!done && (limit == std::string::npos || line->size() < limit)) {
+        if (WaitInput() != 1) break;
+        char buf[256];
+        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        for (ssize_t i = 0; i < n && !done; ++i) {
+            if (buf[i] == '\n' || buf[i] == '\r')
+                done = true;
+            else
+                *line += buf[i];
+        }
+    }
+    return done;
+}
+
 bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
     secret->clear();
     if (!mayAsk_ || !isatty(STDIN_FILENO)) return false;
@@ -218,20 +238,7 @@ bool Shell::AskSecret(const std::string& prompt, std::string* secret) {
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
     std::cerr << prompt << std::flush;
     std::string line;
-    bool done = false;
-    while (!done) {
-        if (WaitInput() != 1) break;  // Ctrl-C: nothing is taken
-        char buf[256];
-        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        for (ssize_t i = 0; i < n && !done; ++i) {
-            if (buf[i] == '\n' || buf[i] == '\r')
-                done = true;
-            else
-                line += buf[i];
-        }
-    }
+    bool done = ReadTerminalLine(&line, std::string::npos);  // Ctrl-C: nothing is taken
     tcsetattr(STDIN_FILENO, TCSANOW, &old);
     std::cerr << "\n" << std::flush;  // the Enter was not echoed
     if (done) secret->swap(line);
@@ -249,20 +256,7 @@ bool Shell::Confirm(const std::string& question) {
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &plain);
     std::cerr << question << " [y/N] " << std::flush;
     std::string line;
-    bool done = false;
-    while (!done && line.size() < 64) {
-        if (WaitInput() != 1) break;  // Ctrl-C: no answer is no
-        char buf[64];
-        ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        for (ssize_t i = 0; i < n && !done; ++i) {
-            if (buf[i] == '\n' || buf[i] == '\r')
-                done = true;
-            else
-                line += buf[i];
-        }
-    }
+    bool done = ReadTerminalLine(&line, 64);  // Ctrl-C: no answer is no
     tcsetattr(STDIN_FILENO, TCSANOW, &old);
     if (!done) std::cerr << "\n" << std::flush;
     std::string answer = Lower(line);
